@@ -1,0 +1,242 @@
+#include "context/platform.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "context/vesk_error.h"
+// The one look upwards: whether a receive limit is final depends on the server,
+// and only its proxy can tell. The call goes through the proxy's operations.
+#include "proxy/vesk_proxy.h"
+
+// One transfer of bytes, in either direction.
+struct Transfer {
+  vesk_request* req;
+  std::int32_t sock;
+  std::int32_t length;  // bytes wanted
+  std::int32_t count;   // bytes moved so far
+  bool peerClosed;      // receiving only
+};
+
+void initializeSocketTimeouts(vesk_request* /*req*/, std::int32_t* timeouts) {
+  timeouts[0] = kDefaultConnectTimeout;
+  timeouts[1] = kDefaultSendTimeout;
+  timeouts[2] = kDefaultRecvTimeout;
+}
+
+// An option that can't be set costs speed or a limit, not the connection.
+static void setSocketOptions(vesk_request* req, std::int32_t sock) {
+  int flags = fcntl(sock, F_GETFL);
+  if (flags < 0) {
+    req->lastError = errno;
+    req->log(req, "Warning: could not get socket flags: %s",
+             describeError(req->lastError));
+    flags = 0;
+  }
+  if (fcntl(sock, F_SETFL, flags | O_NONBLOCK) < 0) {
+    req->lastError = errno;
+    req->log(req, "Warning: could not set socket to non-blocking: %s",
+             describeError(req->lastError));
+  }
+  const int on = 1;
+  if (setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) < 0) {
+    req->lastError = errno;
+    req->log(req, "Warning: could not set TCP_NODELAY: %s",
+             describeError(req->lastError));
+  }
+}
+
+static std::int32_t pendingSocketError(vesk_request* req, std::int32_t sock) {
+  int error = 0;
+  socklen_t size = sizeof error;
+  if (getsockopt(sock, SOL_SOCKET, SO_ERROR, &error, &size) == 0) return error;
+  req->log(req, "Warning: could not get SO_ERROR: %s", describeError(errno));
+  return ECONNREFUSED;
+}
+
+// Waits for the end of a connect in progress: 0 or the error.
+static std::int32_t awaitConnect(vesk_request* req, std::int32_t sock) {
+  pollfd wait = {.fd = sock, .events = POLLOUT, .revents = 0};
+  const int ready = poll(&wait, 1, req->connectTimeout);
+  if (ready == 0) return ETIMEDOUT;
+  if (ready < 0) return errno;
+  if (wait.revents & POLLHUP) {
+    req->trace(req, "veskConnect: POLLHUP so ECONNREFUSED");
+    return ECONNREFUSED;
+  }
+  if (!(wait.revents & POLLOUT)) return pendingSocketError(req, sock);
+  return 0;
+}
+
+// One pass of a connect: 0, the error, or EINTR when it is to be made again. The
+// next pass then finds the connect in progress or made, which is no failure.
+static std::int32_t connectOnce(vesk_request* req, std::int32_t sock,
+                                const sockaddr_in* address) {
+  const auto* generic = static_cast<const sockaddr*>(static_cast<const void*>(address));
+  if (connect(sock, generic, sizeof *address) == 0) return 0;
+  const std::int32_t error = errno;
+  if (error == EISCONN) return 0;
+  if (error == EAGAIN || error == EINPROGRESS || error == EALREADY)
+    return awaitConnect(req, sock);
+  return error;
+}
+
+static void reportConnectFailure(vesk_request* req, std::int32_t sock, const char* dotted,
+                                 int port) {
+  req->log(req, "%s:%d connect failed[%d]: %d %s", dotted, port, sock, req->lastError,
+           describeError(req->lastError));
+}
+
+std::int32_t veskConnect(vesk_request* req, const sockaddr_in* address) {
+  const std::int32_t sock = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  if (sock < 0) {
+    req->lastError = errno;
+    req->log(req, "socket() %s", describeError(req->lastError));
+    return -1;
+  }
+  setSocketOptions(req, sock);
+
+  do {
+    req->lastError = connectOnce(req, sock, address);
+  } while (req->lastError == EINTR);
+
+  char dotted[INET_ADDRSTRLEN] = "";
+  (void)inet_ntop(AF_INET, &address->sin_addr, dotted, sizeof dotted);
+  const int port = ntohs(address->sin_port);
+  if (req->lastError != 0) {
+    reportConnectFailure(req, sock, dotted, port);
+    (void)close(sock);  // nothing was sent that a result could be about
+    return -1;
+  }
+  req->traceE(req, kTraceDetail, "%s:%d veskConnect [%d]", dotted, port, sock);
+  return sock;
+}
+
+static bool wantsMore(const Transfer* transfer) {
+  const std::int32_t error = transfer->req->lastError;
+  return transfer->count < transfer->length && !transfer->peerClosed &&
+         (error == 0 || error == EINTR);
+}
+
+// The end of a receive limit: 0 when the server still takes pings, else the error.
+static std::int32_t judgeRecvLimit(vesk_request* req, std::int32_t sock,
+                                   veskProxy* proxy) {
+  if (isShuttingDown()) {
+    req->traceE(req, kTraceDetail, "veskRecv [%d] shutdown", sock);
+    return ETIMEDOUT;
+  }
+  if (!proxy) return ETIMEDOUT;
+  // A signal in the pass before is no failure of this request, and would have the
+  // ping go without its connect while the server is in its retry pause.
+  req->lastError = 0;
+  if (!proxy->sendPing(proxy, req)) return ETIMEDOUT;
+  req->traceE(req, kTraceDetail,
+              "veskRecv [%d] timeout but server reachable so recv again", sock);
+  return 0;
+}
+
+// Waits for bytes to receive: 0 to go on, or the error.
+static std::int32_t awaitReadable(vesk_request* req, std::int32_t sock,
+                                  veskProxy* proxy) {
+  pollfd wait = {.fd = sock, .events = POLLIN, .revents = 0};
+  const int ready = poll(&wait, 1, req->recvTimeout);
+  if (ready == 0) return judgeRecvLimit(req, sock, proxy);
+  if (ready < 0) return errno;
+  if (wait.revents & POLLHUP) {
+    req->trace(req, "veskRecv: POLLHUP so ECONNRESET");
+    return ECONNRESET;
+  }
+  if (!(wait.revents & POLLIN)) {
+    req->trace(req, "veskRecv: POLLIN not set so ECONNRESET");
+    return ECONNRESET;
+  }
+  return 0;
+}
+
+// One pass; gives what lastError becomes. An error of the pass before, which can
+// only be EINTR, and what a ping left there do not outlive it.
+static std::int32_t recvPass(Transfer* transfer, void* buffer, veskProxy* proxy) {
+  const auto rest = static_cast<std::size_t>(transfer->length - transfer->count);
+  const ssize_t result =
+      recv(transfer->sock, static_cast<char*>(buffer) + transfer->count, rest, 0);
+  if (result >= 0) {
+    transfer->count += static_cast<std::int32_t>(result);
+    transfer->peerClosed = result == 0;
+    return 0;
+  }
+  if (errno != EAGAIN) return errno;
+  return awaitReadable(transfer->req, transfer->sock, proxy);
+}
+
+std::int32_t veskRecv(vesk_request* req, std::int32_t sock, void* buffer,
+                      std::int32_t length, veskProxy* proxy) {
+  Transfer transfer = {req, sock, length, 0, false};
+  req->lastError = 0;
+  while (wantsMore(&transfer)) req->lastError = recvPass(&transfer, buffer, proxy);
+
+  if (req->lastError == 0) return transfer.count;
+  req->trace(req, "recv failed[%d]: %d %s", sock, req->lastError,
+             describeError(req->lastError));
+  return -1;
+}
+
+static std::int32_t awaitWritable(vesk_request* req, std::int32_t sock) {
+  pollfd wait = {.fd = sock, .events = POLLOUT, .revents = 0};
+  const int ready = poll(&wait, 1, req->sendTimeout);
+  if (ready == 0) return ETIMEDOUT;
+  if (ready < 0) return errno;
+  if (wait.revents & POLLHUP) {
+    req->trace(req, "veskSend: POLLHUP so ECONNRESET");
+    return ECONNRESET;
+  }
+  if (!(wait.revents & POLLOUT)) {
+    req->trace(req, "veskSend: POLLOUT not set so ECONNRESET");
+    return ECONNRESET;
+  }
+  return 0;
+}
+
+// A server that has gone must not end the host's process, and how the process
+// deals with SIGPIPE is the host's affair: so no signal is raised at all.
+static std::int32_t sendPass(Transfer* transfer, const void* buffer) {
+  const auto rest = static_cast<std::size_t>(transfer->length - transfer->count);
+  const ssize_t result =
+      send(transfer->sock, static_cast<const char*>(buffer) + transfer->count, rest,
+           MSG_NOSIGNAL);
+  if (result >= 0) {
+    transfer->count += static_cast<std::int32_t>(result);
+    return 0;
+  }
+  if (errno != EAGAIN) return errno;
+  return awaitWritable(transfer->req, transfer->sock);
+}
+
+std::int32_t veskSend(vesk_request* req, std::int32_t sock, const void* buffer,
+                      std::int32_t length) {
+  Transfer transfer = {req, sock, length, 0, false};
+  req->lastError = 0;
+  while (wantsMore(&transfer)) req->lastError = sendPass(&transfer, buffer);
+
+  if (req->lastError == 0) return transfer.count;
+  req->trace(req, "send failed[%d]: %d %s", sock, req->lastError,
+             describeError(req->lastError));
+  return -1;
+}
+
+static void reportCloseFailure(vesk_request* req, const char* step, std::int32_t sock) {
+  const std::int32_t error = errno;
+  req->log(req, "socket %s[%d]: %d, %s", step, sock, error, describeError(error));
+}
+
+void veskCloseSocket(vesk_request* req, std::int32_t sock) {
+  req->traceE(req, kTraceDetail, "veskCloseSocket [%d]", sock);
+  // After EPIPE the sending side is shut already.
+  const bool shut = req->lastError == EPIPE || shutdown(sock, SHUT_WR) == 0;
+  if (!shut && errno != ENOTCONN) reportCloseFailure(req, "shutdown failed", sock);
+  if (close(sock) != 0) reportCloseFailure(req, "close fail", sock);
+}

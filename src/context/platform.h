@@ -1,0 +1,39 @@
+// TCP over IPv4 with a limit on every wait: the default socket operations.
+//
+// Sockets are non-blocking from connect to close, and each wait is a poll with
+// its own limit, taken from the request; a signal starts the wait anew. A receive
+// limit is not final while the server behind `proxy` still takes pings.
+//
+// Threads: any; a socket and a request belong to one thread at a time. Where a
+// `proxy` is given, its `lock` must not be held: a ping takes it.
+// Failure: -1 with lastError of the request, and one log or trace line.
+#pragma once
+
+#include "context/vesk_request.h"
+
+// The defaults, milliseconds.
+constexpr std::int32_t kDefaultConnectTimeout = 15000;
+constexpr std::int32_t kDefaultSendTimeout = 15000;
+constexpr std::int32_t kDefaultRecvTimeout = 300000;
+
+// Writes the defaults, in the order connect, send, receive. `req` is not used.
+void initializeSocketTimeouts(vesk_request* req, std::int32_t* timeouts);
+
+// A connected socket, or -1. Blocks; each wait lasts connectTimeout at most, and
+// a signal starts it anew.
+[[nodiscard]] std::int32_t veskConnect(vesk_request* req, const sockaddr_in* address);
+
+// Reads until `length` bytes have come or the peer has closed: the count, or -1.
+// Blocks; each wait lasts recvTimeout at most, a signal starts it anew, and it is
+// repeated while `proxy` takes a ping; with a null `proxy` the first limit that
+// passes is final. REQUIRES: `lock` of `proxy` is not held; a ping takes it.
+[[nodiscard]] std::int32_t veskRecv(vesk_request* req, std::int32_t sock, void* buffer,
+                                    std::int32_t length, veskProxy* proxy);
+
+// Sends all `length` bytes: the count, or -1. Blocks; each wait lasts sendTimeout
+// at most, and a signal starts it anew.
+[[nodiscard]] std::int32_t veskSend(vesk_request* req, std::int32_t sock,
+                                    const void* buffer, std::int32_t length);
+
+// Shuts down and closes. Leaves lastError alone.
+void veskCloseSocket(vesk_request* req, std::int32_t sock);

@@ -1,0 +1,74 @@
+#include "context/vesk_mutex.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdlib>
+
+// A mutex for when there is no host. Locks are never given back, so all of them
+// hang on one list: a leak check then finds them in use.
+struct FallbackMutex {
+  pthread_mutex_t mutex;
+  FallbackMutex* next;
+};
+
+// The head of that list. Threads push without a lock; nobody takes away.
+static FallbackMutex* fallbackMutexes;
+
+static void* fallbackInit() {
+  auto* made = static_cast<FallbackMutex*>(std::malloc(sizeof(FallbackMutex)));
+  if (!made) return nullptr;
+  if (pthread_mutex_init(&made->mutex, nullptr) != 0) {
+    std::free(made);
+    return nullptr;
+  }
+  const std::atomic_ref<FallbackMutex*> head(fallbackMutexes);
+  made->next = head.load();
+  while (!head.compare_exchange_weak(made->next, made)) {
+  }
+  return made;
+}
+
+static void fallbackEnter(void* lock) {
+  (void)pthread_mutex_lock(&static_cast<FallbackMutex*>(lock)->mutex);
+}
+
+static void fallbackExit(void* lock) {
+  (void)pthread_mutex_unlock(&static_cast<FallbackMutex*>(lock)->mutex);
+}
+
+static constexpr LockOperations kFallbackLocks = {
+    .init = fallbackInit, .enter = fallbackEnter, .exit = fallbackExit};
+
+static const LockOperations* lockOperations = &kFallbackLocks;
+
+void installLockOperations(const LockOperations* operations) {
+  lockOperations = operations ? operations : &kFallbackLocks;
+}
+
+static void reportBroken(vesk_request* req, const char* function) {
+  if (req) req->log(req, "%s - detected broken mutex!", function);
+}
+
+void initSync(vesk_request* req, void** lock, std::int32_t* held) {
+  *lock = lockOperations->init();
+  *held = 0;
+  if (!*lock && req) req->log(req, "initSync - the host gave no lock!");
+}
+
+void startSync(vesk_request* req, void** lock, std::int32_t* held) {
+  // Without a handle there is nothing to wait for, and the flag is unguarded.
+  if (!*lock) return;
+  lockOperations->enter(*lock);
+  if (*held == 1) reportBroken(req, "startSync");
+  *held = 1;
+}
+
+void stopSync(vesk_request* req, void** lock, std::int32_t* held) {
+  if (!*lock) return;
+  if (*held == 0) reportBroken(req, "stopSync");
+  *held = 0;
+  lockOperations->exit(*lock);
+}
+
+void freeSync(vesk_request* /*req*/, void** /*lock*/, std::int32_t* /*held*/) {}

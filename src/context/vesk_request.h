@@ -1,0 +1,183 @@
+// The per-request record: through it all connector logic reaches the outside.
+//
+// It carries the state of one request and a table of operations for whatever
+// the logic may ask of its surroundings: headers, body, response, memory, files,
+// log lines and sockets. init_vesk_request installs every default that needs no
+// host; a connector layer adds the six host operations and the log.
+//
+// Ownership: whoever declares a record owns it. At its end it needs
+// freeAttributes, freeAttributeNames and releaseKeptBlocks, in this order.
+// Threads: a record belongs to the thread that declared it. Nothing in it locks.
+// Failure: an operation that fails says so in its result and in `lastError`;
+// allocators log and give null, and never stop the process.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/time.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <type_traits>
+
+struct veskProxy;
+struct vesk_request;
+
+// One attribute of a request, newest first in the list.
+struct veskAttribute {
+  const char* name;   // a reference, valid until freeAttributes
+  const void* value;  // a reference, valid until freeAttributes
+  veskAttribute* next;
+  std::int32_t count;  // length of the list from this node on
+  std::int32_t size;   // bytes of `value`
+};
+
+// A block that lives until the request has ended; see keepBlock.
+struct veskKeptBlock {
+  veskKeptBlock* next;
+  void* block;
+};
+
+constexpr int kLogPrefixSize = 64;
+
+// What filled a record, in `connectorType`.
+constexpr std::int32_t kConnectorNone = 0;
+constexpr std::int32_t kConnectorNsapi = 3;
+
+struct vesk_request {
+  std::int32_t connectorType;  // kConnectorNone or kConnectorNsapi
+
+  // The host's objects, opaque here; null in globalRequest.
+  void* pb;  // parameters of the running stage
+  void* sn;  // the session
+  void* rq;  // the request
+
+  char logPrefix[kLogPrefixSize];  // names this request in log lines
+
+  std::int32_t lastError;        // 0, an errno value or an EVESK_ code
+  std::int32_t noClientOutput;   // 1: the host wants no body for this response
+  std::int32_t hasPostData;      // 1 while the request body may be read
+  std::int32_t responseStarted;  // 1 once body or an error page went out
+  std::int32_t deferError;       // 1: proxyerror logs and writes no page
+
+  veskAttribute* attributes;  // newest first, null when empty
+  char** attributeNames;      // last result of getAttributeNames, owned
+  // The client's headers in the host's order, both ended by null. The arrays
+  // are the record's, the texts the host's.
+  const char** headerNames;
+  const char** headerValues;
+  const char* uri;         // the host's text, null in globalRequest
+  const char* path;        // the host's text; set by the filter stage alone
+  std::int64_t startTime;  // milliseconds since the epoch
+  char* sessionId;         // owned while a request is dispatched, else null
+
+  // Milliseconds.
+  std::int32_t connectTimeout;
+  std::int32_t sendTimeout;
+  std::int32_t recvTimeout;
+
+  // Value of a request header or CGI-style variable, or null. Given back with
+  // freeHeader.
+  const char* (*getHeader)(vesk_request* req, const char* name);
+  void (*freeHeader)(vesk_request* req, const char* value);
+  // File path of a URI: a copy to release with `free`, or null.
+  char* (*getRealPath)(vesk_request* req, const char* uri);
+  // Reads at most `length` body bytes: the count, 0 at the end, -1 once when the
+  // client broke off. May block.
+  std::int32_t (*getPostData)(vesk_request* req, char* buffer, std::int32_t length);
+  void (*setStatus)(vesk_request* req, std::int32_t status, const char* reason);
+  void (*addHeader)(vesk_request* req, const char* name, const char* value);
+  // Sends body bytes to the client, the head of the response before the first:
+  // 0, or -1 with lastError. A length of 0 only starts the response. May block.
+  std::int32_t (*writeClient)(vesk_request* req, const char* buffer, std::int32_t length);
+
+  std::int32_t clientWriteFailures;  // consecutive ones; kept by writeClient
+
+  // Copies the newest value of that name to a destination of getAttributeSize
+  // bytes; without one the destination stays as it was.
+  void (*getAttribute)(vesk_request* req, const char* name, void* destination);
+  std::int32_t (*getAttributeSize)(vesk_request* req, const char* name);  // or 0
+  // Names, newest first, ended by null; null for none. The record owns them.
+  char** (*getAttributeNames)(vesk_request* req);
+  // Puts an attribute at the head; keeps references to name and value. On
+  // exhausted memory the list stays as it was.
+  void (*setAttribute)(vesk_request* req, const char* name, const void* value,
+                       std::int32_t size);
+  void (*freeAttributes)(vesk_request* req);  // the nodes, not what they refer to
+  void (*freeAttributeNames)(vesk_request* req);
+
+  // Memory that lasts no longer than the request. A size of 0 or below gives one
+  // byte; null on failure.
+  void* (*malloc)(vesk_request* req, std::int32_t size);
+  char* (*strdup)(vesk_request* req, const char* text);
+  void (*free)(vesk_request* req, void* block);
+  // Memory that outlives the request, with the same rules.
+  void* (*permMalloc)(vesk_request* req, std::int32_t size);
+  void (*permFree)(vesk_request* req, void* block);
+  char* (*permStrdup)(vesk_request* req, const char* text);
+
+  std::FILE* (*fileOpen)(vesk_request* req, const char* path, const char* mode);
+
+  // Log lines: always, with the option `verbose`, and with a trace flag (1 state
+  // changes and configuration, 2 fine detail, 4 dump of host variables). traceE is
+  // null in a record of init_allocators.
+  [[gnu::format(printf, 2, 3)]] void (*log)(vesk_request* req, const char* format, ...);
+  [[gnu::format(printf, 2, 3)]] void (*trace)(vesk_request* req, const char* format, ...);
+  [[gnu::format(printf, 3, 4)]] void (*traceE)(vesk_request* req, std::uint64_t flags,
+                                               const char* format, ...);
+
+  // The socket operations; their contracts stand in platform.h. All may block.
+  std::int32_t (*connect)(vesk_request* req, const sockaddr_in* address);
+  void (*closeSocket)(vesk_request* req, std::int32_t sock);
+  std::int32_t (*send)(vesk_request* req, std::int32_t sock, const void* buffer,
+                       std::int32_t length);
+  std::int32_t (*recv)(vesk_request* req, std::int32_t sock, void* buffer,
+                       std::int32_t length, veskProxy* proxy);
+
+  veskKeptBlock* keptBlocks;  // see keepBlock
+};
+static_assert(std::is_trivial_v<vesk_request> && std::is_standard_layout_v<vesk_request>);
+
+// Bits of veskEnabledTraceFlags.
+constexpr std::uint64_t kTraceState = 1;
+constexpr std::uint64_t kTraceDetail = 2;
+constexpr std::uint64_t kTraceDump = 4;
+
+// Process-wide settings: written before the first request, only read since.
+extern std::int32_t veskNSAPIVerbose;        // 1: `trace` writes
+extern std::uint64_t veskEnabledTraceFlags;  // mask of `traceE`
+extern std::int32_t veskUseApiAlloc;         // 1: request memory from the host's pool
+extern std::int32_t veskMetrics;             // 1: proxies collect metrics
+extern std::int32_t soTimeouts[3];           // connect, send, receive; milliseconds
+extern vesk_request globalRequest;           // for start-up and shutdown work
+
+// Whether the connector is shutting down. Set once; any thread may read.
+extern std::uint8_t gShutdown;
+[[nodiscard]] bool isShuttingDown();
+void setShuttingDown(bool on);
+
+// Clears the record and installs every default that needs no host. The six host
+// operations stay null and logging stays silent. Allocates nothing.
+void init_vesk_request(vesk_request* req);
+
+// Clears the record and installs the plain-heap allocators, a silent log and a
+// silent trace: enough for the property functions. In such a record traceE and
+// all other operations are null.
+void init_allocators(vesk_request* req);
+
+// Has the record release `block` with `free` once the request has ended: for
+// what attributes refer to. 0, or -1 when memory runs out; then the block stays
+// the caller's.
+[[nodiscard]] std::int32_t keepBlock(vesk_request* req, void* block);
+
+// Releases what keepBlock was given. Call it after freeAttributes.
+void releaseKeptBlocks(vesk_request* req);
+
+// Wall clock; tvToMillis gives milliseconds since the epoch.
+void gtod(timeval* now);
+[[nodiscard]] std::int64_t tvToMillis(const timeval* time);
+
+// The plain-heap allocators behind init_allocators, for code that has no record
+// at hand; `req` may be null. Silent; doStrdup of null is a copy of "".
+[[nodiscard]] void* doMalloc(vesk_request* req, std::int32_t size);
+[[nodiscard]] char* doStrdup(vesk_request* req, const char* text);
+void doFree(vesk_request* req, void* block);

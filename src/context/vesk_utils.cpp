@@ -1,0 +1,105 @@
+#include "context/vesk_utils.h"
+
+#include <cctype>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+using CaseFunction = int (*)(int);
+
+std::int64_t textLength(const char* text) {
+  return text ? static_cast<std::int64_t>(std::strlen(text)) : 0;
+}
+
+std::int32_t clampToInt32(std::int64_t number) {
+  if (number > INT_MAX) return INT_MAX;
+  if (number < INT_MIN) return INT_MIN;
+  return static_cast<std::int32_t>(number);
+}
+
+static std::int32_t replaceAll(char* text, char from, char to) {
+  if (!text) return 0;
+  std::int32_t replaced = 0;
+  for (char* at = std::strchr(text, from); at; at = std::strchr(at, from)) {
+    *at = to;
+    replaced = 1;
+  }
+  return replaced;
+}
+
+std::int32_t fromDashesToUnderscores(vesk_request* /*req*/, char* text) {
+  return replaceAll(text, '-', '_');
+}
+
+std::int32_t fromUnderscoresToDashes(vesk_request* /*req*/, char* text) {
+  return replaceAll(text, '_', '-');
+}
+
+// The <cctype> functions take bytes as unsigned values.
+static char convertByte(char byte, CaseFunction convert) {
+  return static_cast<char>(convert(static_cast<unsigned char>(byte)));
+}
+
+static void withDashes(const char* in, char* out, CaseFunction convert) {
+  for (; *in; ++in) *out++ = *in == '_' ? '-' : convertByte(*in, convert);
+  *out = '\0';
+}
+
+static void withUnderscores(const char* in, char* out, CaseFunction convert) {
+  for (; *in; ++in) *out++ = *in == '-' ? '_' : convertByte(*in, convert);
+  *out = '\0';
+}
+
+void toUpperCaseWithDashes(vesk_request* /*req*/, const char* in, char* out) {
+  withDashes(in, out, std::toupper);
+}
+
+void toUpperCaseWithUnderscores(vesk_request* /*req*/, const char* in, char* out) {
+  withUnderscores(in, out, std::toupper);
+}
+
+void toLowerCaseWithDashes(vesk_request* /*req*/, const char* in, char* out) {
+  withDashes(in, out, std::tolower);
+}
+
+void toLowerCaseWithUnderscores(vesk_request* /*req*/, const char* in, char* out) {
+  withUnderscores(in, out, std::tolower);
+}
+
+// Bytes that `text` takes with each '%' written as three; the NUL not counted.
+static std::int64_t encodedLength(const char* text) {
+  std::int64_t length = 0;
+  for (; *text; ++text) length += *text == '%' ? 3 : 1;
+  return length;
+}
+
+static void encodeInto(char* out, const char* in) {
+  for (; *in; ++in) {
+    *out++ = *in;
+    if (*in != '%') continue;
+    *out++ = '2';
+    *out++ = '5';
+  }
+  *out = '\0';
+}
+
+char* EncodePercentage(vesk_request* req) {
+  if (!req->uri || !std::strchr(req->uri, '%')) return nullptr;
+
+  const std::int64_t size = encodedLength(req->uri) + 1;
+  if (size > INT_MAX) return nullptr;
+  char* text = static_cast<char*>(req->malloc(req, static_cast<std::int32_t>(size)));
+  if (!text) return nullptr;
+
+  encodeInto(text, req->uri);
+  req->uri = text;
+  return text;
+}
+
+std::int64_t hexstrtol(const char* text) {
+  constexpr int kHexadecimal = 16;
+  if (!text) return 0;
+  char* end = nullptr;
+  const std::int64_t number = std::strtol(text, &end, kHexadecimal);
+  return *end ? 0 : number;
+}

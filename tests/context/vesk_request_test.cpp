@@ -1,0 +1,97 @@
+#include "context/vesk_request.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "context/vesk_error.h"
+#include "support/recorded_request.h"
+
+TEST(request, freshRecordsAreUsableAndSilent) {
+  vesk_request full;
+  vesk_request small;
+  std::memset(&full, 0x5A, sizeof full);
+  timeval now;
+  gtod(&now);
+  init_vesk_request(&full);
+  init_allocators(&small);
+
+  EXPECT_LT(std::abs(full.startTime - tvToMillis(&now)), 60000);
+  EXPECT_EQ(full.getHeader, nullptr);
+  EXPECT_EQ(full.getAttributeNames(&full), nullptr);
+  EXPECT_EQ(full.strdup(&full, nullptr), nullptr);
+  full.traceE(&full, ~std::uint64_t{0}, "%d", 1);
+  for (vesk_request* req : {&full, &small}) {
+    for (const std::int32_t size : {0, -1, INT32_MIN}) {
+      auto* block = static_cast<char*>(req->malloc(req, size));
+      ASSERT_NE(block, nullptr);
+      *block = 'x';  // one byte: the sanitizer would see less
+      req->free(req, block);
+    }
+  }
+}
+
+TEST(request, copiesThatFailNameTheirFamily) {
+  RecordedRequest t;
+  vesk_request plain;
+  init_vesk_request(&plain);
+  plain.rq = &t;
+  plain.log = t.req->log;
+  plain.malloc = [](vesk_request*, std::int32_t) -> void* { return nullptr; };
+  plain.permMalloc = plain.malloc;
+
+  EXPECT_EQ(plain.strdup(&plain, "abc"), nullptr);
+  EXPECT_EQ(plain.permStrdup(&plain, "abcde"), nullptr);
+  plain.free(&plain, nullptr);
+
+  EXPECT_EQ(t.all(),
+            "log: strdup(3) failed!\nlog: perm_strdup(5) failed!\nlog: free(null) !\n");
+}
+
+TEST(attributes, newestOfANameIsFoundAndBothAreNamed) {
+  RecordedRequest t;
+  for (const char* value : {"old!", "new"})
+    t.req->setAttribute(t.req, "a", value, static_cast<std::int32_t>(strlen(value)));
+  t.req->setAttribute(t.req, "b", "x", 1);
+  char found[4] = "...";
+
+  EXPECT_EQ(t.req->getAttributeSize(t.req, "a"), 3);
+  EXPECT_EQ(t.req->getAttributeSize(t.req, "A"), 0);
+  t.req->getAttribute(t.req, "none", found);
+  EXPECT_STREQ(found, "...");
+  t.req->getAttribute(t.req, "a", found);
+  EXPECT_STREQ(found, "new");
+  (void)t.req->getAttributeNames(t.req);
+  char** names = t.req->getAttributeNames(t.req);
+  EXPECT_EQ(std::string(names[0]) + names[1] + names[2], "baa");
+  EXPECT_EQ(names[3], nullptr);
+
+  t.req->freeAttributeNames(t.req);
+  t.req->freeAttributes(t.req);
+  EXPECT_EQ(t.leaks(), 0);
+}
+
+TEST(attributes, exhaustedMemoryLeavesListAndNamesWhole) {
+  for (int failing = 1; failing <= 6; ++failing) {
+    RecordedRequest t;
+    t.failAllocation = failing;
+    t.req->setAttribute(t.req, "a", "1", 1);
+    t.req->setAttribute(t.req, "b", "22", 2);
+    ASSERT_NE(t.req->attributes, nullptr);
+    EXPECT_EQ(t.req->attributes->count, failing <= 2 ? 1 : 2);
+    char** names = t.req->getAttributeNames(t.req);
+    EXPECT_EQ(names == nullptr, failing > 2 && failing < 6) << failing;
+    EXPECT_EQ(names, t.req->attributeNames);
+    t.req->freeAttributeNames(t.req);
+    t.req->freeAttributes(t.req);
+    EXPECT_EQ(t.leaks(), 0) << failing;
+  }
+}
+
+TEST(describeError, givesConstantTextsAndTheLibrarysForTheRest) {
+  EXPECT_STREQ(describeError(EVESK_BUSY), "Vesk too busy or out of memory");
+  EXPECT_STREQ(describeError(EVESK_PROTOCOL), "Vesk connector protocol out of sync");
+  EXPECT_STREQ(describeError(EVESK_CLIENT_DOWN), "-12 Unknown error -12");
+  EXPECT_STREQ(describeError(0), "0 Success");
+}
