@@ -1,0 +1,210 @@
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+
+#include "context/request_block.h"
+#include "properties/vesk_property.h"
+
+constexpr char kEndOfText = 0x1A;
+
+// What one line of property text was.
+enum class Line { skipped, pair, last };
+
+// A run of bytes in the text.
+struct Extent {
+  const char* start;
+  std::int64_t length;
+};
+
+struct Parser {
+  vesk_request* req;
+  propertyTable* table;
+  const char* at;  // the next byte
+  Extent key;      // of the line in hand
+  Extent value;    // raw: escapes and carriage returns still in it
+};
+
+static Line skipComment(Parser* parser) {
+  const char* end = std::strchr(parser->at, '\n');
+  if (!end) return Line::last;
+  parser->at = end + 1;
+  return Line::skipped;
+}
+
+// Cuts out the value at `at`. Carriage returns belong to the raw value; the byte
+// that ends them, whatever it is, is consumed as the line end.
+static void scanValue(Parser* parser) {
+  const char* start = parser->at;
+  const char* end = start + std::strcspn(start, "\r\n");
+  while (*end == '\r') ++end;
+  parser->value = {.start = start, .length = end - start};
+  parser->at = *end == '\0' ? end : end + 1;
+}
+
+// Cuts out the pair of a line. Its first byte belongs to the key, even a '='.
+static Line scanPair(Parser* parser) {
+  const char* start = parser->at;
+  const char* end = start + 1 + std::strcspn(start + 1, "=\r\n");
+  if (*end == '\0') return Line::last;
+
+  parser->key = {.start = start, .length = end - start};
+  parser->at = end + 1;
+  if (*end != '=') {
+    vesk_request* req = parser->req;
+    const std::int64_t shown =
+        parser->key.length < INT_MAX ? parser->key.length : INT_MAX;
+    req->trace(req, "property %.*s has no value. skipping.", static_cast<int>(shown),
+               start);
+    return Line::skipped;
+  }
+  scanValue(parser);
+  return Line::pair;
+}
+
+static Line scanLine(Parser* parser) {
+  switch (*parser->at) {
+    case '\0':
+    case kEndOfText:
+      return Line::last;
+    case '#':
+      return skipComment(parser);
+    case '\r':
+    case '\n':
+      ++parser->at;
+      return Line::skipped;
+    default:
+      return scanPair(parser);
+  }
+}
+
+// A permanent block for `length` bytes and a NUL, or null.
+static char* newText(vesk_request* req, std::int64_t length) {
+  if (length >= INT_MAX) return nullptr;
+  return static_cast<char*>(req->permMalloc(req, static_cast<std::int32_t>(length + 1)));
+}
+
+static char* copyKey(vesk_request* req, const Extent* key) {
+  char* copy = newText(req, key->length);
+  if (!copy) return nullptr;
+  std::memcpy(copy, key->start, static_cast<std::size_t>(key->length));
+  copy[key->length] = '\0';
+  return copy;
+}
+
+// A backslash or carriage return goes, and protects the byte behind it.
+static char* copyValue(vesk_request* req, const Extent* value) {
+  char* copy = newText(req, value->length);
+  if (!copy) return nullptr;
+  char* out = copy;
+  const char* end = value->start + value->length;
+  for (const char* in = value->start; in < end; ++in) {
+    if (*in == '\\' || *in == '\r') ++in;
+    if (in < end) *out++ = *in;
+  }
+  *out = '\0';
+  return copy;
+}
+
+// Adds the pair in hand. False when memory runs out: the parse ends then.
+static bool addParsedPair(Parser* parser) {
+  vesk_request* req = parser->req;
+  char* key = copyKey(req, &parser->key);
+  if (!key) return false;
+  char* value = copyValue(req, &parser->value);
+  if (!value) {
+    req->permFree(req, key);
+    return false;
+  }
+  req->trace(req, "  %.100s = %.200s", key, value);
+  if (addProperty1(req, parser->table, key, value) < 0) {
+    req->permFree(req, key);
+    req->permFree(req, value);
+  }
+  return true;
+}
+
+// Takes one line; false after the last.
+static bool parseLine(Parser* parser) {
+  switch (scanLine(parser)) {
+    case Line::skipped:
+      return true;
+    case Line::pair:
+      return addParsedPair(parser);
+    case Line::last:
+      break;
+  }
+  return false;
+}
+
+propertyTable* parseProperties(vesk_request* req, const char* text) {
+  auto* table = static_cast<propertyTable*>(req->permMalloc(req, sizeof(propertyTable)));
+  if (!table) return nullptr;
+  table->count = 0;
+  Parser parser = {
+      .req = req, .table = table, .at = text, .key = {nullptr, 0}, .value = {nullptr, 0}};
+  while (parseLine(&parser)) {
+  }
+  return table;
+}
+
+// Bytes of an open file; 0 when it can't be told; -1 for what holds no text.
+static std::int64_t sizeOfFile(std::FILE* file) {
+  struct stat status;
+  if (fstat(fileno(file), &status) == 0 && S_ISDIR(status.st_mode)) return -1;
+  if (std::fseek(file, 0, SEEK_END) != 0) return 0;
+  const long size = std::ftell(file);
+  return size < 0 ? 0 : size;
+}
+
+// Reads a file of `size` bytes into the block: whether anything was read.
+static bool readWhole(std::FILE* file, char* bytes, std::int64_t size) {
+  if (std::fseek(file, 0, SEEK_SET) != 0) return false;
+  const std::size_t count = std::fread(bytes, 1, static_cast<std::size_t>(size), file);
+  bytes[count] = '\0';
+  return count > 0;
+}
+
+static propertyTable* loadFromFile(vesk_request* req, std::FILE* file, const char* path) {
+  const std::int64_t size = sizeOfFile(file);
+  if (size == 0) return nullptr;
+  if (size < 0 || size >= INT_MAX) {
+    req->log(req, "could not read data in %s", path);
+    return nullptr;
+  }
+  const RequestBlock text{req, req->malloc(req, static_cast<std::int32_t>(size + 1))};
+  if (!text.bytes) return nullptr;
+  if (!readWhole(file, text.bytes, size)) {
+    req->log(req, "could not read data in %s", path);
+    return nullptr;
+  }
+  return parseProperties(req, text.bytes);
+}
+
+propertyTable* loadProperties(vesk_request* req, const char* path) {
+  req->trace(req, "loadProperties(%s)", path);
+  std::FILE* file = std::fopen(path, "rt");
+  if (!file) {
+    char reason[256];
+    req->log(req, "could not open %s: %s", path,
+             strerror_r(errno, reason, sizeof reason));
+    return nullptr;
+  }
+  propertyTable* table = loadFromFile(req, file, path);
+  (void)std::fclose(file);  // it was only read
+  return table;
+}
+
+propertyTable* loadProperties1(const char* path) {
+  vesk_request silent;
+  init_allocators(&silent);
+  return loadProperties(&silent, path);
+}
+
+propertyTable* parseProperties1(const char* text) {
+  vesk_request silent;
+  init_allocators(&silent);
+  return parseProperties(&silent, text);
+}
