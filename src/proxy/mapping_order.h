@@ -1,0 +1,23 @@
+// The order in which a server's mappings are tried.
+//
+// Ownership: tables and entries are the caller's; what sortMappings puts into a
+// table comes from permMalloc and is the table's.
+// Threads: any; no lock is taken. sortMappings needs a table that no other thread
+// sees yet; the others are pure functions.
+// Failure: none; without memory a pattern keeps the form that it has.
+#pragma once
+
+#include "properties/vesk_property.h"
+
+// Characters from the start of a pattern's path part to its first '*' or its end.
+[[nodiscard]] std::int32_t prefixlen(const char* pattern);
+// Characters behind the first '*' of a pattern; 0 when it has none.
+[[nodiscard]] std::int32_t extlen(const char* pattern);
+
+// 1 when `first` must stand before `second`, else 0. Reads only the keys.
+[[nodiscard]] std::int32_t longerThan(const property* first, const property* second);
+
+// Rewrites '/path/*' as '/path*', drops what that makes double, and sorts the
+// table by longerThan, in place and stable. The new patterns are allocated with
+// permMalloc; one for which there is no memory stays as it is and is sorted so.
+void sortMappings(vesk_request* req, propertyTable* table);

@@ -1,0 +1,79 @@
+#include "proxy/proxy_error.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "context/request_block.h"
+#include "context/vesk_error.h"
+
+constexpr std::int32_t kPageSize = 1024;  // longest page and its NUL; more is cut
+constexpr std::int32_t kServiceUnavailable = 503;
+
+constexpr char kPageText[] =
+    "<H2>Server Error</H2>The server encountered an internal error and was unable to "
+    "complete your request.";
+
+struct ErrorMessages {
+  std::int32_t error;
+  const char* statusMessage;  // in trace lines only
+  const char* errorMessage;   // what the page shows
+};
+
+constexpr ErrorMessages kErrorMessages[] = {
+    {ECONNRESET, "Vesk unexpectedly closed connection", "Vesk closed connection"},
+    {EPIPE, "Vesk unexpectedly closed connection", "Vesk closed connection"},
+    {ESHUTDOWN, "Vesk unexpectedly closed connection", "Vesk closed connection"},
+    {ETIMEDOUT, "Could not connect to Vesk", "Could not connect to Vesk Server"},
+    {ECONNREFUSED, "Could not connect to Vesk", "Could not connect to Vesk Server"},
+    {EVESK_BUSY,
+     "Application server is busy.  Either there are too many concurrent requests or "
+     "server still starting up",
+     "Application server is busy.  Either there are too many concurrent requests or the "
+     "server still is starting up"},
+    {EVESK_CLIENT_DOWN, "Couldn't write back to client",
+     "WriteClient failed. Browser of other client probably shut down"},
+};
+
+constexpr ErrorMessages kOtherError = {0, "Vesk Connector protocol error",
+                                       "Vesk Connector Protocol Error"};
+
+static const ErrorMessages& messagesFor(std::int32_t error) {
+  for (const ErrorMessages& row : kErrorMessages)
+    if (row.error == error) return row;
+  return kOtherError;
+}
+
+static void sendPage(vesk_request* req, char* page, const char* message) {
+  const int length =
+      std::snprintf(page, kPageSize, "%s<P><B>%s.</B>", kPageText, message);
+  req->setStatus(req, kServiceUnavailable, "Server Error");
+  req->addHeader(req, "content-type", "text/html");
+  (void)req->writeClient(req, page, length);  // there is nobody else to tell
+  req->responseStarted = 1;
+}
+
+void proxyerror(vesk_request* req, veskProxy* proxy) {
+  const std::int32_t error = req->lastError;
+  const ErrorMessages& messages = messagesFor(error);
+  if (error == EVESK_CLIENT_DOWN) {
+    req->trace(req, "proxyerror: EVESK_CLIENT_DOWN: statusMsg: %s, errorMsg: %s",
+               messages.statusMessage, messages.errorMessage);
+    return;
+  }
+  if (req->deferError) {
+    req->log(req, "%s deferred error: %s : %d: %s", proxy ? proxy->name : "<null>",
+             messages.errorMessage, error, describeError(error));
+    return;
+  }
+
+  RequestBlock page{req, req->malloc(req, kPageSize)};
+  req->log(req, "returning error page for %s", describeError(error));
+  req->trace(req, "proxyerror: statusMsg: %s, errorMsg: %s", messages.statusMessage,
+             messages.errorMessage);
+  if (!page.bytes) {
+    req->log(req, "   proxyerror: <error: out of memory>");
+    return;
+  }
+  sendPage(req, page.bytes, messages.errorMessage);
+}

@@ -1,0 +1,238 @@
+#include "proxy/proxy_pool.h"
+
+#include <arpa/inet.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "context/vesk_error.h"
+#include "context/vesk_mutex.h"
+#include "context/vesk_utils.h"
+#include "proxy/wire.h"
+
+enum class Opening { answered, sendFailed, noAnswer };
+
+struct OpeningFrame {
+  const char* bytes;
+  std::int32_t length;
+};
+
+proxyPool* initPool(vesk_request* req, veskProxy* proxy, const char* host,
+                    std::int32_t port) {
+  auto* pool = static_cast<proxyPool*>(req->permMalloc(req, sizeof(proxyPool)));
+  if (!pool) return nullptr;
+  std::memset(pool, 0, sizeof *pool);
+  pool->address.sin_family = AF_INET;
+  pool->address.sin_addr.s_addr = inet_addr(host);
+  pool->address.sin_port = htons(static_cast<std::uint16_t>(port));
+  req->trace(req, "%s initPool finished", proxy->name);
+  return pool;
+}
+
+// The head of the idle list, marked as pooled by a link to itself, or null.
+// REQUIRES: `lock`.
+static VeskConnection* takeIdleLocked(veskProxy* proxy) {
+  VeskConnection* connection = proxy->pool->freeConnections;
+  if (!connection) return nullptr;
+  proxy->pool->freeConnections = connection->next;
+  connection->next = connection;
+  return connection;
+}
+
+// Whether this request has to do without a connect: it has failed before, and
+// the server is in its retry pause. A first try always connects.
+// REQUIRES: `lock`.
+static bool isConnectDeferredLocked(vesk_request* req, veskProxy* proxy) {
+  if (req->lastError == 0) return false;
+  const std::int64_t secondsLeft = getProxyRetryTime(proxy) - std::time(nullptr);
+  if (secondsLeft <= 0) return false;
+  req->traceE(req, kTraceState, "%s connect deferred %d secs, error %d", proxy->name,
+              clampToInt32(secondsLeft), req->lastError);
+  return true;
+}
+
+// Marks the server as down. A temp proxy has no mark.
+// REQUIRES: `lock`.
+static void markUnreachableLocked(vesk_request* req, veskProxy* proxy, std::int64_t now) {
+  setNextProxyRetryTime(req, proxy, now);
+  setProxyActive(proxy, false);
+}
+
+// The record of a socket that has just connected, once a ping has gone out on it;
+// null with lastError and the socket closed.
+static VeskConnection* newPingedConnection(vesk_request* req, veskProxy* proxy,
+                                           std::int32_t sock) {
+  if (sendPingMsg(req, proxy, sock) < 0) {
+    req->closeSocket(req, sock);
+    return nullptr;
+  }
+  auto* connection =
+      static_cast<VeskConnection*>(req->permMalloc(req, sizeof(VeskConnection)));
+  if (!connection) {
+    req->closeSocket(req, sock);
+    req->lastError = ENOBUFS;
+    return nullptr;
+  }
+  connection->next = nullptr;
+  connection->socket = sock;
+  return connection;
+}
+
+static void noteConnectFailure(vesk_request* req, veskProxy* proxy) {
+  if (isVeskServerUnreachable(req, 1)) {
+    SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
+    // The time is taken now: a connect may have lasted as long as the pause.
+    markUnreachableLocked(req, proxy, std::time(nullptr));
+  }
+  req->trace(req, "%s connect failed: %d %s, no sock added to pool", proxy->name,
+             req->lastError, describeError(req->lastError));
+}
+
+static VeskConnection* connectNew(vesk_request* req, veskProxy* proxy) {
+  const sockaddr_in address = proxy->pool->address;
+  const std::int32_t sock = req->connect(req, &address);
+  VeskConnection* connection = sock < 0 ? nullptr : newPingedConnection(req, proxy, sock);
+  if (!connection) noteConnectFailure(req, proxy);
+  return connection;
+}
+
+VeskConnection* getVeskConnectionFromPool(veskProxy* proxy, vesk_request* req) {
+  if (isShuttingDown()) return nullptr;
+
+  VeskConnection* idle = nullptr;
+  bool deferred = false;
+  {
+    SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
+    idle = takeIdleLocked(proxy);
+    if (!idle) deferred = isConnectDeferredLocked(req, proxy);
+  }
+  if (deferred) return nullptr;
+  if (!idle) return connectNew(req, proxy);
+
+  req->trace(req, "%s pooled socket [%d] returned", proxy->name, idle->socket);
+  return idle;
+}
+
+void returnVeskConnectionToPool(vesk_request* req, veskProxy* proxy,
+                                VeskConnection* connection) {
+  // Once it lies in the list another thread may take and free it.
+  const std::int32_t sock = connection->socket;
+  {
+    SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
+    setProxyRetryTime(proxy, 0);
+    connection->next = proxy->pool->freeConnections;
+    proxy->pool->freeConnections = connection;
+  }
+  req->trace(req, "%s returned socket [%d] to pool", proxy->name, sock);
+}
+
+// Whether an error on one connection makes the idle ones suspect. A timeout and
+// a lack of memory tell nothing about them, nor do the connector's own codes.
+static bool spoilsIdleConnections(std::int32_t error) {
+  return error > 0 && error != ETIMEDOUT && error != ENOBUFS;
+}
+
+// REQUIRES: `lock`.
+static void noteLostConnectionLocked(vesk_request* req, veskProxy* proxy,
+                                     std::int64_t now) {
+  if (isVeskServerUnreachable(req, 0)) {
+    markUnreachableLocked(req, proxy, now);
+    req->traceE(req, kTraceDetail, "%s server unreachable, set proxy retry timer",
+                proxy->name);
+  } else {
+    setProxyRetryTime(proxy, 0);
+  }
+  if (spoilsIdleConnections(req->lastError)) proxy->destroyPooledSockets(req, proxy);
+  if (proxy->mapCheckInterval != 0) setMapCheckTime(proxy, now - 1);
+}
+
+void destroyVeskConnection(vesk_request* req, veskProxy* proxy,
+                           VeskConnection* connection) {
+  const std::int64_t now = std::time(nullptr);
+  {
+    SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
+    req->trace(req, "%s destroying/closing socket [%d] error %d", proxy->name,
+               connection->socket, req->lastError);
+    noteLostConnectionLocked(req, proxy, now);
+  }
+  req->closeSocket(req, connection->socket);
+  req->permFree(req, connection);
+}
+
+void proxy_destroyPooledSockets(vesk_request* req, veskProxy* proxy) {
+  if (!proxy->pool || !proxy->pool->freeConnections) return;
+  req->traceE(req, kTraceDetail, "%s freeing pooled sockets", proxy->name);
+  while (VeskConnection* connection = proxy->pool->freeConnections) {
+    proxy->pool->freeConnections = connection->next;
+    req->closeSocket(req, connection->socket);
+    req->permFree(req, connection);
+  }
+}
+
+std::int32_t sendPingMsg(vesk_request* req, veskProxy* proxy, std::int32_t sock) {
+  char ping[kWordSize];
+  putWord(ping, PROXY_PING);
+  const std::int32_t result = sendBytes(req, ping, kWordSize, sock);
+  if (result < 0) {
+    req->traceE(req, kTraceState, "%s couldn't ping via [%d]", proxy->name, sock);
+  } else {
+    req->traceE(req, kTraceDetail, "%s is reachable", proxy->name);
+  }
+  return result;
+}
+
+static Opening openConversation(vesk_request* req, veskProxy* proxy, std::int32_t sock,
+                                const OpeningFrame& frame, std::int32_t* outCommand) {
+  if (sendBytes(req, frame.bytes, frame.length, sock) < 0) return Opening::sendFailed;
+  if (readWord(req, sock, proxy, outCommand) < 0) return Opening::noAnswer;
+  return Opening::answered;
+}
+
+VeskConnection* sendCommand(veskProxy* proxy, vesk_request* req, const char* frame,
+                            std::int32_t length, std::int32_t* outCommand) {
+  // No counter is needed: each pass that goes on has used up a pooled connection,
+  // and a new one ends the loop either way.
+  for (;;) {
+    VeskConnection* connection = getVeskConnectionFromPool(proxy, req);
+    if (!connection) return nullptr;
+    const bool pooled = connection->next != nullptr;
+    const std::int32_t sock = connection->socket;
+
+    const Opening outcome =
+        openConversation(req, proxy, sock, {frame, length}, outCommand);
+    if (outcome == Opening::answered) return connection;
+    destroyVeskConnection(req, proxy, connection);
+
+    if (pooled && outcome == Opening::sendFailed)
+      req->traceE(req, kTraceState, "%s send was pooled, trying again", proxy->name);
+    if (!pooled && outcome == Opening::noAnswer)
+      req->log(req, "Vesk closed connection. [%d] dropped while sending command", sock);
+    if (!pooled) return nullptr;
+  }
+}
+
+std::int32_t readCommand(vesk_request* req, veskProxy* proxy, std::int32_t sock,
+                         std::int32_t* outCommand) {
+  if (readWord(req, sock, proxy, outCommand) == 0) return 0;
+  req->log(req, "command error: %s <- [%d]", describeError(req->lastError), sock);
+  return -1;
+}
+
+bool endsConversation(std::int32_t command) {
+  return command <= 0 || command == PROXY_FINISH;
+}
+
+Next readClusterSequence(vesk_request* req, veskProxy* proxy,
+                         const ClusterSequence& sequence) {
+  std::int32_t number = 0;
+  if (readWord(req, sequence.sock, proxy, &number) < 0) {
+    req->trace(req, "PROXY_PUT_CLUSTER_SEQ <- [%d]", sequence.sock);
+    req->log(req, "Failed to read cluster update from %s", proxy->name);
+    return Next::abort;
+  }
+  req->traceE(req, sequence.traceFlag, "PROXY_PUT_CLUSTER_SEQ <- [%d] seq %d",
+              sequence.sock, number);
+  if (sequence.out) *sequence.out = number;
+  return Next::readCommand;
+}

@@ -1,0 +1,112 @@
+#include "proxy/proxy_refresh.h"
+
+#include <ctime>
+
+#include "context/vesk_mutex.h"
+#include "properties/vesk_property.h"
+#include "proxy/mapping_order.h"
+#include "proxy/proxy_pool.h"
+#include "proxy/proxy_props.h"
+
+std::int32_t proxy_sendPing(veskProxy* proxy, vesk_request* req) {
+  // Ends: each pass that goes on has used up a pooled connection.
+  for (;;) {
+    VeskConnection* connection = getVeskConnectionFromPool(proxy, req);
+    if (!connection) return 0;
+    if (sendPingMsg(req, proxy, connection->socket) >= 0) {
+      returnVeskConnectionToPool(req, proxy, connection);
+      return 1;
+    }
+    const bool pooled = connection->next != nullptr;
+    destroyVeskConnection(req, proxy, connection);
+    if (!pooled) return 0;  // a pooled one may just have gone stale
+  }
+}
+
+std::int32_t proxy_isAlive(veskProxy* proxy, vesk_request* req) {
+  const std::int64_t now = std::time(nullptr);
+  // Read without the lock: an old value costs one ping or puts one off.
+  const std::int64_t retryTime = getProxyRetryTime(proxy);
+  if (retryTime == 0 || retryTime > now) return 0;
+  {
+    SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
+    if (getProxyRetryTime(proxy) > now) return 0;  // another thread has moved it
+  }
+  return proxy->sendPing(proxy, req);
+}
+
+static bool isRefreshDue(const veskProxy* proxy, std::int64_t now) {
+  // Read without the lock: claimRefresh looks again, and an old retry time costs
+  // one connect or puts one refresh off.
+  return getMapCheckTime(proxy) <= now && getProxyRetryTime(proxy) <= now;
+}
+
+// Takes a refresh that is due, so that no other thread starts it; false when one
+// has.
+static bool claimRefresh(veskProxy* proxy, vesk_request* req, std::int64_t now) {
+  SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
+  if (getMapCheckTime(proxy) > now) return false;
+  setNextMapCheckTime(req, proxy, now);
+  return true;
+}
+
+static void traceFirstInstall(veskProxy* proxy, vesk_request* req) {
+  if (proxy->mapCheckInterval != 0) {
+    req->trace(req, "Mappings for %s will be refreshed every %d seconds.", proxy->name,
+               proxy->mapCheckInterval);
+  } else {
+    req->trace(req,
+               "Mappings for %s will not be refreshed. VeskProxyService mapcheck "
+               "attribute is 0.",
+               proxy->name);
+  }
+}
+
+// Puts a sorted table in place: the old one, or null. The count of the old table
+// is read under the lock as well: a slow refresh may be overtaken by the next.
+static propertyTable* swapMappings(veskProxy* proxy, vesk_request* req,
+                                   propertyTable* table) {
+  SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
+  propertyTable* old = proxy->mappings;
+  req->trace(req, "old mappings count: %d", old ? old->count : 0);
+  proxy->mappings = table;
+  if (!old) traceFirstInstall(proxy, req);
+  return old;
+}
+
+static void installMappings(veskProxy* proxy, vesk_request* req, propertyTable* table) {
+  sortMappings(req, table);
+  req->trace(req, "installing new mappings for %s count: %d", proxy->name, table->count);
+  propertyTable* old = swapMappings(proxy, req, table);
+  if (!old) return;
+  req->trace(req, "Deleting old mappings...");
+  freeProperties(req, old);
+}
+
+// An interval of 0 has just switched the timer off: it comes back for one try.
+static void noteFailedRefresh(veskProxy* proxy, vesk_request* req, std::int64_t now) {
+  std::int32_t seconds = proxy->mapCheckInterval;
+  if (seconds == 0) {
+    seconds = kRefreshRetrySeconds;
+    SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
+    setMapCheckTime(proxy, now + seconds);
+  }
+  req->traceE(req, kTraceState, "could not get mappings, checking again in %d seconds",
+              seconds);
+}
+
+std::int32_t proxy_refreshMappings(veskProxy* proxy, vesk_request* req) {
+  const std::int64_t now = std::time(nullptr);
+  if (!isRefreshDue(proxy, now)) return 1;
+  if (!claimRefresh(proxy, req, now)) return -1;
+
+  req->trace(req, "refreshing mappings for %s", proxy->name);
+  propertyTable* table = fetchProps(req, proxy, "servlet-mappings", nullptr);
+  if (!table || table->count == 0) {
+    freeProperties(req, table);
+    noteFailedRefresh(proxy, req, now);
+    return -1;
+  }
+  installMappings(proxy, req, table);
+  return 0;
+}

@@ -1,0 +1,144 @@
+#include "proxy/vesk_proxy.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+#include "context/vesk_mutex.h"
+#include "proxy/proxy_lifecycle.h"
+#include "proxy/proxy_pool.h"
+#include "proxy/proxy_props.h"
+#include "proxy/proxy_refresh.h"
+#include "proxy/proxy_service.h"
+
+static void installOperations(veskProxy* proxy) {
+  proxy->handleRequest = proxy_handleRequest;
+  proxy->destroyInetProxy = proxy_destroyInetProxy;
+  proxy->destroyPooledSockets = proxy_destroyPooledSockets;
+  proxy->fetchProps = fetchProps;
+  proxy->initProxy = initProxy;
+  proxy->refreshMappings = proxy_refreshMappings;
+  proxy->isAlive = proxy_isAlive;
+  proxy->sendPing = proxy_sendPing;
+  proxy->addRef = proxyAddRef;
+  proxy->release = proxyRelease;
+  proxy->requestEnded = requestEnded;
+}
+
+veskProxy* veskProxyNew(vesk_request* req) {
+  auto* proxy = static_cast<veskProxy*>(req->permMalloc(req, sizeof(veskProxy)));
+  if (!proxy) return nullptr;
+  std::memset(proxy, 0, sizeof *proxy);
+  installOperations(proxy);
+  initSync(req, &proxy->lock, &proxy->lockHeld);
+  if (!proxy->lock) {
+    req->permFree(req, proxy);
+    return nullptr;
+  }
+  (void)proxyAddRef(proxy, req);  // the count is 1: the creator's reference
+  return proxy;
+}
+
+std::int32_t proxyAddRef(veskProxy* proxy, vesk_request* req) {
+  SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
+  return ++proxy->refCount;
+}
+
+std::int32_t proxyRelease(veskProxy* proxy, vesk_request* req) {
+  SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
+  if (proxy->refCount > 0) --proxy->refCount;
+  return proxy->refCount;
+}
+
+// Enters one ended request. REQUIRES: the lock of the metrics.
+static void countRequestLocked(proxyMetrics* metrics, std::int64_t now,
+                               std::int64_t startTime) {
+  metrics->lastResponseMillis = now - startTime;
+  ++metrics->requestCount;
+  if (metrics->requestCount % metrics->batchSize == 0) {
+    metrics->batchAverageMillis = (now - metrics->batchStartMillis) / metrics->batchSize;
+    metrics->batchStartMillis = now;
+  }
+  metrics->totalResponseMillis += metrics->lastResponseMillis;
+}
+
+void requestEnded(veskProxy* proxy, vesk_request* req) {
+  proxyMetrics* metrics = proxy->metrics;
+  if (!veskMetrics || !metrics) return;
+  SyncGuard guard{req, &metrics->lock, &metrics->lockHeld};
+  timeval clock;
+  gtod(&clock);
+  countRequestLocked(metrics, tvToMillis(&clock), req->startTime);
+}
+
+void setNextMapCheckTime(vesk_request* /*req*/, veskProxy* proxy, std::int64_t now) {
+  const std::int32_t interval = proxy->mapCheckInterval;
+  setMapCheckTime(proxy, interval != 0 ? now + interval : kNever);
+}
+
+void setNextProxyRetryTime(vesk_request* /*req*/, veskProxy* proxy, std::int64_t now) {
+  const std::int32_t interval = proxy->proxyRetryInterval;
+  setProxyRetryTime(proxy, interval != 0 ? now + interval : 0);
+}
+
+std::int32_t isVeskServerUnreachable(const vesk_request* req, std::int32_t connecting) {
+  switch (req->lastError) {
+    case ECONNREFUSED:
+    case EHOSTDOWN:
+    case EHOSTUNREACH:
+      return 1;
+    case EPIPE:
+    case ETIMEDOUT:
+      return connecting != 0 ? 1 : 0;
+    default:
+      return 0;
+  }
+}
+
+// The accesses below are relaxed: each field is looked at for itself, and whoever
+// acts on what it saw takes the lock and looks again.
+
+static std::int64_t loadNumber(const std::int64_t* field) {
+  return std::atomic_ref<std::int64_t>(*const_cast<std::int64_t*>(field))
+      .load(std::memory_order_relaxed);
+}
+
+static void storeNumber(std::int64_t* field, std::int64_t number) {
+  std::atomic_ref<std::int64_t>(*field).store(number, std::memory_order_relaxed);
+}
+
+bool isProxyActive(const veskProxy* proxy) {
+  if (!proxy->balance) return false;
+  return std::atomic_ref<std::uint32_t>(proxy->balance->active)
+             .load(std::memory_order_relaxed) != 0;
+}
+
+void setProxyActive(veskProxy* proxy, bool active) {
+  if (!proxy->balance) return;
+  std::atomic_ref<std::uint32_t>(proxy->balance->active)
+      .store(active ? 1 : 0, std::memory_order_relaxed);
+}
+
+std::int64_t getProxyWeight(const veskProxy* proxy) {
+  return proxy->balance ? loadNumber(&proxy->balance->weight) : 0;
+}
+
+void setProxyWeight(veskProxy* proxy, std::int64_t weight) {
+  if (proxy->balance) storeNumber(&proxy->balance->weight, weight);
+}
+
+std::int64_t getProxyRetryTime(const veskProxy* proxy) {
+  return loadNumber(&proxy->nextProxyRetryTime);
+}
+
+void setProxyRetryTime(veskProxy* proxy, std::int64_t time) {
+  storeNumber(&proxy->nextProxyRetryTime, time);
+}
+
+std::int64_t getMapCheckTime(const veskProxy* proxy) {
+  return loadNumber(&proxy->nextMapCheckTime);
+}
+
+void setMapCheckTime(veskProxy* proxy, std::int64_t time) {
+  storeNumber(&proxy->nextMapCheckTime, time);
+}

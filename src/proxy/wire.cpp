@@ -1,0 +1,123 @@
+#include "proxy/wire.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include "context/request_block.h"
+#include "context/vesk_utils.h"
+
+// The ids do not ascend: the order is that of the protocol.
+const VariableName VARIABLE_NAMES[kVariableCount] = {
+    {19, "QUERY_STRING"},    {22, "REQUEST_METHOD"},     {29, "SCRIPT_NAME"},
+    {28, "PATH_INFO"},       {20, "REMOTE_HOST"},        {21, "REMOTE_ADDR"},
+    {24, "SERVER_NAME"},     {25, "SERVER_PORT"},        {26, "SERVER_PROTOCOL"},
+    {27, "PATH_TRANSLATED"}, {33, "SERVER_PORT_SECURE"}, {34, "REMOTE_USER"},
+    {35, "AUTH_TYPE"},
+};
+
+void putWord(char* at, std::int32_t word) {
+  const auto bits = static_cast<std::uint32_t>(word);
+  at[0] = static_cast<char>(bits >> 24U);
+  at[1] = static_cast<char>(bits >> 16U);
+  at[2] = static_cast<char>(bits >> 8U);
+  at[3] = static_cast<char>(bits);
+}
+
+std::int32_t getWord(const char* at) {
+  std::uint32_t bits = 0;
+  for (std::int32_t i = 0; i < kWordSize; ++i)
+    bits = bits << 8U | static_cast<std::uint8_t>(at[i]);
+  return static_cast<std::int32_t>(bits);
+}
+
+std::int32_t appendWord(char* buffer, std::int32_t position, std::int32_t word) {
+  putWord(buffer + position, word);
+  return position + kWordSize;
+}
+
+std::int32_t appendString(char* buffer, std::int32_t position, const char* text) {
+  const auto length = static_cast<std::int32_t>(textLength(text));
+  position = appendWord(buffer, position, length);
+  if (length > 0) std::memcpy(buffer + position, text, static_cast<std::size_t>(length));
+  return position + length;
+}
+
+std::int32_t sendBytes(vesk_request* req, const char* buffer, std::int32_t length,
+                       std::int32_t sock) {
+  std::int32_t sent = 0;
+  std::int32_t result = 1;
+  while (sent < length && result > 0) {
+    result = req->send(req, sock, buffer + sent, length - sent);
+    if (result > 0) {
+      sent += result;
+      req->trace(req, "sent/avail/result %d/%d/%d", sent, length, result);
+    }
+    if (sent < length) req->trace(req, "sent %d/%d", sent, length);
+    if (result < 0)
+      req->trace(req, "send failed, sent/avail/result %d/%d/%d", sent, length, result);
+  }
+  return sent == length ? sent : -1;
+}
+
+std::int32_t readFully(vesk_request* req, char* buffer, std::int32_t length,
+                       std::int32_t sock, veskProxy* proxy) {
+  std::int32_t total = 0;
+  std::int32_t result = 1;
+  while (total < length && result > 0) {
+    result = req->recv(req, sock, buffer + total, length - total, proxy);
+    if (result > 0) total += result;
+    req->trace(req, "read/len/total %d/%d/%d", result, length, total);
+  }
+  if (total == length) return 0;
+  if (result == 0) {
+    req->lastError = ECONNRESET;
+    req->traceE(req, kTraceState, "readFully: [%d] peer closed connection", sock);
+  }
+  return -1;
+}
+
+std::int32_t readWord(vesk_request* req, std::int32_t sock, veskProxy* proxy,
+                      std::int32_t* out) {
+  char bytes[kWordSize];
+  if (readFully(req, bytes, kWordSize, sock, proxy) < 0) return -1;
+  *out = getWord(bytes);
+  return 0;
+}
+
+// Room for `length` bytes and a NUL. An allocator takes an int and gives one
+// byte for a size that has wrapped, so the largest length is refused here.
+static char* allocateText(vesk_request* req, std::int32_t length) {
+  if (length > INT_MAX - 1) return nullptr;
+  return static_cast<char*>(req->malloc(req, length + 1));
+}
+
+char* readData(std::int32_t sock, vesk_request* req, std::int32_t* outLength,
+               veskProxy* proxy) {
+  std::int32_t length = 0;
+  if (readWord(req, sock, proxy, &length) < 0) return nullptr;
+  if (length < 0) return nullptr;
+
+  RequestBlock data{req, allocateText(req, length)};
+  if (!data.bytes) {
+    req->lastError = ENOBUFS;
+    return nullptr;
+  }
+  if (readFully(req, data.bytes, length, sock, proxy) < 0) return nullptr;
+
+  data.bytes[length] = '\0';
+  if (outLength) *outLength = length;
+  char* result = data.bytes;
+  data.bytes = nullptr;
+  return result;
+}
+
+std::int32_t writeString(vesk_request* req, std::int32_t sock, const char* text) {
+  const std::int64_t size = kWordSize + textLength(text);
+  if (size > INT_MAX) return -1;
+  const auto length = static_cast<std::int32_t>(size);
+  RequestBlock frame{req, req->malloc(req, length)};
+  if (!frame.bytes) return -1;
+  (void)appendString(frame.bytes, 0, text);  // fills the block to its end
+  return sendBytes(req, frame.bytes, length, sock) < 0 ? -1 : 0;
+}

@@ -1,0 +1,43 @@
+// A request and a proxy in service in front of a scripted backend, and a clock
+// that stands still.
+#pragma once
+
+#include <initializer_list>
+
+#include "proxy/vesk_proxy.h"
+#include "support/recorded_request.h"
+#include "support/scripted_backend.h"
+
+// What std::time tells in this program; only a test moves it.
+extern std::int64_t testNow;
+
+using Script = std::vector<ScriptStep>;
+Script operator+(Script first, const Script& second);
+
+// What the browser got: status, reason, headers and body.
+std::string response(const RecordedRequest& t);
+// "1 2 3 "
+std::string numbers(std::initializer_list<std::int64_t> list);
+
+// A proxy with a pool and a balance, as initProxy leaves it but without a word to
+// the server: no interval, no mappings. Null when memory runs out.
+veskProxy* newServingProxy(vesk_request* req);
+
+class TestRequest : public RecordedRequest {
+ public:
+  // With so many idle connections in the pool. Each has been welcomed with a ping
+  // in front of the script; kFirstSocket lies lowest, the last is handed out first.
+  explicit TestRequest(const Script& script, int idle = 0);
+  // Destroys the proxy and releases the attributes; fails the test when the script
+  // isn't played to its end, or memory or a socket is left.
+  ~TestRequest();
+  TestRequest(const TestRequest&) = delete;
+  TestRequest& operator=(const TestRequest&) = delete;
+
+  // "2 idle, out of service, retry 60": the pool, then the marks of the proxy, the
+  // last one in seconds from now.
+  [[nodiscard]] std::string state() const;
+
+  ScriptedBackend backend;
+  veskProxy* proxy;
+};
