@@ -1,0 +1,55 @@
+// Which mapping a request belongs to, and the pass that keeps the servers fresh.
+//
+// filterRequest is the connector's clock: nothing runs in the background, so each
+// call first revives and refreshes every known server, then walks the mappings in
+// order and takes the first that fits. The test of one pattern is a pure function.
+//
+// Threads: any; tableMutex is taken by what takes a table, and held across the
+// network traffic of the refresh.
+// Failure: none; a server that can't be reached doesn't change the answer.
+#pragma once
+
+#include <string_view>
+
+#include "maptable/vesk_maptable_impl.h"
+
+// Index of the mapping that a request belongs to, or -1; writes nothing into the
+// request. With `honourIgnoreSuffix` 0 the table's ignoreSuffix plays no part. A
+// request without a `uri` belongs to none. May block. Takes tableMutex.
+[[nodiscard]] std::int32_t filterRequest(mappingsTable* table, vesk_request* req,
+                                         std::uint32_t honourIgnoreSuffix);
+
+// Stores the option and gives the old value. Takes tableMutex.
+std::uint32_t ignoreSuffixMap(mappingsTable* table, vesk_request* req,
+                              std::uint32_t value);
+
+// A copy of what stands before the first ';', from the request's malloc; null
+// when there is no ';' or no memory.
+[[nodiscard]] char* removePathParms(vesk_request* req, const char* text);
+
+// A pattern taken apart; all views point into it.
+struct PatternParts {
+  bool hasHost;
+  std::string_view host;    // behind the "//"
+  std::string_view path;    // the rest; the whole pattern without a host
+  std::string_view prefix;  // of the path, up to its first '*'
+  std::string_view tail;    // behind that '*', less the closing '*'
+  bool contains;            // there was a closing '*'
+};
+[[nodiscard]] PatternParts splitPattern(std::string_view pattern);
+
+// What of a request the patterns are tested against.
+struct FilterSubject {
+  std::string_view uri;
+  std::string_view strippedPath;  // the path without path parameters
+  bool hadParameters;             // the path holds a ';'
+  bool hasHost;
+  std::string_view host;  // value of the host header, port included
+  bool ignoreSuffix;      // "*.ext" patterns are passed over
+};
+
+enum class PatternMatch { no, matched, suffixIgnored, parametersIgnored };
+
+// Tests one pattern.
+[[nodiscard]] PatternMatch matchPattern(const PatternParts& pattern,
+                                        const FilterSubject& subject);

@@ -1,0 +1,193 @@
+#include "maptable/server_store.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include "context/request_block.h"
+#include "maptable/membership.h"
+#include "maptable/table_startup.h"
+
+constexpr char kStoreKey[] = "proxyservers";
+constexpr char kStoreStart[] = "proxyservers=";
+constexpr char kSeparator = ';';
+constexpr char kSeparators[] = ";";
+constexpr int kServerKeySize = 32;
+// What a name from a server's list may hold but the store would not give back.
+constexpr char kUnstorable[] = ";\\\r\n";
+
+static bool isGiven(const char* text) {
+  return text && text[0] != '\0';
+}
+
+static void forgetStored(mappingsTable* table, vesk_request* req) {
+  if (table->storedServers) req->permFree(req, table->storedServers);
+  table->storedServers = nullptr;
+}
+
+static void reportUnreadable(vesk_request* req, const char* path) {
+  req->log(req, "could not read contents of %s: %s", path, std::strerror(errno));
+}
+
+// The size of a file that can be sought in and fits into an allocation; else 0.
+// A first byte is asked for because a folder opens, and may even have a size.
+static std::int32_t storeSize(vesk_request* req, std::FILE* file, const char* path) {
+  if (std::fgetc(file) == EOF) {
+    if (std::ferror(file)) reportUnreadable(req, path);
+    return 0;
+  }
+  if (std::fseek(file, 0, SEEK_END) != 0) return 0;
+  const long size = std::ftell(file);
+  if (size >= INT_MAX) {
+    errno = EFBIG;
+    reportUnreadable(req, path);
+    return 0;
+  }
+  return size > 0 ? static_cast<std::int32_t>(size) : 0;
+}
+
+// The file's text, from permMalloc, or null for one that is empty or unreadable.
+static char* readStore(vesk_request* req, std::FILE* file, const char* path) {
+  const std::int32_t size = storeSize(req, file, path);
+  if (size == 0) return nullptr;
+  auto* text = static_cast<char*>(req->permMalloc(req, size + 1));
+  if (!text) return nullptr;
+  std::rewind(file);
+  const std::size_t got = std::fread(text, 1, static_cast<std::size_t>(size), file);
+  if (got == 0) {
+    reportUnreadable(req, path);
+    req->permFree(req, text);
+    return nullptr;
+  }
+  text[got] = '\0';
+  return text;
+}
+
+// The parsed store, or null; its text stays in storedServers.
+static propertyTable* openStore(mappingsTable* table, vesk_request* req) {
+  const char* path = table->serverStore;
+  if (!isGiven(path)) {
+    req->log(req, "can't load servers from serverstore, no serverstore specified.");
+    return nullptr;
+  }
+  std::FILE* file = req->fileOpen(req, path, "r");
+  if (!file) {
+    req->log(req, "could not open serverstore \"%s\": %s", path, std::strerror(errno));
+    return nullptr;
+  }
+  req->trace(req, "loadServersFromStore(%s)", path);
+  table->storedServers = readStore(req, file, path);
+  (void)std::fclose(file);  // it was only read
+  return table->storedServers ? parseProperties(req, table->storedServers) : nullptr;
+}
+
+// Puts the names of a store's value into `servers`, numbered in their order.
+static void splitServers(vesk_request* req, const char* value, propertyTable* servers) {
+  const RequestBlock names{req, req->strdup(req, value)};
+  if (!names.bytes) return;
+  char* rest = nullptr;
+  std::int32_t number = 0;
+  for (const char* name = strtok_r(names.bytes, kSeparators, &rest); name;
+       name = strtok_r(nullptr, kSeparators, &rest)) {
+    char key[kServerKeySize];
+    (void)std::snprintf(key, sizeof(key), "Server_%i", ++number);
+    if (setProperty(req, servers, key, name) < 0) return;  // full, or no memory
+  }
+}
+
+std::int32_t loadServersFromStore(mappingsTable* table, vesk_request* req) {
+  forgetStored(table, req);
+  propertyTable* store = openStore(table, req);
+  propertyTable* servers = parseProperties(req, "");
+  const char* value = getPropertyValue(store, kStoreKey);
+  if (servers && value) splitServers(req, value, servers);
+  freeProperties(req, store);
+  return servers ? addRemoteJvms(table, req, servers, 1) : 0;
+}
+
+static char* appendText(char* end, const char* text) {
+  const std::size_t length = std::strlen(text);
+  std::memcpy(end, text, length + 1);
+  return end + length;
+}
+
+// Appends the servers whose flag is set, or those whose flag is clear.
+static char* appendServers(const mappingsTable* table, char* end, bool active) {
+  const proxyList* servers = &table->masterList;
+  for (std::int32_t i = 0; i < servers->count; ++i) {
+    const veskProxy* proxy = servers->proxies[i];
+    if ((servers->active[i] != 0) != active) continue;
+    if (table->bootstrapServer && isProxyNamed(proxy, table->bootstrapServer)) continue;
+    if (std::strpbrk(proxy->name, kUnstorable)) continue;
+    end = appendText(end, proxy->name);
+    *end++ = kSeparator;
+    *end = '\0';
+  }
+  return end;
+}
+
+// The text that the store should hold, from permMalloc, or null.
+static char* makeStoreText(const mappingsTable* table, vesk_request* req) {
+  std::size_t size = sizeof(kStoreStart);
+  for (std::int32_t i = 0; i < table->masterList.count; ++i)
+    size += std::strlen(table->masterList.proxies[i]->name) + sizeof(kSeparator);
+  auto* text = static_cast<char*>(req->permMalloc(req, static_cast<std::int32_t>(size)));
+  if (!text) return nullptr;
+  char* end = appendText(text, kStoreStart);
+  end = appendServers(table, end, true);
+  (void)appendServers(table, end, false);
+  return text;
+}
+
+// Writes all of a text and closes the file. A full disk may show only at the
+// flush, or even at the close.
+static bool writeText(std::FILE* file, const char* text) {
+  const std::size_t length = std::strlen(text);
+  const bool written =
+      std::fwrite(text, 1, length, file) == length && std::fflush(file) == 0;
+  const int cause = errno;
+  if (std::fclose(file) != 0) return false;
+  errno = cause;
+  return written;
+}
+
+// Puts a text into the file. When that breaks off nobody knows what the file
+// holds, so it is compared with nothing and written anew at the next occasion.
+static bool writeStore(mappingsTable* table, vesk_request* req, const char* text) {
+  const char* path = table->serverStore;
+  std::FILE* file = req->fileOpen(req, path, "w");
+  if (!file) {
+    req->log(req, "could not open \"%s\": %s", path, std::strerror(errno));
+    return false;
+  }
+  if (!writeText(file, text)) {
+    req->log(req, "could not persist servers in %s: %s", path, std::strerror(errno));
+    forgetStored(table, req);
+    return false;
+  }
+  req->traceE(req, kTraceDetail, "persisted servers in %s: %s", path, text);
+  return true;
+}
+
+std::int32_t persistServers(mappingsTable* table, vesk_request* req) {
+  const char* path = table->serverStore;
+  if (!isGiven(path)) {
+    req->log(req, "can't persist servers, no serverstore specified.");
+    return -1;
+  }
+  if (table->masterList.count == 0) return 0;
+  char* text = makeStoreText(table, req);
+  if (!text) return -1;
+  if (table->storedServers && std::strcmp(table->storedServers, text) == 0) {
+    req->trace(req, "no changes to serverstore %s", path);
+    req->permFree(req, text);
+    return 0;
+  }
+  if (!writeStore(table, req, text)) {
+    req->permFree(req, text);
+    return -1;
+  }
+  forgetStored(table, req);
+  table->storedServers = text;
+  return 0;
+}

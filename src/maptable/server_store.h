@@ -1,0 +1,23 @@
+// The small file that keeps the last known servers.
+//
+// Written, it is the one property "proxyservers=", with a ';' behind each name and
+// no line end: the servers in service in order of arrival, then the others. The
+// bootstrap server is left out. Read, it may be any property file.
+//
+// Ownership: `storedServers` of the table holds the text last read or written.
+// Threads: each function says which lock it needs or takes.
+// Failure: one log line per cause; the table goes on with what it has.
+#pragma once
+
+#include "maptable/vesk_maptable_impl.h"
+
+// Joins the servers of the store and writes it back: the number of new servers,
+// 0 if none. Blocks on the file and on the servers.
+// REQUIRES: initMutex. Takes tableMutex.
+[[nodiscard]] std::int32_t loadServersFromStore(mappingsTable* table, vesk_request* req);
+
+// Writes the store if its text has changed: 0 when it holds the list or there is
+// nothing to write, else -1. A write that hasn't reached the file has failed, and
+// the next call tries it again. The write is not atomic.
+// REQUIRES: tableMutex, or initMutex while the table is first filled.
+std::int32_t persistServers(mappingsTable* table, vesk_request* req);

@@ -1,0 +1,25 @@
+// How the table is filled: from the bootstrap server, else from the store.
+//
+// Ownership: addRemoteJvms takes over the list that it is given.
+// Threads: any. initTable takes initMutex and, for the store, tableMutex inside;
+// the others say what they need.
+// Failure: a server that can't be set up is left out, after its own log lines.
+#pragma once
+
+#include "maptable/vesk_maptable_impl.h"
+
+// 0 when the table is usable, else -1 with a log line; then the next call tries
+// again. Blocks on the servers until the first success, and is cheap since.
+// Takes initMutex.
+[[nodiscard]] std::int32_t initTable(mappingsTable* table, vesk_request* req);
+
+// Joins the servers that are the values of a table, which it frees, and writes
+// the store: the number of new ones. Known ones are activated. Nothing leaves.
+// `lock` 1: tableMutex is taken here; 0: the caller holds it, or initMutex.
+std::int32_t addRemoteJvms(mappingsTable* table, vesk_request* req,
+                           propertyTable* servers, std::uint32_t lock);
+
+// Asks the bootstrap server for the cluster's list and joins it: the number of
+// new servers. REQUIRES: tableMutex, or initMutex while the table is first filled.
+[[nodiscard]] std::int32_t retrieveServersFromBootstrapServer(mappingsTable* table,
+                                                              vesk_request* req);

@@ -1,0 +1,67 @@
+#include "maptable/vesk_session.h"
+
+#include <climits>
+#include <cstring>
+#include <string_view>
+
+constexpr char kSessionName[] = "JSESSIONID";
+// From the start of the name to the value: the name and one separator.
+constexpr std::size_t kValueOffset = sizeof(kSessionName);
+constexpr char kBuddyMark[] = "TR";
+constexpr std::size_t kBuddyMarkLength = sizeof(kBuddyMark) - 1;
+
+// Where the value begins that belongs to the first name in `text`; null without a
+// name, and when the text ends before a value could begin.
+static const char* findValue(const char* text) {
+  const char* name = std::strstr(text, kSessionName);
+  if (!name || std::strlen(name) < kValueOffset) return nullptr;
+  return name + kValueOffset;
+}
+
+static char* copyText(vesk_request* req, std::string_view text) {
+  if (text.size() >= INT_MAX) return nullptr;
+  auto* copy =
+      static_cast<char*>(req->malloc(req, static_cast<std::int32_t>(text.size() + 1)));
+  if (!copy) return nullptr;
+  std::memcpy(copy, text.data(), text.size());
+  copy[text.size()] = '\0';
+  return copy;
+}
+
+// Later cookies stay behind the id: servers that set it expect it back this way.
+static char* sessionFromCookie(vesk_request* req, const char* cookie) {
+  const char* value = findValue(cookie);
+  return value ? req->strdup(req, value) : nullptr;
+}
+
+static char* sessionFromUri(vesk_request* req, const char* uri) {
+  const char* value = findValue(uri);
+  if (!value) return nullptr;
+  // A separator that is the ';' itself: the name stands there without a value.
+  if (value[-1] == ';') return nullptr;
+  return copyText(req, std::string_view(value, std::strcspn(value, ";")));
+}
+
+char* getSessionId(vesk_request* req) {
+  const char* cookie = req->getHeader(req, "cookie");
+  if (cookie) {
+    char* session = sessionFromCookie(req, cookie);
+    req->freeHeader(req, cookie);
+    return session;
+  }
+  return req->uri ? sessionFromUri(req, req->uri) : nullptr;
+}
+
+static const char* firstBuddy(const char* sessionId) {
+  const char* mark = std::strstr(sessionId, kBuddyMark);
+  if (!mark || std::strlen(mark) < kBuddyMarkLength + kReplicationIdLength)
+    return nullptr;
+  return mark + kBuddyMarkLength;
+}
+
+const char* getNextBuddy(const vesk_request* req, const char* current) {
+  if (!current) return req->sessionId ? firstBuddy(req->sessionId) : nullptr;
+  constexpr std::size_t kTwoBuddies = 2 * std::size_t{kReplicationIdLength};
+  if (std::strlen(current) < kTwoBuddies) return nullptr;
+  return current + kReplicationIdLength;
+}
