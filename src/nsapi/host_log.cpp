@@ -1,0 +1,55 @@
+#include "nsapi/host_log.h"
+
+#include <nsapi.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+
+#include "nsapi/interface.h"
+
+constexpr int kLogTextSize = 1021;  // bytes of a line, with the NUL
+
+std::int32_t loglevel = LOG_INFORM;
+
+void setLogLevel(std::int32_t level) {
+  std::atomic_ref(loglevel).store(level, std::memory_order_relaxed);
+}
+
+[[gnu::format(printf, 2, 0)]] static void WriteToLogHelper(vesk_request* req,
+                                                           const char* format,
+                                                           va_list args) {
+  // Clear, for a formatting that breaks off need not end what it wrote.
+  char text[kLogTextSize + 1] = "";
+  const int length = std::vsnprintf(text, kLogTextSize, format, args);
+  if (length < 0) text[kLogTextSize] = '\0';
+  if (length >= 0 && text[0] == '\0') return;
+
+  const std::int32_t degree = std::atomic_ref(loglevel).load(std::memory_order_relaxed);
+  (void)log_error(degree, req->logPrefix, sessionOf(req), requestOf(req), "%s", text);
+}
+
+void WriteToLog(vesk_request* req, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  WriteToLogHelper(req, format, args);
+  va_end(args);
+}
+
+void WriteToLogE(vesk_request* req, std::uint64_t flags, const char* format, ...) {
+  if ((flags & veskEnabledTraceFlags) == 0) return;
+  va_list args;
+  va_start(args, format);
+  WriteToLogHelper(req, format, args);
+  va_end(args);
+}
+
+void dumpHeaders(vesk_request* req, const char* label) {
+  if ((veskEnabledTraceFlags & kTraceDump) == 0) return;
+  const Request* rq = requestOf(req);
+  // The texts are request memory, which the host takes back by itself.
+  const char* vars = pblock_pblock2str(rq->vars, nullptr);
+  if (vars) req->log(req, "%s: vars: %s", label, vars);
+  const char* headers = pblock_pblock2str(rq->srvhdrs, nullptr);
+  if (headers && *headers) req->log(req, "%s: srvhdrs: %s", label, headers);
+}

@@ -1,0 +1,103 @@
+#include "nsapi/init_options.h"
+
+#include <strings.h>
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include "context/platform.h"
+#include "context/vesk_utils.h"
+#include "nsapi/response_path.h"
+
+constexpr std::uint64_t kAllTraceFlags = 0xFFFFFFFF;
+constexpr std::int32_t kMillisPerSecond = 1000;
+constexpr std::int32_t kMaxSeconds = INT_MAX / kMillisPerSecond;
+
+static bool isExactlyTrue(const char* value) {
+  return value && std::strcmp(value, "true") == 0;
+}
+
+static bool equalsAnyCase(const char* value, const char* expected) {
+  return value && strcasecmp(value, expected) == 0;
+}
+
+void readTraceOptions(pblock* pb) {
+  const bool verbose = isExactlyTrue(pblock_findval("verbose", pb));
+  veskNSAPIVerbose = verbose ? 1 : 0;
+  veskEnabledTraceFlags = verbose ? kAllTraceFlags : 0;
+  const char* flags = pblock_findval("traceflags", pb);
+  if (flags) veskEnabledTraceFlags = static_cast<std::uint64_t>(hexstrtol(flags));
+  // The record for start-up is made next, and keeps the lasting memory.
+  veskUseApiAlloc = 0;
+  veskMetrics = isExactlyTrue(pblock_findval("metrics", pb)) ? 1 : 0;
+}
+
+static const char* spelled(bool on) {
+  return on ? "true" : "false";
+}
+
+static const char* shown(const char* value) {
+  return value ? value : "<null>";
+}
+
+// A number from -`most` to `most`; text without digits is 0. A negative time-out
+// means that the wait has no limit.
+static std::int32_t parseNumber(const char* option, const char* value,
+                                std::int32_t most) {
+  constexpr int kDecimal = 10;
+  vesk_request* req = &globalRequest;
+  const long number = std::strtol(value, nullptr, kDecimal);
+  if (number >= -most && number <= most) return static_cast<std::int32_t>(number);
+  const std::int32_t nearest = number < 0 ? -most : most;
+  req->log(req, "%s %.100s is out of range, using %d", option, value, nearest);
+  return nearest;
+}
+
+static void readTimeout(pblock* pb, const char* option, std::int32_t* millis) {
+  vesk_request* req = &globalRequest;
+  const char* value = pblock_findval(option, pb);
+  if (value) *millis = parseNumber(option, value, kMaxSeconds) * kMillisPerSecond;
+  req->trace(req, "%s %d", option, *millis / kMillisPerSecond);
+}
+
+static void readAllocOption(pblock* pb) {
+  vesk_request* req = &globalRequest;
+  const char* value = pblock_findval("apialloc", pb);
+  if (equalsAnyCase(value, "true")) veskUseApiAlloc = 1;
+  if (equalsAnyCase(value, "false")) veskUseApiAlloc = 0;
+  req->trace(req, "apialloc %s", spelled(veskUseApiAlloc != 0));
+}
+
+static std::uint32_t readRetryInterval(pblock* pb) {
+  vesk_request* req = &globalRequest;
+  const char* value = pblock_findval("proxyretryinterval", pb);
+  const std::int32_t seconds =
+      value ? parseNumber("proxyretryinterval", value, INT_MAX) : 0;
+  req->trace(req, "proxyretryinterval %d", seconds);
+  return static_cast<std::uint32_t>(seconds);
+}
+
+void readServiceOptions(pblock* pb, TableOptions* options) {
+  vesk_request* req = &globalRequest;
+  const bool ignore = equalsAnyCase(pblock_findval("ignoresuffixmap", pb), "true");
+  options->ignoreSuffix = ignore ? 1 : 0;
+  req->trace(req, "ignoresuffixmap %s", spelled(ignore));
+  readAllocOption(pb);
+  options->serverStore = pblock_findval("serverstore", pb);
+  req->trace(req, "serverstore %.511s", shown(options->serverStore));
+  options->bootstrap = pblock_findval("bootstrap", pb);
+  req->trace(req, "bootstrap %.511s", shown(options->bootstrap));
+  options->retryInterval = readRetryInterval(pb);
+
+  initializeSocketTimeouts(req, soTimeouts);
+  readTimeout(pb, "connecttimeout", &soTimeouts[0]);
+  readTimeout(pb, "recvtimeout", &soTimeouts[2]);
+  readTimeout(pb, "sendtimeout", &soTimeouts[1]);
+}
+
+void readErrorUrl(pblock* pb) {
+  vesk_request* req = &globalRequest;
+  errorUrl = pblock_findval("errorurl", pb);
+  req->trace(req, "errorurl %s", shown(errorUrl));
+}

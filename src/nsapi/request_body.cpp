@@ -1,0 +1,37 @@
+#include "nsapi/request_body.h"
+
+#include <nsapi.h>
+
+#include <cstring>
+
+#include "nsapi/interface.h"
+
+// Reads from the client: the bytes that are then at hand, or -1.
+static std::int32_t readMore(vesk_request* req, netbuf* input, std::int32_t length) {
+  const std::int32_t result = netbuf_grab(input, length);
+  if (result <= 0) {
+    req->log(req, "getPostData: Premature read abort on post data");
+    req->hasPostData = 0;
+    return -1;
+  }
+  req->trace(req, "   Read %d bytes of post data", result);
+  const std::int32_t held = input->cursize - input->pos;
+  return result < held ? result : held;
+}
+
+std::int32_t getPostData(vesk_request* req, char* buffer, std::int32_t length) {
+  netbuf* input = sessionOf(req)->inbuf;
+  if (length <= 0 || !req->hasPostData || !input) return 0;
+
+  std::int32_t available = input->cursize - input->pos;
+  if (available != 0)
+    req->trace(req, "   inbuf has %d bytes ready", available);
+  else
+    available = readMore(req, input, length);
+  if (available < 1) return available;
+
+  const std::int32_t count = available < length ? available : length;
+  std::memcpy(buffer, input->inbuf + input->pos, static_cast<std::size_t>(count));
+  input->pos += count;
+  return count;
+}

@@ -1,0 +1,136 @@
+#include "nsapi/response_path.h"
+
+#include <nsapi.h>
+#include <strings.h>
+
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+
+#include "nsapi/interface.h"
+
+constexpr std::int32_t kFound = 302;
+constexpr std::int32_t kServiceUnavailable = 503;
+
+const char* errorUrl = nullptr;
+
+void setStatus(vesk_request* req, std::int32_t status, const char* reason) {
+  Request* rq = requestOf(req);
+  if (status == kServiceUnavailable && errorUrl) {
+    (void)pblock_nvinsert("location", errorUrl, rq->srvhdrs);
+    status = kFound;
+  }
+  protocol_status(sessionOf(req), rq, status, reason);
+}
+
+static void replaceHeader(pblock* headers, const char* name, const char* value) {
+  dropParameter(name, headers);
+  (void)pblock_nvinsert(name, value, headers);
+}
+
+// One way to treat a header. `name` is the caller's spelling.
+using HeaderTreatment = void (*)(vesk_request* req, const char* name, const char* value);
+
+static void insertCookie(vesk_request* req, const char* name, const char* value) {
+  req->trace(req, "   (insert)  %s: %.200s", name, value);
+  (void)pblock_nvinsert("set-cookie", value, requestOf(req)->srvhdrs);
+}
+
+static void suppressServer(vesk_request* req, const char* name, const char* value) {
+  req->trace(req, "   (suppressed) %s: %.80s", name, value);
+}
+
+static void suppressDate(vesk_request* req, const char* name, const char* value) {
+  req->trace(req, "   (suppressed) %s: %.20s", name, value);
+}
+
+static void replaceConnection(vesk_request* req, const char* name, const char* value) {
+  req->trace(req, "   (special) %s: %.40s", name, value);
+  replaceHeader(requestOf(req)->srvhdrs, "connection", value);
+}
+
+static void replaceContentLength(vesk_request* req, const char* name, const char* value) {
+  constexpr int kDecimal = 10;
+  req->trace(req, "   (special) %s: %.20s", name, value);
+  pblock* headers = requestOf(req)->srvhdrs;
+  const long long length = std::strtoll(value, nullptr, kDecimal);
+  if (length >= INT_MIN && length <= INT_MAX) {
+    dropParameter("content-length", headers);
+    (void)pblock_nninsert("content-length", static_cast<int>(length), headers);
+    return;
+  }
+  // The host's number is an int, and a longer body must not get a wrong length.
+  char text[24];
+  (void)std::snprintf(text, sizeof text, "%lld", length);
+  replaceHeader(headers, "content-length", text);
+}
+
+// Parameters behind the media type, such as a charset, keep their case.
+static void lowerMediaType(char* text) {
+  for (; *text && *text != ';'; ++text)
+    *text = static_cast<char>(std::tolower(static_cast<unsigned char>(*text)));
+}
+
+static void replaceContentType(vesk_request* req, const char* /*name*/,
+                               const char* value) {
+  req->trace(req, "   (special) content-type: %.100s", value);
+  pblock* headers = requestOf(req)->srvhdrs;
+  char* lowered = req->strdup(req, value);
+  if (!lowered) {
+    req->log(req, "addHeader: no memory, content-type stays as it came");
+    replaceHeader(headers, "content-type", value);
+    return;
+  }
+  lowerMediaType(lowered);
+  replaceHeader(headers, "content-type", lowered);
+  req->free(req, lowered);
+}
+
+static void replaceOther(vesk_request* req, const char* name, const char* value) {
+  replaceHeader(requestOf(req)->srvhdrs, name, value);
+  req->trace(req, "   (replace) %.80s: %.200s", name, value);
+}
+
+struct HeaderRow {
+  const char* name;
+  HeaderTreatment treat;
+};
+
+static constexpr HeaderRow kHeaderRows[] = {
+    {"set-cookie", insertCookie},
+    {"server", suppressServer},
+    {"date", suppressDate},
+    {"connection", replaceConnection},
+    {"content-length", replaceContentLength},
+    {"content-type", replaceContentType},
+};
+
+void addHeader(vesk_request* req, const char* name, const char* value) {
+  HeaderTreatment treat = replaceOther;
+  for (const HeaderRow& row : kHeaderRows) {
+    if (strcasecmp(row.name, name) == 0) treat = row.treat;
+  }
+  treat(req, name, value);
+}
+
+static void startResponse(vesk_request* req) {
+  const int result = protocol_start_response(sessionOf(req), requestOf(req));
+  if (result != REQ_NOACTION && result != REQ_ABORTED) return;
+  req->noClientOutput = 1;
+  req->trace(req, "   start_response = %s",
+             result == REQ_NOACTION ? "REQ_NOACTION" : "REQ_ABORTED");
+}
+
+std::int32_t writeClient(vesk_request* req, const char* buffer, std::int32_t length) {
+  if (!req->responseStarted && !req->noClientOutput) startResponse(req);
+  if (!req->noClientOutput && length != 0 &&
+      net_write(sessionOf(req)->csd, buffer, length) < 0) {
+    req->lastError = errno;
+    ++req->clientWriteFailures;
+    return -1;
+  }
+  req->clientWriteFailures = 0;
+  return 0;
+}

@@ -1,0 +1,26 @@
+// The response: status and headers are recorded with the host first, then the
+// host sends them, then body bytes go to the client.
+//
+// Threads: the request's own. The record must have its session and request.
+// A write that the host wants no body for is dropped with success, so that the
+// server's response is read to its end.
+#pragma once
+
+#include "context/vesk_request.h"
+
+// Where a 503 is redirected to, or null. The text is the host's, of the Init
+// line. Written before the first request.
+extern const char* errorUrl;
+
+// Records the status; a 503 becomes a 302 to errorUrl where that is set.
+void setStatus(vesk_request* req, std::int32_t status, const char* reason);
+
+// Records one response header; the caller keeps both texts. A header replaces an
+// earlier one of its name, but for cookies; "server" and "date" are dropped, for
+// the host has its own; the media type is lowered, a length read as a number.
+void addHeader(vesk_request* req, const char* name, const char* value);
+
+// Starts the response if that is due, and writes body bytes: 0, or -1 with
+// lastError and one more in clientWriteFailures. May block.
+[[nodiscard]] std::int32_t writeClient(vesk_request* req, const char* buffer,
+                                       std::int32_t length);

@@ -1,0 +1,161 @@
+#include "nsapi/service_stage.h"
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include "context/vesk_utils.h"
+#include "maptable/vesk_maptable_impl.h"
+#include "nsapi/host_log.h"
+#include "nsapi/interface.h"
+#include "nsapi/ssl_attributes.h"
+
+constexpr std::int32_t kBadRequest = 400;
+constexpr std::int32_t kForbidden = 403;
+constexpr std::int32_t kInternalError = 500;
+constexpr std::int32_t kServiceUnavailable = 503;
+
+static int refuse(vesk_request* req, std::int32_t status, const char* reason) {
+  req->setStatus(req, status, reason);
+  return REQ_ABORTED;
+}
+
+// REQ_PROCEED when the URI may go to a server.
+static int checkUri(vesk_request* req) {
+  if (!req->uri) {
+    req->log(req, "veskservice: request without URI refused");
+    return refuse(req, kBadRequest, "Request has no URI.");
+  }
+  if (!util_uri_is_evil(const_cast<char*>(req->uri))) return REQ_PROCEED;
+  req->setStatus(req, kForbidden, "Requested URI contains insecure path characters.");
+  req->log(req, "veskservice: evil uri \"%s\" ignored", req->uri);
+  return REQ_ABORTED;
+}
+
+// One bucket of the client's headers: how many there are. With `names` and
+// `values` it stores them there.
+static std::int64_t walkBucket(const pb_entry* entry, const char** names,
+                               const char** values) {
+  std::int64_t count = 0;
+  for (; entry; entry = entry->next, ++count) {
+    if (!names) continue;
+    names[count] = entry->param->name;
+    values[count] = entry->param->value;
+  }
+  return count;
+}
+
+// The same for all buckets, in the host's order. A request without a block has
+// no headers.
+static std::int64_t walkHeaders(const pblock* headers, const char** names,
+                                const char** values) {
+  std::int64_t count = 0;
+  for (int bucket = 0; headers && bucket < headers->hsize; ++bucket)
+    count += walkBucket(headers->ht[bucket], names ? names + count : nullptr,
+                        names ? values + count : nullptr);
+  return count;
+}
+
+static const char** newTextArray(vesk_request* req, std::int64_t count) {
+  const std::int64_t size = (count + 1) * std::int64_t{sizeof(char*)};
+  if (size > INT_MAX) return nullptr;
+  void* block = req->malloc(req, static_cast<std::int32_t>(size));
+  if (!block) return nullptr;
+  return static_cast<const char**>(std::memset(block, 0, static_cast<std::size_t>(size)));
+}
+
+// The texts stay the host's. 0, or -1 when memory runs out.
+static std::int32_t collectHeaders(vesk_request* req) {
+  const pblock* headers = requestOf(req)->headers;
+  const std::int64_t count = walkHeaders(headers, nullptr, nullptr);
+  req->headerNames = newTextArray(req, count);
+  if (!req->headerNames) return -1;
+  req->headerValues = newTextArray(req, count);
+  if (!req->headerValues) return -1;
+  (void)walkHeaders(headers, req->headerNames, req->headerValues);
+  return 0;
+}
+
+static void freeTextArray(vesk_request* req, const char*** array) {
+  if (*array) req->free(req, static_cast<void*>(*array));
+  *array = nullptr;
+}
+
+static void releaseCollected(vesk_request* req) {
+  freeTextArray(req, &req->headerNames);
+  freeTextArray(req, &req->headerValues);
+  req->freeAttributes(req);
+  req->freeAttributeNames(req);
+  releaseKeptBlocks(req);
+}
+
+// The mapping that the filter stage found; -1 when it found none. By now it is
+// text from outside, and the table checks the number.
+static std::int32_t storedTarget(const vesk_request* req) {
+  constexpr int kDecimal = 10;
+  const char* text = pblock_findval("vesk-proxy-target", requestOf(req)->vars);
+  if (!text) return -1;
+  return clampToInt32(std::strtol(text, nullptr, kDecimal));
+}
+
+static int judgeOutcome(vesk_request* req, std::int32_t outcome) {
+  if (outcome >= 0 || req->responseStarted) return REQ_PROCEED;
+  if (outcome == kRequestNotOurs) {
+    req->trace(req, "handleRequest not for Vesk -> REQ_NOACTION");
+    return REQ_NOACTION;
+  }
+  req->trace(req, "handleRequest -> REQ_ABORTED");
+  return REQ_ABORTED;
+}
+
+// Forwards the request. What it collects is released by the caller.
+static int forwardRequest(vesk_request* req, mappingsTable* table) {
+  req->hasPostData = 1;
+  bool complete = collectHeaders(req) == 0;
+  if (complete && conf_getglobals()->Vsecurity_active)
+    complete = addSslAttributes(req) == 0;
+  if (!complete) {
+    req->log(req, "veskservice: no memory to forward the request");
+    return refuse(req, kInternalError, "Out of memory.");
+  }
+  return judgeOutcome(
+      req, table->handleRequestWithIndex(table, req, nullptr, storedTarget(req)));
+}
+
+static int forwardAndRelease(vesk_request* req, mappingsTable* table) {
+  constexpr std::int32_t kFirstErrorStatus = 400;
+  int result = forwardRequest(req, table);
+  releaseCollected(req);
+  const Request* rq = requestOf(req);
+  if (rq->status_num >= kFirstErrorStatus) result = REQ_ABORTED;
+  req->trace(req, "veskservice[exit]: return status %d and req status %d", rq->status_num,
+             result);
+  return result;
+}
+
+int runServiceStage(pblock* pb, Session* sn, Request* rq) {
+  vesk_request req;
+  init_nsapi_request(&req, pb, sn, rq);
+  dumpHeaders(&req, "veskservice: [enter]");
+
+  const char* type = pblock_findval("content-type", rq->srvhdrs);
+  if (!isInternalType(type)) return REQ_NOACTION;
+  if (std::strcmp(type, "vesk-internal/ext") == 0)
+    return refuse(&req, kServiceUnavailable,
+                  "Could not connect to Vesk server or invalid web server configuration "
+                  "for Vesk.");
+  // The response's type must come from the backend.
+  dropParameter("content-type", rq->srvhdrs);
+
+  if (checkUri(&req) != REQ_PROCEED) return REQ_ABORTED;
+  mappingsTable* table = getMappingsTable();
+  if (!table) {
+    const int result =
+        refuse(&req, kServiceUnavailable, "Internal error, no Vesk mapping table.");
+    req.trace(&req, "veskservice: internal error, no mapping table");
+    return result;
+  }
+  if (table->initTable(table, &req) != 0)
+    return refuse(&req, kServiceUnavailable, "Can not connect to Vesk server.");
+  return forwardAndRelease(&req, table);
+}

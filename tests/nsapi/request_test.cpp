@@ -1,0 +1,124 @@
+// What a backend sees of a request: variables, paths, the body, folder URIs.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "nsapi/fix_uri.h"
+#include "nsapi/interface.h"
+#include "support/memory_host.h"
+
+class RequestTest : public testing::Test {
+ protected:
+  using Pairs = std::initializer_list<std::pair<const char*, const char*>>;
+  static void put(pblock* block, Pairs pairs) {
+    for (const auto& [name, value] : pairs) MemoryHost::put(block, name, value);
+  }
+  explicit RequestTest() {
+    veskNSAPIVerbose = 1;
+    put(host.reqpb, {{"uri", "/app/x"}, {"query", "a=1"}, {"both", ""}});
+    put(host.vars, {{"auth-user", "eve"}, {"both", "vars"}});
+    put(host.client, {{"ip", "10.0.0.7"}});
+    put(host.headers, {{"host", "h:1"}, {"https", "mine"}, {"user-defined", "u"}});
+    put(host.headers,
+        {{"lower_one", "l"}, {"UP-PER", "U"}, {"EMPTY", ""}, {"both", "h"}});
+    init_nsapi_request(req, nullptr, &host.session, &host.request);
+    req->hasPostData = 1;
+  }
+  ~RequestTest() override {
+    veskNSAPIVerbose = 0;
+  }
+  std::string variable(const char* name) {
+    const char* value = req->getHeader(req, name);
+    return value ? value : "<null>";
+  }
+  std::string body(std::int32_t length) {
+    char buffer[64];
+    const std::int32_t count = req->getPostData(req, buffer, length);
+    return count < 0 ? "<failed>" : std::string(buffer, static_cast<std::size_t>(count));
+  }
+  MemoryHost host;
+  vesk_request record;
+  vesk_request* req = &record;
+};
+
+TEST_F(RequestTest, variablesResolveInOrder) {
+  const char* const rows[][3] = {
+      {"REMOTE_USER", "eve", "by the table of names"},
+      {"user_defined", "u", "by the table of names, in any spelling"},
+      {"HOST", "h:1", "lower case with dashes"},
+      {"LOWER-ONE", "l", "lower case with underscores"},
+      {"up_per", "U", "upper case with dashes"},
+      {"https", "mine", "the client's own spelling wins over a special name"},
+      {"HTTPS", "OFF", "special"},
+      {"EMPTY", "", "as spelled, even empty"},
+      {"empty", "<null>", "in other spellings only what is not empty"},
+      {"BOTH", "vars", "an empty value is passed over for a later block"},
+      {"server-port", "8080", "special in any spelling"},
+      {"SERVER_SOFTWARE", "MemoryHost/1.0", "special"},
+      {"REMOTE_HOST", "10.0.0.7", "the address when there is no name"},
+      {"PATH_TRANSLATED", "<null>", "without path-info"},
+      {"", "<null>", "an empty name"},
+  };
+  for (const auto& [name, value, why] : rows) EXPECT_EQ(variable(name), value) << why;
+  EXPECT_EQ(host.logged("|   ip: 10.0.0.7 [Found in: sn->client]"), 1);
+  EXPECT_EQ(host.logged("|   REMOTE_ADDR: [not found]"), 1);
+  host.globals.Vsecurity_active = 1;
+  host.dnsName = "eve.example";
+  EXPECT_EQ(variable("HTTPS") + variable("REMOTE_HOST"), "ONeve.example");
+}
+
+TEST_F(RequestTest, variablesWithoutMemoryAreNull) {
+  for (const char* name : {"HTTPS", "SERVER_PORT", "SERVER_PORT_SECURE"}) {
+    for (const int failing : {1, 2}) {
+      host.failAllocation = host.allocations + failing;
+      EXPECT_EQ(variable(name), "<null>") << name << failing;
+    }
+  }
+}
+
+TEST_F(RequestTest, realPathOfTheOwnUriIsNotTranslatedAgain) {
+  host.translated = "/docs/other";
+  EXPECT_EQ(req->getRealPath(req, "/app/x"), nullptr);
+  put(host.vars, {{"path", "/docs/app/x"}});
+  for (const char* uri : {"/app/x", "/other"}) {
+    char* path = req->getRealPath(req, uri);
+    EXPECT_EQ(path, std::string("/docs") + uri);
+    req->free(req, path);
+  }
+  host.translated = nullptr;
+  EXPECT_EQ(req->getRealPath(req, "/none"), nullptr);
+  EXPECT_EQ(host.logged("|   shortcut getRealPath(/app/x) = /docs/app/x"), 1);
+}
+
+TEST_F(RequestTest, bodyComesFromTheBufferThenFromTheClientUntilItFails) {
+  host.unread = {"abcdef", "gh"};
+  EXPECT_EQ(body(0), "");
+  EXPECT_EQ(body(4), "abcd");
+  host.input.cursize = 6;  // two bytes are left over from that read
+  std::memcpy(host.input.inbuf + 4, "ef", 2);
+  for (const char* part : {"ef", "gh", "<failed>", ""}) EXPECT_EQ(body(64), part);
+  req->hasPostData = 1;
+  host.grabFailure = -1;
+  for (const char* part : {"<failed>", ""}) EXPECT_EQ(body(64), part);
+  EXPECT_EQ(host.logged("|   inbuf has 2 bytes ready"), 1);
+  EXPECT_EQ(host.logged("getPostData: Premature read abort on post data"), 2);
+}
+
+TEST_F(RequestTest, folderUriGetsTheFileThatTheHostChose) {
+  const char* const rows[][5] = {
+      {"/ctx/app/", "/docs/app/index.jsp", "/docs", "/ctx/app/index.jsp", "a tail"},
+      {"/app/", "/docs/app/index.jsp", "/docs", "/app/index.jsp", "the whole URI"},
+      {"/b/", "/docs/other/i.jsp", "/docs", "/b/other/i.jsp", "only the last slash"},
+      {"/a/", "/x/y/home.jsp", nullptr, "/a/home.jsp", "no base"},
+      {"/a/", "/x/y/home.jsp", "/z", "/a/home.jsp", "a base elsewhere"},
+      {"/a/", "home.jsp", nullptr, "/a/", "a path without a slash"},
+      {"/a/", "/docs/a/", "/docs", "/a/", "no file in the folder"},
+      {"/a/", nullptr, "/docs", "/a/", "no path"},
+  };
+  for (const auto& [uri, path, base, expected, why] : rows) {
+    char* fixed = fix_uri(req, uri, path, base);
+    EXPECT_STREQ(fixed, expected) << why;
+    req->free(req, fixed);
+  }
+}

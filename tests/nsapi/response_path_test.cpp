@@ -1,0 +1,74 @@
+#include "nsapi/response_path.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "nsapi/interface.h"
+#include "support/memory_host.h"
+
+class ResponsePath : public testing::Test {
+ protected:
+  explicit ResponsePath() {
+    init_nsapi_request(req, nullptr, &host.session, &host.request);
+  }
+  MemoryHost host;
+  vesk_request record;
+  vesk_request* req = &record;
+};
+
+TEST_F(ResponsePath, headersAreTreatedByName) {
+  // What is added, and what the host then has under which name.
+  const char* const rows[][5] = {
+      {"Set-Cookie", "a=1", "set-cookie", "a=1", "inserted"},
+      {"SET-COOKIE", "b=2", "set-cookie", "a=1|b=2", "alongside"},
+      {"Server", "backend", "server", "-", "the host's stands"},
+      {"Connection", "close", "connection", "close", "replaced"},
+      {"connection", "keep", "connection", "keep", "replaced"},
+      {"Content-Length", "12 bytes", "content-length", "12", "a number"},
+      {"content-length", "x", "content-length", "0", "no number"},
+      {"content-length", "5000000000", "content-length", "5000000000", "beyond an int"},
+      {"Content-Type", "TEXT/Html; C=U", "content-type", "text/html; C=U", "lowered"},
+      {"content-type", "IMAGE/PNG", "content-type", "image/png", "no parameters"},
+      {"X-One", "1", "X-One", "1", "any other"},
+      {"X-One", "2", "X-One", "2", "replaced by exact spelling"},
+      {"x-one", "3", "X-One", "2", "another spelling stays apart"},
+  };
+  for (const auto& [name, value, stored, values, why] : rows) {
+    req->addHeader(req, name, value);
+    EXPECT_EQ(MemoryHost::get(host.srvhdrs, stored), values) << why;
+  }
+  host.failAllocation = host.allocations + 1;
+  req->addHeader(req, "content-type", "Text/Html");
+  EXPECT_EQ(MemoryHost::get(host.srvhdrs, "content-type"), "Text/Html") << "no memory";
+  EXPECT_EQ(host.logged("addHeader: no memory, content-type stays as it came"), 1);
+}
+
+TEST_F(ResponsePath, bodyThatTheHostWantsNotIsDroppedWithSuccess) {
+  for (const int result : {REQ_NOACTION, REQ_ABORTED}) {
+    req->noClientOutput = 0;
+    req->clientWriteFailures = 3;
+    host.startResult = result;
+    host.writeError = EPIPE;
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(req->writeClient(req, "ab", 2), 0);
+    EXPECT_EQ(req->clientWriteFailures, 0);
+  }
+  EXPECT_EQ(host.starts, 2);
+}
+
+TEST_F(ResponsePath, bodyStartsTheResponseAndCountsFailures) {
+  EXPECT_EQ(req->writeClient(req, nullptr, 0), 0);
+  EXPECT_EQ(host.starts, 1);
+  host.writeError = EPIPE;
+  for (const int failures : {1, 2}) {
+    EXPECT_EQ(req->writeClient(req, "ab", 2), -1);
+    EXPECT_EQ(req->clientWriteFailures, failures);
+  }
+  EXPECT_EQ(req->lastError, EPIPE);
+  host.writeError = 0;
+  req->responseStarted = 1;
+  EXPECT_EQ(req->writeClient(req, "cd", 2), 0);
+  EXPECT_EQ(req->clientWriteFailures, 0);
+  EXPECT_EQ(host.starts, 3);
+  EXPECT_EQ(host.body, "cd");
+}

@@ -1,0 +1,279 @@
+// The entry points over a table whose operations are the test's.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <tuple>
+
+#include "maptable/vesk_maptable_impl.h"
+#include "nsapi/host_log.h"
+#include "nsapi/interface.h"
+#include "nsapi/response_path.h"
+#include "support/memory_host.h"
+
+extern "C" {
+int veskinit(pblock* pb, Session* sn, Request* rq);
+int veskfilter(pblock* pb, Session* sn, Request* rq);
+int veskservice(pblock* pb, Session* sn, Request* rq);
+}
+
+// What the table plays, and what it was asked.
+static struct {
+  std::int32_t initResult, filterResult, serveResult;
+  std::int32_t serveStatus;  // set through the record when above 0
+  bool responds;
+  std::string filtered, served;  // what the record holds, and the other arguments
+} play;
+
+static std::int32_t playFilter(mappingsTable*, vesk_request* req, std::uint32_t honour) {
+  play.filtered = std::string(req->uri) + " " + req->path + std::to_string(honour);
+  return play.filterResult;
+}
+
+static std::int32_t playServe(mappingsTable* /*table*/, vesk_request* req,
+                              const char* extra, std::int32_t index) {
+  EXPECT_EQ(extra, nullptr);
+  EXPECT_EQ(req->hasPostData, 1);
+  play.served = std::string(req->uri) + " " + std::to_string(index);
+  for (int i = 0; req->headerNames[i]; ++i)
+    play.served.append(" ").append(req->headerNames[i]) +=
+        std::string("=\"") + req->headerValues[i] + "\"";
+  (void)req->getAttributeNames(req);
+  for (const veskAttribute* node = req->attributes; node; node = node->next) {
+    const auto size = static_cast<std::size_t>(node->size);
+    play.served.append(" ").append(node->name) += "=";
+    play.served.append(static_cast<const char*>(node->value), size);
+  }
+  if (play.serveStatus > 0) req->setStatus(req, play.serveStatus, "Served");
+  if (play.responds) req->responseStarted = 1;
+  return play.serveResult;
+}
+
+class Stages : public testing::Test {
+ protected:
+  explicit Stages() {
+    play = {};
+    table.initTable = [](mappingsTable*, vesk_request*) { return play.initResult; };
+    table.filterRequest = playFilter;
+    table.handleRequestWithIndex = playServe;
+    setMappingsTable(&table);
+    veskNSAPIVerbose = 1;
+    set(host.reqpb, "uri", "/app/");
+    set(host.vars, "path", "/docs/app/index.jsp");
+    set(host.vars, "ntrans-base", "/docs");
+  }
+  ~Stages() override {
+    setMappingsTable(nullptr);
+    veskNSAPIVerbose = 0;
+    errorUrl = nullptr;
+  }
+  // Puts the only value of a name; null removes what is there.
+  static void set(pblock* block, const char* name, const char* value) {
+    dropParameter(name, block);
+    if (value) MemoryHost::put(block, name, value);
+  }
+  int filter() {
+    return veskfilter(nullptr, &host.session, &host.request);
+  }
+  int service(const char* type) {
+    set(host.srvhdrs, "content-type", type);
+    return veskservice(nullptr, &host.session, &host.request);
+  }
+  MemoryHost host;
+  mappingsTable table{};
+};
+
+TEST_F(Stages, filterMarksWhatIsTheBackends) {
+  // The physical path is preferred, and without memory the URI stays the folder's.
+  set(host.vars, "ppath", "/real/i.jsp");
+  host.failAllocation = 1;
+  EXPECT_EQ(filter(), REQ_NOACTION);
+  EXPECT_EQ(play.filtered, "/app/ /real/i.jsp1");
+  EXPECT_EQ(MemoryHost::get(host.reqpb, "uri"), "/app/");
+  EXPECT_EQ(MemoryHost::get(host.vars, "vesk-proxy-target"), "0");
+
+  set(host.vars, "ppath", nullptr);
+  set(host.vars, "vesk-proxy-target", nullptr);
+  set(host.srvhdrs, "content-type", "text/html");
+  play.filterResult = 12;
+  EXPECT_EQ(filter(), REQ_NOACTION);
+  EXPECT_EQ(play.filtered, "/app/ /docs/app/index.jsp1");
+  EXPECT_EQ(MemoryHost::get(host.reqpb, "uri"), "/app/index.jsp");
+  EXPECT_EQ(MemoryHost::get(host.vars, "vesk-proxy-target"), "12");
+  EXPECT_EQ(MemoryHost::get(host.srvhdrs, "content-type"), "vesk-internal/target");
+}
+
+TEST_F(Stages, filterLeavesEverythingElseUntouched) {
+  // Content type and URI, or null; whether there is a table; what it says.
+  const std::tuple<const char*, const char*, bool, int, int, const char*> rows[] = {
+      {"vesk-internal/ext", "/app/", true, 0, 3, "typed already"},
+      {nullptr, "/app/", false, 0, 3, "no table"},
+      {nullptr, "/app/", true, -1, 3, "no server"},
+      {nullptr, nullptr, true, 0, 3, "no URI"},
+      {nullptr, "/app/", true, 0, -1, "no match"},
+  };
+  for (const auto& [type, uri, hasTable, init, index, why] : rows) {
+    setMappingsTable(hasTable ? &table : nullptr);
+    play.initResult = init;
+    play.filterResult = index;
+    set(host.srvhdrs, "content-type", type);
+    set(host.reqpb, "uri", uri);
+    EXPECT_EQ(filter(), REQ_NOACTION) << why;
+    EXPECT_EQ(MemoryHost::get(host.srvhdrs, "content-type"), type ? type : "-") << why;
+    EXPECT_EQ(MemoryHost::get(host.reqpb, "uri"), uri ? uri : "-") << why;
+    EXPECT_EQ(MemoryHost::get(host.vars, "vesk-proxy-target"), "-") << why;
+  }
+}
+
+TEST_F(Stages, serviceForwardsHeadersAndTheStoredTarget) {
+  for (const char* name : {"b", "a", "cc"}) MemoryHost::put(host.headers, name, "1");
+  const std::string headers = " " + MemoryHost::all(host.headers);
+  for (const auto& [text, index] : {std::pair{"7", "7"},
+                                    {"9999999999", "2147483647"},
+                                    {"-9999999999", "-2147483648"},
+                                    {"a", "0"}}) {
+    set(host.vars, "vesk-proxy-target", text);
+    EXPECT_EQ(service("vesk-internal/target"), REQ_PROCEED);
+    EXPECT_EQ(play.served, "/app/ " + (index + headers));
+  }
+  EXPECT_EQ(MemoryHost::get(host.srvhdrs, "content-type"), "-");
+}
+
+TEST_F(Stages, serviceRefusesWhatItCannotForward) {
+  // Type, URI or null, whether it is evil, whether there is a table, what it says.
+  const std::tuple<const char*, const char*, bool, bool, int, int, const char*> rows[] = {
+      {"text/html", "/a", false, true, 0, 0, ""},
+      {"VESK-INTERNAL/x", "/a", false, true, 0, 0, ""},
+      {"vesk-internal/ext", "/a", false, true, 0, 503,
+       "Could not connect to Vesk server or invalid web server configuration for Vesk."},
+      {"vesk-internal/x", "/a", true, true, 0, 403,
+       "Requested URI contains insecure path characters."},
+      {"vesk-internal/x", nullptr, false, true, 0, 400, "Request has no URI."},
+      {"vesk-internal/x", "/a", false, false, 0, 503,
+       "Internal error, no Vesk mapping table."},
+      {"vesk-internal/x", "/a", false, true, -1, 503, "Can not connect to Vesk server."},
+  };
+  for (const auto& [type, uri, evil, hasTable, init, status, reason] : rows) {
+    host.request.status_num = 0;
+    host.reason.clear();
+    host.evilUri = evil;
+    play.initResult = init;
+    setMappingsTable(hasTable ? &table : nullptr);
+    set(host.reqpb, "uri", uri);
+    EXPECT_EQ(service(type), status ? REQ_ABORTED : REQ_NOACTION) << type;
+    EXPECT_EQ(host.request.status_num, status);
+    EXPECT_EQ(host.reason, reason);
+    EXPECT_EQ(play.served, "");
+  }
+  EXPECT_EQ(host.logged("veskservice: evil uri \"/a\" ignored"), 1);
+}
+
+TEST_F(Stages, serviceResultFollowsOutcomeAndStatus) {
+  const std::tuple<std::int32_t, bool, int, int, const char*> rows[] = {
+      {kRequestServed, true, 404, REQ_ABORTED, "served with an error status"},
+      {kRequestNotOurs, false, 0, REQ_NOACTION, "not for the backend"},
+      {kRequestNotOurs, false, 400, REQ_ABORTED, "the status has the last word"},
+      {kRequestFailed, false, 0, REQ_ABORTED, "failed, nothing written"},
+      {kRequestFailed, true, 399, REQ_PROCEED, "failed after a part went out"},
+      {kRequestFailed, true, 503, REQ_ABORTED, "failed with a page"},
+  };
+  for (const auto& [outcome, responds, status, result, why] : rows) {
+    host.request.status_num = 0;
+    play.serveResult = outcome;
+    play.responds = responds;
+    play.serveStatus = status;
+    EXPECT_EQ(service("vesk-internal/x"), result) << why;
+    const std::string line = std::to_string(status) + " and req status ";
+    EXPECT_EQ(host.logged("return status " + line + std::to_string(result)), 1) << why;
+  }
+  errorUrl = "/sorry";
+  EXPECT_EQ(service("vesk-internal/x"), REQ_PROCEED) << "a page turned into a redirect";
+}
+
+TEST_F(Stages, secureServiceWithoutMemoryAnswersAndReleasesEverything) {
+  host.globals.Vsecurity_active = 1;
+  set(host.client, "keysize", "256");
+  set(host.vars, "auth-cert", "MIIC");
+  for (int failing = 1; failing <= 6; ++failing) {
+    host.failAllocation = host.allocations + failing;
+    EXPECT_EQ(service("vesk-internal/x"), REQ_ABORTED) << failing;
+    EXPECT_EQ(host.request.status_num, 500);
+    EXPECT_EQ(play.served, "") << failing;
+  }
+  host.request.status_num = 0;
+  EXPECT_EQ(service("vesk-internal/x"), REQ_PROCEED);
+  EXPECT_EQ(play.served,
+            "/app/ -1 javax.servlet.request.X509Certificate="
+            "-----BEGIN CERTIFICATE-----\nMIIC\n-----END CERTIFICATE-----\n\n"
+            " javax.servlet.request.key_size=256");
+}
+
+class Init : public testing::Test {
+ protected:
+  ~Init() override {
+    if (host.atRestart) host.atRestart(nullptr);
+    EXPECT_EQ(getMappingsTable(), nullptr);
+    EXPECT_EQ(isShuttingDown(), host.atRestart != nullptr);
+    setShuttingDown(false);
+    veskNSAPIVerbose = veskUseApiAlloc = veskMetrics = 0;
+    veskEnabledTraceFlags = 0;
+    errorUrl = nullptr;
+  }
+  // Options are "name=value" with blanks between. Gives the texts logged.
+  std::string init(const char* options) {
+    std::istringstream in(options);
+    for (std::string name, value; std::getline(in >> std::ws, name, '=') && in >> value;)
+      MemoryHost::put(host.initBlock, name.c_str(), value.c_str());
+    EXPECT_EQ(veskinit(host.initBlock, nullptr, nullptr), REQ_PROCEED);
+    std::string texts;
+    for (const std::string& line : host.log)
+      texts += line.substr(line.rfind('|') + 1) + ";";
+    return texts;
+  }
+  MemoryHost host;
+};
+
+TEST_F(Init, readsAllOptions) {
+  const std::string texts = init(
+      "verbose=true metrics=true ignoresuffixmap=True apialloc=TRUE serverstore=/tmp/s "
+      "bootstrap=127.0.0.1:1 proxyretryinterval=30 connecttimeout=2 recvtimeout=x "
+      "sendtimeout=4s errorurl=/sorry");
+  const mappingsTable* table = getMappingsTable();
+  ASSERT_NE(table, nullptr);
+  EXPECT_EQ(table->proxyRetryInterval, 30u);
+  EXPECT_EQ(table->ignoreSuffix, 1u);
+  EXPECT_EQ(veskMetrics, 1);
+  EXPECT_EQ(veskEnabledTraceFlags, 0xFFFFFFFFu);
+  EXPECT_THAT(soTimeouts, testing::ElementsAre(2000, 4000, 0));
+  EXPECT_EQ(host.poolBlocks, 0) << "start-up memory must outlive any request";
+  EXPECT_NE(texts.find("ignoresuffixmap true;apialloc true;serverstore /tmp/s;"
+                       "bootstrap 127.0.0.1:1;proxyretryinterval 30;connecttimeout 2;"
+                       "recvtimeout 0;sendtimeout 4;"),
+            std::string::npos)
+      << texts;
+  EXPECT_EQ(host.logged("0|veskNSAPI[init] |errorurl /sorry"), 1);
+}
+
+TEST_F(Init, numbersOutOfRangeAreMovedToTheNearest) {
+  init(
+      "verbose=true traceflags=7z connecttimeout=99999999999999999999 sendtimeout=-1 "
+      "recvtimeout=-2147484 proxyretryinterval=2147483648");
+  EXPECT_EQ(veskEnabledTraceFlags, 0u);
+  EXPECT_THAT(soTimeouts, testing::ElementsAre(2147483000, -1000, -2147483000));
+  ASSERT_NE(getMappingsTable(), nullptr);
+  EXPECT_EQ(getMappingsTable()->proxyRetryInterval, 2147483647u);
+  EXPECT_EQ(host.logged("recvtimeout -2147484 is out of range, using -2147483"), 1);
+  EXPECT_EQ(host.logged(" is out of range, using 2147483"), 2);
+  EXPECT_EQ(host.logged("serverstore <null>"), 1);
+}
+
+TEST_F(Init, withoutMemoryLeavesNoTableAndWithoutOptionsDefaults) {
+  host.failAllocation = 1;
+  EXPECT_EQ(init("verbose=TRUE apialloc=yes").find("timeout"), std::string::npos);
+  EXPECT_EQ(getMappingsTable(), nullptr);
+  EXPECT_EQ(veskfilter(nullptr, &host.session, &host.request), REQ_NOACTION);
+  EXPECT_EQ(veskNSAPIVerbose + veskUseApiAlloc, 0);
+  EXPECT_THAT(soTimeouts, testing::ElementsAre(15000, 15000, 300000));
+  EXPECT_EQ(errorUrl, nullptr);
+}
