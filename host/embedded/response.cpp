@@ -1,0 +1,186 @@
+#include "embedded/response.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <cstdio>
+
+#include "layer/request.h"
+
+namespace host {
+
+// A block leaves in slices of this size, so that the time limit of a write
+// covers a slice and copying a slice behind the head stays cheap.
+constexpr std::size_t kSlice = 65536;
+
+constexpr int kNoContent = 204;
+constexpr int kNotModified = 304;
+
+// What stands for itself in a header name besides letters and digits.
+constexpr std::string_view kNameMarks = "!#$%&'*+-.^_`|~";
+
+static bool equalsNoCase(std::string_view a, std::string_view b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+    return std::tolower(static_cast<unsigned char>(x)) ==
+           std::tolower(static_cast<unsigned char>(y));
+  });
+}
+
+static bool isNameByte(char c) {
+  return std::isalnum(static_cast<unsigned char>(c)) ||
+         kNameMarks.find(c) != std::string_view::npos;
+}
+
+static bool isValueByte(char c) {
+  return static_cast<unsigned char>(c) >= ' ' ? c != '\x7f' : c == '\t';
+}
+
+// A line end is part of a value only where the next line goes on with it.
+static bool isFold(std::string_view rest) {
+  return rest.starts_with("\r\n ") || rest.starts_with("\r\n\t");
+}
+
+static bool isValue(std::string_view value) {
+  for (std::size_t i = 0; i < value.size(); ++i) {
+    if (isValueByte(value[i])) continue;
+    if (!isFold(value.substr(i))) return false;
+    i += 2;
+  }
+  return true;
+}
+
+static bool canBeSent(std::string_view name, std::string_view value) {
+  return !name.empty() && std::all_of(name.begin(), name.end(), isNameByte) &&
+         isValue(value);
+}
+
+static std::int64_t parseLength(std::string_view value) {
+  std::int64_t length = 0;
+  auto [end, error] =
+      std::from_chars(value.data(), value.data() + value.size(), length, 10);
+  bool whole = error == std::errc{} && end == value.data() + value.size();
+  return whole && length >= 0 ? length : -1;
+}
+
+// Headers that say how this connection carries the response, or that the host
+// gives itself.
+static bool belongsToHost(std::string_view name) {
+  constexpr std::string_view kNames[] = {"date", "server", "connection", "keep-alive",
+                                         "transfer-encoding"};
+  return std::any_of(std::begin(kNames), std::end(kNames),
+                     [name](std::string_view own) { return equalsNoCase(name, own); });
+}
+
+static void putHeader(std::string* text, std::string_view name, std::string_view value) {
+  text->append(name).append(": ").append(value).append("\r\n");
+}
+
+// One header of the plug-in: copies it, keeps its meaning, or drops it.
+static void takeHeader(ResponseHead* head, const pb_param* param, bool lengthAllowed) {
+  std::string_view name = param->name;
+  std::string_view value = param->value;
+  if (!canBeSent(name, value)) {
+    head->rejected.append(head->rejected.empty() ? "" : ", ").append(name);
+  } else if (equalsNoCase(name, "connection")) {
+    head->close = head->close || equalsNoCase(value, "close");
+  } else if (equalsNoCase(name, "content-length")) {
+    // The first one that can be one counts.
+    bool first = head->length < 0 && lengthAllowed;
+    if (first) head->length = parseLength(value);
+    if (first && head->length >= 0) putHeader(&head->text, name, value);
+  } else if (!belongsToHost(name)) {
+    putHeader(&head->text, name, value);
+  }
+}
+
+static Framing framingOf(int status, const ResponseHead& head, const HeadSettings& s) {
+  if (s.headRequest || status == kNoContent || status == kNotModified) {
+    return Framing::none;
+  }
+  if (head.length >= 0) return Framing::counted;
+  return s.http11 ? Framing::chunked : Framing::untilClose;
+}
+
+ResponseHead buildHead(int status, const char* reason, const pblock* srvhdrs,
+                       const HeadSettings& settings) {
+  ResponseHead head{{}, Framing::none, -1, !settings.keepAlive, {}};
+  if (!reason) reason = usualReason(status);
+  head.text = "HTTP/1.1 " + std::to_string(status) + " " + reason + "\r\n";
+  putHeader(&head.text, "Date", settings.date);
+  putHeader(&head.text, "Server", settings.server);
+  for (const pb_entry* entry = srvhdrs->ht[0]; entry; entry = entry->next) {
+    takeHeader(&head, entry->param, status != kNoContent);
+  }
+  head.framing = framingOf(status, head, settings);
+  if (head.framing == Framing::untilClose) head.close = true;
+  if (head.framing == Framing::chunked) {
+    putHeader(&head.text, "Transfer-Encoding", "chunked");
+  }
+  if (head.close) putHeader(&head.text, "Connection", "close");
+  if (!head.close && !settings.http11) putHeader(&head.text, "Connection", "keep-alive");
+  head.text += "\r\n";
+  return head;
+}
+
+void ResponseWriter::start(ResponseHead head) {
+  head_ = std::move(head);
+  left_ = head_.framing == Framing::counted ? head_.length : 0;
+  started_ = headWaits_ = true;
+}
+
+bool ResponseWriter::send(const char* bytes, std::size_t size) {
+  if (failed_) return false;
+  failed_ = !sink_->send(bytes, size);
+  return !failed_;
+}
+
+bool ResponseWriter::sendHead() {
+  if (!headWaits_) return !failed_;
+  headWaits_ = false;
+  return send(head_.text.data(), head_.text.size());
+}
+
+// One slice: whatever must go with it stands in one buffer, and a slice that
+// goes alone isn't copied.
+bool ResponseWriter::sendBlock(const char* bytes, std::size_t size) {
+  bool chunked = head_.framing == Framing::chunked;
+  if (!headWaits_ && !chunked) return send(bytes, size);
+  buffer_.clear();
+  if (headWaits_) buffer_ = head_.text;
+  headWaits_ = false;
+  if (chunked) {
+    char line[24];
+    (void)std::snprintf(line, sizeof(line), "%zx\r\n", size);
+    buffer_ += line;
+  }
+  buffer_.append(bytes, size);
+  if (chunked) buffer_ += "\r\n";
+  return send(buffer_.data(), buffer_.size());
+}
+
+bool ResponseWriter::write(const char* bytes, std::size_t size) {
+  if (head_.framing == Framing::none) return !failed_;
+  if (head_.framing == Framing::counted) {
+    size = std::min(size, static_cast<std::size_t>(left_));
+    left_ -= static_cast<std::int64_t>(size);
+  }
+  while (size > 0) {
+    std::size_t slice = std::min(size, kSlice);
+    if (!sendBlock(bytes, slice)) return false;
+    bytes += slice;
+    size -= slice;
+  }
+  return !failed_;
+}
+
+bool ResponseWriter::finish() {
+  if (!started_) return false;
+  buffer_.clear();
+  if (headWaits_) buffer_ = head_.text;
+  headWaits_ = false;
+  if (head_.framing == Framing::chunked) buffer_ += "0\r\n\r\n";
+  if (!buffer_.empty() && !send(buffer_.data(), buffer_.size())) return false;
+  return !failed_ && left_ == 0 && !head_.close;
+}
+
+}  // namespace host

@@ -1,0 +1,91 @@
+// The bytes of a response: its head, and the framing of its body.
+//
+// buildHead decides how the body is framed, and a ResponseWriter puts head and
+// blocks together so that the head leaves with the first block, in one write.
+//
+// Ownership: the writer borrows its sink. Threads: one at a time. No lock.
+// Errors: as each function tells; std::bad_alloc when memory is short.
+// Units: bytes.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "nsapi.h"
+
+namespace host {
+
+enum class Framing { none, counted, chunked, untilClose };
+
+struct ResponseHead {
+  std::string text;      // status line to empty line
+  Framing framing;       // how the body goes out
+  std::int64_t length;   // of a counted body
+  bool close;            // the connection can't take another request
+  std::string rejected;  // names of headers that can't be sent, for the log
+};
+
+// What the head depends on besides the plug-in's records.
+struct HeadSettings {
+  bool http11;            // the client speaks HTTP/1.1
+  bool headRequest;       // the method is HEAD
+  bool keepAlive;         // client and server would keep the connection
+  std::string_view date;  // value of the Date header
+  std::string_view server;
+};
+
+// `srvhdrs` gives the headers in its order. Those that the host owns (date,
+// server, framing of the connection) are left out, and so is every header whose
+// name or value could end its line.
+[[nodiscard]] ResponseHead buildHead(int status, const char* reason,
+                                     const pblock* srvhdrs, const HeadSettings& settings);
+
+// Where the bytes go.
+class ByteSink {
+ public:
+  virtual ~ByteSink() = default;
+  // Sends all bytes: false when the client can't be reached. Blocks.
+  virtual bool send(const char* bytes, std::size_t size) = 0;
+};
+
+class ResponseWriter {
+ public:
+  explicit ResponseWriter(ByteSink* sink) : sink_(sink) {}
+
+  // Takes the head; nothing is sent yet.
+  void start(ResponseHead head);
+  [[nodiscard]] bool started() const {
+    return started_;
+  }
+
+  [[nodiscard]] bool headSent() const {
+    return started_ && !headWaits_;
+  }
+
+  // Sends a block, with the head before the first one. Bytes behind a counted
+  // body's length are dropped. False when the client can't be reached, now or
+  // earlier.
+  [[nodiscard]] bool write(const char* bytes, std::size_t size);
+
+  // Sends the head alone if it is still waiting.
+  [[nodiscard]] bool sendHead();
+
+  // Sends what is still missing at the end. True when the response is complete
+  // and the connection can take another request.
+  [[nodiscard]] bool finish();
+
+ private:
+  [[nodiscard]] bool sendBlock(const char* bytes, std::size_t size);
+  [[nodiscard]] bool send(const char* bytes, std::size_t size);
+
+  ByteSink* sink_;
+  ResponseHead head_{};
+  std::string buffer_;     // what leaves in one write
+  std::int64_t left_ = 0;  // of a counted body
+  bool started_ = false;
+  bool headWaits_ = false;
+  bool failed_ = false;
+};
+
+}  // namespace host

@@ -1,0 +1,49 @@
+// Parameter blocks: lists of name and value that keep the order of insertion.
+//
+// A block has one bucket, and new entries go to its end: who walks the chains
+// finds the parameters in the order in which they came. A name may stand more
+// than once.
+//
+// Ownership: memory comes from the running request of the calling thread, or,
+// outside a request, from the heap until freeParameters.
+// Threads: a block belongs to one thread at a time. No lock.
+// Errors: null when memory is short or the block is full; nothing has changed.
+#pragma once
+
+#include <cstdint>
+
+#include "nsapi.h"
+
+namespace host {
+
+// More than any honest request or response carries. A block that has reached
+// it takes no further parameter, so that no peer can fill the memory.
+constexpr int kMaxParameters = 4096;
+
+[[nodiscard]] pblock* newParameters();
+
+// Frees a block with all that it holds. Needed only outside a request.
+void freeParameters(pblock* pb);
+
+// Copies both texts. Null as well for a missing name, value or block.
+pb_param* addParameter(pblock* pb, const char* name, const char* value);
+
+// The value of the first parameter of that name, or null. Stays the block's.
+[[nodiscard]] char* findValue(const pblock* pb, const char* name);
+
+// The first parameter of that name, or null; `remove` detaches it, and then it
+// goes back through freeParameter.
+pb_param* findParameter(pblock* pb, const char* name, bool remove);
+
+// Gives back a detached parameter; null does nothing.
+void freeParameter(pb_param* param);
+
+// The block as name="value" pairs with blanks between, in new memory of the
+// request that goes back through releasePoolBlock. A text before is put first.
+[[nodiscard]] char* writeParameters(const pblock* pb, const char* before);
+
+// Memory of the running request, or unpooled memory outside one.
+[[nodiscard]] void* requestMemory(std::int64_t size);
+[[nodiscard]] char* requestText(const char* text);
+
+}  // namespace host

@@ -1,0 +1,201 @@
+#include "layer/stages.h"
+
+#include <algorithm>
+#include <map>
+#include <utility>
+
+#include "layer/builtins.h"
+#include "layer/parameters.h"
+#include "layer/request.h"
+
+namespace host {
+
+using FunctionMap = std::map<std::string, FuncPtr, std::less<>>;
+
+static std::string functionKey(std::string_view name) {
+  std::string key(name);
+  std::replace(key.begin(), key.end(), '-', '_');
+  return key;
+}
+
+static FunctionMap builtins() {
+  return {{"load_modules", loadModules},
+          {"document_root", documentRoot},
+          {"force_type", forceType}};
+}
+
+static FunctionMap& functions() {
+  static FunctionMap map = builtins();
+  return map;
+}
+
+void registerFunction(std::string_view name, FuncPtr function) {
+  functions()[functionKey(name)] = function;
+}
+
+void forgetFunctions() {
+  functions() = builtins();
+}
+
+FuncPtr findFunction(std::string_view name) {
+  auto found = functions().find(functionKey(name));
+  return found == functions().end() ? nullptr : found->second;
+}
+
+static bool wordMatches(std::string_view word, std::string_view value) {
+  if (!word.empty() && word.back() == '*') {
+    word.remove_suffix(1);
+    return value.substr(0, word.size()) == word;
+  }
+  return word == value;
+}
+
+bool patternMatches(std::string_view pattern, std::string_view value) {
+  bool list = pattern.size() >= 2 && pattern.front() == '(' && pattern.back() == ')';
+  if (!list) return wordMatches(pattern, value);
+  pattern = pattern.substr(1, pattern.size() - 2);
+  for (std::size_t bar; (bar = pattern.find('|')) != std::string_view::npos;) {
+    if (wordMatches(pattern.substr(0, bar), value)) return true;
+    pattern.remove_prefix(bar + 1);
+  }
+  return wordMatches(pattern, value);
+}
+
+Stages::~Stages() {
+  for (Line& line : inits_) freeParameters(line.parameters);
+  for (auto& stage : stages_) {
+    for (Line& line : stage) freeParameters(line.parameters);
+  }
+}
+
+void Stages::addInit(Directive directive) {
+  inits_.push_back(Line{.directive = std::move(directive)});
+}
+
+void Stages::add(Stage stage, Directive directive) {
+  stages_[static_cast<int>(stage)].push_back(Line{.directive = std::move(directive)});
+}
+
+static pblock* blockOf(const Directive& directive) {
+  pblock* block = newParameters();
+  for (const auto& [name, value] : directive.parameters) {
+    if (addParameter(block, name.c_str(), value.c_str())) continue;
+    freeParameters(block);
+    return nullptr;
+  }
+  return block;
+}
+
+std::string Stages::findAll(Line* line) {
+  const std::string* name = line->directive.find("fn");
+  if (!name) return "the directive has no fn";
+  line->function = findFunction(*name);
+  if (!line->function) return "unknown function \"" + *name + "\"";
+  line->parameters = blockOf(line->directive);
+  if (!line->parameters) return "out of memory";
+  line->type = findValue(line->parameters, "type");
+  line->method = findValue(line->parameters, "method");
+  return {};
+}
+
+// A module must be there before the lines that name its functions are judged,
+// so load-modules runs here and not in runInits.
+std::string Stages::prepareLine(Line* line) {
+  std::string reason = findAll(line);
+  if (reason.empty() && line->function == loadModules) reason = runInit(line);
+  return reason;
+}
+
+std::string Stages::prepare() {
+  auto prepareAll = [](std::deque<Line>* lines) -> std::string {
+    for (Line& line : *lines) {
+      std::string reason = prepareLine(&line);
+      if (!reason.empty()) return line.directive.where + ": " + reason;
+    }
+    return {};
+  };
+  std::string reason = prepareAll(&inits_);
+  for (auto& stage : stages_) {
+    if (reason.empty()) reason = prepareAll(&stage);
+  }
+  return reason;
+}
+
+std::string Stages::keepPrepared(std::deque<Line>* lines, Directive directive) {
+  lines->push_back(Line{.directive = std::move(directive)});
+  std::string reason = prepareLine(&lines->back());
+  if (reason.empty()) return {};
+  freeParameters(lines->back().parameters);
+  lines->pop_back();
+  return reason;
+}
+
+std::string Stages::addPreparedInit(Directive directive) {
+  return keepPrepared(&inits_, std::move(directive));
+}
+
+std::string Stages::addPrepared(Stage stage, Directive directive) {
+  return keepPrepared(&stages_[static_cast<int>(stage)], std::move(directive));
+}
+
+bool Stages::has(Stage stage) const {
+  return !stages_[static_cast<int>(stage)].empty();
+}
+
+bool Stages::serves(const Request* rq) const {
+  const auto& lines = stages_[static_cast<int>(Stage::service)];
+  return std::any_of(lines.begin(), lines.end(), [rq](const Line& line) {
+    return applies(line, Stage::service, rq);
+  });
+}
+
+std::string Stages::runInit(Line* line) {
+  int result = line->function(line->parameters, nullptr, nullptr);
+  if (result != REQ_ABORTED && result != REQ_EXIT) return {};
+  const char* reason = findValue(line->parameters, "error");
+  if (reason) return reason;
+  return "\"" + *line->directive.find("fn") + "\" failed";
+}
+
+std::string Stages::runInits() {
+  for (Line& line : inits_) {
+    if (line.function == loadModules) continue;
+    std::string reason = runInit(&line);
+    if (!reason.empty()) return line.directive.where + ": " + reason;
+  }
+  return {};
+}
+
+// `type` of a line of another stage is a parameter of its function.
+bool Stages::applies(const Line& line, Stage stage, const Request* rq) {
+  if (stage != Stage::service) return true;
+  if (line.type) {
+    const char* type = findValue(rq->srvhdrs, "content-type");
+    if (!type || !patternMatches(line.type, type)) return false;
+  }
+  if (!line.method) return true;
+  const char* method = findValue(rq->reqpb, "method");
+  return method && patternMatches(line.method, method);
+}
+
+int Stages::runStage(Stage stage, Session* sn, Request* rq) const {
+  for (const Line& line : stages_[static_cast<int>(stage)]) {
+    if (!applies(line, stage, rq)) continue;
+    int result = line.function(line.parameters, sn, rq);
+    if (result != REQ_NOACTION) return result;
+  }
+  return REQ_NOACTION;
+}
+
+char* Stages::translate(const char* uri, Session* sn) const {
+  HostRequest scratch;
+  if (!openRequest(&scratch, static_cast<Exchange*>(sn->csd))) return nullptr;
+  scratch.translateOnly = true;
+  if (!addParameter(scratch.reqpb, "uri", uri)) return nullptr;
+  int result = runStage(Stage::nameTrans, sn, &scratch);
+  if (result != REQ_PROCEED && result != REQ_NOACTION) return nullptr;
+  char* path = findValue(scratch.vars, "ppath");
+  return path ? path : findValue(scratch.vars, "path");
+}
+
+}  // namespace host

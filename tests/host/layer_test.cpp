@@ -1,0 +1,289 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "layer/directive.h"
+#include "layer/parameters.h"
+#include "layer/request.h"
+#include "layer/server_hooks.h"
+#include "layer/stages.h"
+#include "layer/uri.h"
+
+namespace host {
+namespace {
+
+using testing::ElementsAre;
+
+// A web server that only remembers what it was told.
+class FakeExchange final : public Exchange {
+ public:
+  int readBody(unsigned char* buffer, int size) override {
+    asked = size;
+    if (body.empty()) return bodyBroken ? -1 : 0;
+    buffer[0] = static_cast<unsigned char>(body[0]);
+    body.erase(0, 1);
+    return 1;
+  }
+  int startResponse(HostRequest* request) override {
+    starts.push_back(request->status_num);
+    return REQ_PROCEED;
+  }
+  int writeBody(const char*, int size) override {
+    return size;
+  }
+  bool peer(sockaddr_in*) override {
+    return false;
+  }
+  char* clientName() override {
+    return nullptr;
+  }
+  char* translateUri(const char*, Session*) override {
+    return nullptr;
+  }
+  conf_global_vars_s* settings() override {
+    return &globals;
+  }
+  void log(int, const char* function, HostRequest*, const char* message) override {
+    lines.push_back(std::string(function) + "|" + message);
+  }
+
+  std::string body;
+  bool bodyBroken = false;
+  int asked = 0;
+  std::vector<int> starts;
+  conf_global_vars_s globals{4711, nullptr, 0};
+  std::vector<std::string> lines;
+};
+
+struct Running {
+  FakeExchange exchange;
+  HostRequest request;
+  RunningRequest running{&request};
+  bool open = openRequest(&request, &exchange);
+};
+
+TEST(parameters, keepOrderAndDuplicatesAndEmptyValues) {
+  Running r;
+  pblock* pb = r.request.headers;
+  for (auto [name, value] : {std::pair{"b", "1"}, {"a", ""}, {"b", "2"}, {"c", "\"\\"}}) {
+    ASSERT_TRUE(pblock_nvinsert(name, value, pb));
+  }
+  ASSERT_TRUE(pblock_nninsert("n", INT32_MIN, pb));
+  EXPECT_STREQ(pblock_findval("b", pb), "1");
+  EXPECT_STREQ(pblock_findval("a", pb), "");
+  EXPECT_EQ(pblock_findval("B", pb), nullptr);
+  char before[] = "before";
+  EXPECT_STREQ(pblock_pblock2str(pb, before),
+               R"(before b="1" a="" b="2" c="\"\\" n="-2147483648")");
+}
+
+TEST(parameters, removeDetachesTheFirstOnly) {
+  Running r;
+  pblock* pb = r.request.vars;
+  for (const char* value : {"1", "2"}) pblock_nvinsert("x", value, pb);
+  pb_param* first = pblock_remove("x", pb);
+  ASSERT_TRUE(first);
+  EXPECT_STREQ(first->value, "1");
+  EXPECT_EQ(param_free(first), 1);
+  EXPECT_STREQ(pblock_findval("x", pb), "2");
+  param_free(pblock_remove("x", pb));
+  EXPECT_EQ(pblock_remove("x", pb), nullptr);
+  EXPECT_EQ(param_free(nullptr), 0);
+  pblock_nvinsert("y", "3", pb);
+  EXPECT_STREQ(pblock_pblock2str(pb, nullptr), "y=\"3\"");
+}
+
+TEST(parameters, aFullBlockTakesNoMore) {
+  Running r;
+  for (int i = 0; i < kMaxParameters; ++i) {
+    ASSERT_TRUE(pblock_nninsert("n", i, r.request.srvhdrs));
+  }
+  EXPECT_EQ(pblock_nvinsert("one", "more", r.request.srvhdrs), nullptr);
+}
+
+// Leaks and wrong frees show under the address sanitizer.
+TEST(memory, isOfTheRequestAndMayBeGivenBackInAnyOrder) {
+  void* outside = system_malloc(10);
+  {
+    Running r;
+    void* blocks[] = {system_malloc(1), system_malloc(2), system_malloc(3), nullptr};
+    ASSERT_TRUE(system_malloc(4));
+    for (int i : {1, 0, 2, 3}) system_free(blocks[i]);
+    for (int size : {0, -5}) EXPECT_EQ(system_malloc(size), nullptr);
+    EXPECT_STREQ(system_strdup("text"), "text");
+    EXPECT_EQ(system_strdup(nullptr), nullptr);
+    EXPECT_EQ(conf_getglobals()->Vport, 4711);
+  }
+  system_free(outside);
+  EXPECT_EQ(system_malloc_perm(0), nullptr);
+}
+
+using Pair = std::pair<std::string, std::string>;
+
+// The two sides of a row, which a blank parts.
+Pair sides(const std::string& row) {
+  return {row.substr(0, row.find(' ')), row.substr(row.find(' ') + 1)};
+}
+
+// A "!" marks what is judged evil; a plus and a path parameter stay, and nothing
+// is decoded twice.
+TEST(uri, decodingAndJudging) {
+  std::string decoded;
+  for (const char* row :
+       {"/a%20b+c /a b+c", "/%2e%2E/x !/../x", "/a%252e /a%2e", "/a;p=%3b /a;p=;",
+        "/a//b !/a//b", "/a/./b !/a/./b", "/a/.. !/a/..", "/a/. !/a/.",
+        "/..;x/a !/..;x/a", "/a../..b/.c/d... /a../..b/.c/d...", "/ /", " "}) {
+    auto [raw, wanted] = sides(row);
+    ASSERT_TRUE(decodeUri(raw, &decoded)) << raw;
+    EXPECT_EQ((util_uri_is_evil(decoded.c_str()) ? "!" : "") + decoded, wanted);
+  }
+  for (const char* raw : {"/a%00b", "/a%", "/a%1", "/a%g0"}) {
+    EXPECT_FALSE(decodeUri(raw, &decoded)) << raw;
+  }
+}
+
+TEST(pattern, wordsStarsAndLists) {
+  for (const char* row : {"a/b a/b", "a/* a/", "* ", "(GET|HEAD) HEAD", "(GET) GET",
+                          "(x|a/*) a/q", " ", "( (", "() "}) {
+    EXPECT_TRUE(patternMatches(sides(row).first, sides(row).second)) << row;
+  }
+  for (const char* row :
+       {"a/b a/bc", "a/* a", "(GET|HEAD) POST", "(GET|HEAD) GET|HEAD", "GET get"}) {
+    EXPECT_FALSE(patternMatches(sides(row).first, sides(row).second)) << row;
+  }
+}
+
+TEST(directive, badParametersAreRefusedWithTheReason) {
+  const std::pair<const char*, const char*> rows[] = {
+      {R"(fn="a)", "the value of \"fn\" has no closing quote"},
+      {R"(fn="a\")", "the value of \"fn\" has no closing quote"},
+      {"fn=", "\"fn\" has no value"},
+      {"fn", "expected name=\"value\" at \"fn\""},
+      {"=x", "expected name=\"value\" at \"=x\""},
+      {"a = b", "expected name=\"value\" at \"a = b\""},
+      {R"(fn="a"b="c")", "expected a blank behind the value of \"fn\""},
+      {R"(fn=a"b)", "the value of \"fn\" has a quote in the middle"},
+      {"fn=a fn=b", "\"fn\" is given twice"}};
+  for (const auto& [text, reason] : rows) {
+    Directive directive;
+    EXPECT_EQ(parseParameters(text, &directive), reason) << text;
+  }
+}
+
+TEST(directive, quotesEscapesAndComments) {
+  Directive directive;
+  ASSERT_EQ(
+      parseParameters(R"( fn=a  b="x y=\"z\"\\ \n #" c="" d=e=f#g # h="i")", &directive),
+      "");
+  EXPECT_THAT(directive.parameters,
+              ElementsAre(std::pair{"fn", "a"}, std::pair{"b", "x y=\"z\"\\ \\n #"},
+                          std::pair{"c", ""}, std::pair{"d", "e=f#g"}));
+}
+
+// What the function of the stage runner wrote down.
+std::string ran;
+
+int note(pblock* pb, Session*, Request*) {
+  ran += pblock_findval("note", pb);
+  const char* result = pblock_findval("result", pb);
+  return result ? std::atoi(result) : REQ_NOACTION;
+}
+
+Directive line(const std::string& where, const std::string& text) {
+  Directive directive{where, {}};
+  EXPECT_EQ(parseParameters(text, &directive), "");
+  return directive;
+}
+
+TEST(stages, runUntilOneDecidesAndObeyTypeAndMethod) {
+  registerFunction("note-it", note);
+  Stages stages;
+  for (const char* text : {"note=a type=x/*", "note=b method=(PUT|POST)",
+                           "note=c type=y/* method=GET", "note=d result=0", "note=e"}) {
+    stages.add(Stage::service, line("c:1", std::string("fn=note_it ") + text));
+  }
+  stages.add(Stage::objectType, line("c:6", "fn=note-it note=f type=never"));
+  ASSERT_EQ(stages.prepare(), "");
+  Running r;
+  pblock_nvinsert("method", "GET", r.request.reqpb);
+  auto run = [&](Stage stage) {
+    return stages.runStage(stage, &r.request.session, &r.request);
+  };
+  ran.clear();
+  EXPECT_EQ(run(Stage::service), REQ_PROCEED);
+  EXPECT_EQ(ran, "d") << "without a content type, no line with a type runs";
+  pblock_nvinsert("content-type", "y/z", r.request.srvhdrs);
+  EXPECT_EQ(run(Stage::service), REQ_PROCEED);
+  EXPECT_EQ(ran, "dcd");
+  EXPECT_EQ(run(Stage::objectType), REQ_NOACTION);
+  EXPECT_EQ(ran, "dcdf") << "type matters to Service alone";
+}
+
+TEST(stages, unknownFunctionsAndModulesAreRefused) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"fn=load-modules shlib=/no/such.so funcs=a", "c:7: can't load module: "},
+      {"fn=load-modules shlib=x.so", "c:7: load-modules needs shlib and funcs"}};
+  Stages unknown;
+  unknown.add(Stage::nameTrans, line("c:7", "fn=nobody"));
+  EXPECT_EQ(unknown.prepare(), "c:7: unknown function \"nobody\"");
+  for (const auto& [text, reason] : rows) {
+    Stages stages;
+    stages.addInit(line("c:7", text));
+    EXPECT_THAT(stages.prepare(), testing::StartsWith(reason));
+  }
+}
+
+struct StatusRow {
+  int given;
+  int status;
+  const char* reason;
+  const char* kept;
+};
+
+TEST(response, statusAndReasonAreMadeFitAndStartedOnce) {
+  const StatusRow rows[] = {
+      {404, 404, "Not here", "Not here"}, {503, 503, nullptr, nullptr},
+      {200, 200, "a\r\nb\x7f", "a  b "},  {0, 500, "zero", nullptr},
+      {100, 500, "Continue", nullptr},    {70000, 500, "wraps", nullptr},
+      {-1, 500, "minus", nullptr},        {999, 999, "", ""}};
+  Running plain;
+  EXPECT_EQ(protocol_start_response(&plain.request.session, &plain.request), REQ_PROCEED);
+  EXPECT_EQ(plain.exchange.starts, std::vector<int>{200});
+  for (const StatusRow& row : rows) {
+    Running r;
+    protocol_status(&r.request.session, &r.request, row.given, row.reason);
+    EXPECT_STREQ(r.request.reason, row.kept) << row.given;
+    EXPECT_EQ(r.exchange.lines.size(), row.status == row.given ? 0U : 1U);
+    EXPECT_EQ(protocol_start_response(&r.request.session, &r.request), REQ_PROCEED);
+    EXPECT_EQ(protocol_start_response(&r.request.session, &r.request), REQ_ABORTED);
+    EXPECT_EQ(r.exchange.starts, std::vector<int>{row.status});
+  }
+}
+
+TEST(input, grabSetsTheBufferAndReportsTheEnd) {
+  Running r;
+  netbuf* input = r.request.session.inbuf;
+  r.exchange.body = "ab";
+  EXPECT_EQ(netbuf_grab(input, 1 << 30), 1);
+  EXPECT_EQ(r.exchange.asked, kInputBufferSize) << "never more than the buffer holds";
+  EXPECT_EQ(input->inbuf[0], 'a');
+  EXPECT_EQ(netbuf_grab(input, 5), 1);
+  EXPECT_EQ(netbuf_grab(input, 5), 0);
+  EXPECT_EQ(input->cursize, 0);
+  r.exchange.bodyBroken = true;
+  EXPECT_EQ(netbuf_grab(input, 5), -1);
+  EXPECT_EQ(input->pos, input->cursize);
+  EXPECT_EQ(netbuf_grab(input, 0), -1);
+}
+
+TEST(log, longLinesAreWhole) {
+  Running r;
+  std::string text(5000, 'x');
+  (void)log_error(LOG_WARN, "fn", nullptr, nullptr, "%s%%", text.c_str());
+  EXPECT_THAT(r.exchange.lines, ElementsAre("fn|" + text + "%"));
+}
+
+}  // namespace
+}  // namespace host
