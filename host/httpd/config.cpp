@@ -1,0 +1,153 @@
+#include "httpd/config.h"
+
+#include <apr_strings.h>
+#include <http_config.h>
+
+#include <exception>
+#include <map>
+#include <string>
+#include <utility>
+
+#include "httpd/mod_nsapi.h"
+#include "layer/builtins.h"
+#include "layer/directive.h"
+
+namespace host {
+
+constexpr char kOutOfMemory[] = "out of memory";
+
+// The places of the Init functions, by function: each runs once.
+static std::map<FuncPtr, std::string>& initPlaces() {
+  static std::map<FuncPtr, std::string> places;
+  return places;
+}
+
+ServerConfig* configOf(server_rec* server) {
+  return static_cast<ServerConfig*>(
+      ap_get_module_config(server->module_config, &nsapi_module));
+}
+
+static apr_status_t deleteStages(void* stages) {
+  delete static_cast<Stages*>(stages);
+  return APR_SUCCESS;
+}
+
+static apr_status_t forgetModules(void*) {
+  forgetFunctions();
+  unloadModules();
+  initPlaces().clear();
+  return APR_SUCCESS;
+}
+
+static Stages* madeStages(apr_pool_t* pool, Stages** stages) {
+  if (!*stages) {
+    *stages = new Stages;
+    apr_pool_cleanup_register(pool, *stages, deleteStages, apr_pool_cleanup_null);
+  }
+  return *stages;
+}
+
+static std::string absolutePath(const cmd_parms* cmd, const std::string& path) {
+  const char* absolute = ap_server_root_relative(cmd->temp_pool, path.c_str());
+  return absolute ? absolute : path;
+}
+
+// Relative paths count from ServerRoot, as those of httpd's own directives do.
+static std::string completePath(const cmd_parms* cmd, FuncPtr function, Directive* d) {
+  const char* name = function == loadModules    ? "shlib"
+                     : function == documentRoot ? "root"
+                                                : nullptr;
+  const std::string* path = name ? d->find(name) : nullptr;
+  if (path) d->set(name, absolutePath(cmd, *path));
+  // mod_dir finds index files by the names that httpd is told.
+  return function == documentRoot ? completeDocumentRoot(d, "") : "";
+}
+
+static std::string readDirective(const cmd_parms* cmd, const char* text, Directive* d) {
+  d->where = std::string(cmd->directive->filename) + ":" +
+             std::to_string(cmd->directive->line_num);
+  std::string reason = parseParameters(text, d);
+  if (!reason.empty()) return reason;
+  const std::string* name = d->find("fn");
+  FuncPtr function = name ? findFunction(*name) : nullptr;
+  return function ? completePath(cmd, function, d) : "";
+}
+
+// Null for an empty reason. httpd keeps the text as long as the process.
+static const char* answer(cmd_parms* cmd, const std::string& reason) {
+  if (reason.empty()) return nullptr;
+  return apr_pstrcat(cmd->pool, cmd->cmd->name, ": ", reason.c_str(), nullptr);
+}
+
+static std::string checkRunsOnce(const Directive& d) {
+  const std::string* name = d.find("fn");
+  FuncPtr function = name ? findFunction(*name) : nullptr;
+  if (!function || function == loadModules) return {};
+  auto [place, fresh] = initPlaces().emplace(function, d.where);
+  if (fresh) return {};
+  return "\"" + *name + "\" runs once in a process, and stands in " + place->second +
+         " already";
+}
+
+static std::string addInitLine(cmd_parms* cmd, const char* text) {
+  Directive d;
+  std::string reason = readDirective(cmd, text, &d);
+  if (reason.empty()) reason = checkRunsOnce(d);
+  if (!reason.empty()) return reason;
+  ServerConfig* config = configOf(cmd->server);
+  return madeStages(cmd->pool, &config->inits)->addPreparedInit(std::move(d));
+}
+
+static std::string addStageLine(cmd_parms* cmd, Stage stage, const char* text) {
+  Directive d;
+  std::string reason = readDirective(cmd, text, &d);
+  if (!reason.empty()) return reason;
+  ServerConfig* config = configOf(cmd->server);
+  reason = madeStages(cmd->pool, &config->own)->addPrepared(stage, std::move(d));
+  config->stages = config->own;
+  return reason;
+}
+
+static const char* addStage(cmd_parms* cmd, Stage stage, const char* text) try {
+  return answer(cmd, addStageLine(cmd, stage, text));
+} catch (const std::exception&) {
+  return kOutOfMemory;
+}
+
+}  // namespace host
+
+using host::ServerConfig;
+
+// The main server's settings are the first ones of each reading.
+void* nsapiCreateServer(apr_pool_t* pool, server_rec* server) {
+  if (!server->is_virtual) {
+    apr_pool_cleanup_register(pool, nullptr, host::forgetModules, apr_pool_cleanup_null);
+  }
+  return apr_pcalloc(pool, sizeof(ServerConfig));
+}
+
+void* nsapiMergeServers(apr_pool_t* pool, void* base, void* own) {
+  void* memory = apr_palloc(pool, sizeof(ServerConfig));
+  auto* merged = static_cast<ServerConfig*>(memory);
+  *merged = *static_cast<const ServerConfig*>(own);
+  if (!merged->own) merged->stages = static_cast<const ServerConfig*>(base)->stages;
+  return merged;
+}
+
+const char* nsapiInit(cmd_parms* cmd, void*, const char* text) try {
+  return host::answer(cmd, host::addInitLine(cmd, text));
+} catch (const std::exception&) {
+  return host::kOutOfMemory;
+}
+
+const char* nsapiNameTrans(cmd_parms* cmd, void*, const char* text) {
+  return host::addStage(cmd, host::Stage::nameTrans, text);
+}
+
+const char* nsapiObjectType(cmd_parms* cmd, void*, const char* text) {
+  return host::addStage(cmd, host::Stage::objectType, text);
+}
+
+const char* nsapiService(cmd_parms* cmd, void*, const char* text) {
+  return host::addStage(cmd, host::Stage::service, text);
+}

@@ -1,0 +1,24 @@
+// The module's settings of one server: its directives, judged as httpd reads
+// them.
+//
+// Ownership: httpd's configuration pool; the functions and modules are given
+// back with it, so that the next reading begins afresh.
+// Threads: one while the configuration is read; from then on read only.
+// Errors: httpd reports a directive's reason with file and line.
+#pragma once
+
+#include <httpd.h>
+
+#include "layer/stages.h"
+
+namespace host {
+
+struct ServerConfig {
+  Stages* inits;   // this server's Init lines; null: none
+  Stages* own;     // its lines of the other stages; null: none
+  Stages* stages;  // what its requests run: `own`, else the main server's, else null
+};
+
+[[nodiscard]] ServerConfig* configOf(server_rec* server);
+
+}  // namespace host

@@ -1,0 +1,195 @@
+#include "httpd/exchange.h"
+
+#include <apr_strings.h>
+#include <http_core.h>
+#include <http_log.h>
+#include <http_protocol.h>
+#include <http_request.h>
+#include <http_ssl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "httpd/mod_nsapi.h"
+#include "httpd/process.h"
+#include "httpd/response.h"
+#include "layer/parameters.h"
+
+APLOG_USE_MODULE(nsapi);
+
+// The macros of APR's rings, which brigades are, cast a volatile away.
+#pragma GCC diagnostic ignored "-Wcast-qual"
+
+namespace host {
+
+static thread_local bool translating = false;
+
+bool isTranslating() {
+  return translating;
+}
+
+// A sub-request has no body: the one that waits is its parent's.
+HttpdExchange::HttpdExchange(request_rec* r)
+    : r_(r),
+      body_(nullptr),
+      out_(nullptr),
+      left_(-1),
+      bodyEnded_(r->main != nullptr),
+      ended_(false),
+      refusal_(0),
+      settings_{ap_get_server_port(r), apr_pstrdup(r->pool, ap_get_server_name(r)),
+                ap_ssl_conn_is_ssl(r->connection)} {}
+
+// Reads into an empty brigade: false when the body breaks off. A body longer
+// than LimitRequestBody ends the request, whatever the plug-in makes of it.
+bool HttpdExchange::fetchBody(int size) {
+  if (!body_) body_ = apr_brigade_create(r_->pool, r_->connection->bucket_alloc);
+  apr_status_t status =
+      ap_get_brigade(r_->input_filters, body_, AP_MODE_READBYTES, APR_BLOCK_READ, size);
+  if (status == APR_SUCCESS) return true;
+  int refused = ap_map_http_request_error(status, HTTP_BAD_REQUEST);
+  if (refused == HTTP_REQUEST_ENTITY_TOO_LARGE) refusal_ = refused;
+  return false;
+}
+
+// What the first bucket gives: a count; 0 when it holds no bytes; -1 at the end
+// of the body; -2 when it can't be read. The bucket is gone afterwards.
+constexpr int kEndOfBody = -1;
+constexpr int kBrokenBody = -2;
+
+int HttpdExchange::takeBytes(unsigned char* buffer, int size) {
+  apr_bucket* bucket = APR_BRIGADE_FIRST(body_);
+  const char* bytes = nullptr;
+  apr_size_t count = 0;
+  if (APR_BUCKET_IS_EOS(bucket)) return kEndOfBody;
+  if (AP_BUCKET_IS_ERROR(bucket)) return kBrokenBody;
+  if (!APR_BUCKET_IS_METADATA(bucket) &&
+      apr_bucket_read(bucket, &bytes, &count, APR_BLOCK_READ) != APR_SUCCESS) {
+    return kBrokenBody;
+  }
+  auto room = static_cast<apr_size_t>(size);
+  if (count > room && apr_bucket_split(bucket, room) != APR_SUCCESS) return kBrokenBody;
+  count = std::min(count, room);
+  if (count > 0) std::memcpy(buffer, bytes, count);
+  apr_bucket_delete(bucket);
+  return static_cast<int>(count);
+}
+
+int HttpdExchange::readBody(unsigned char* buffer, int size) {
+  int count = 0;
+  while (!bodyEnded_ && count == 0) {
+    bool empty = !body_ || APR_BRIGADE_EMPTY(body_);
+    if (empty && !fetchBody(size)) return -1;
+    count = APR_BRIGADE_EMPTY(body_) ? kEndOfBody : takeBytes(buffer, size);
+    bodyEnded_ = count < 0;
+  }
+  if (count == kBrokenBody) return -1;
+  return std::max(count, 0);
+}
+
+int HttpdExchange::startResponse(HostRequest* request) {
+  // The head must not go out: the refusal takes its place.
+  if (refusal_ != 0 || r_->connection->aborted) return REQ_ABORTED;
+  left_ = putHead(r_, request);
+  if (!r_->header_only && !AP_STATUS_IS_HEADER_ONLY(r_->status)) return REQ_PROCEED;
+  left_ = 0;
+  return REQ_NOACTION;
+}
+
+bool HttpdExchange::pass() {
+  apr_status_t status = ap_pass_brigade(r_->output_filters, out_);
+  apr_brigade_cleanup(out_);
+  if (status == APR_SUCCESS && !r_->connection->aborted) return true;
+  errno = APR_STATUS_IS_ECONNRESET(status)  ? ECONNRESET
+          : APR_STATUS_IS_TIMEUP(status)    ? ETIMEDOUT
+          : APR_STATUS_IS_ETIMEDOUT(status) ? ETIMEDOUT
+                                            : EPIPE;
+  return false;
+}
+
+// Bytes behind a known length are dropped: they would be taken for the next
+// response.
+int HttpdExchange::writeBody(const char* bytes, int size) {
+  auto count = static_cast<std::int64_t>(size);
+  if (left_ >= 0) count = std::min(count, left_);
+  if (ended_ || count == 0) return size;
+  apr_bucket_alloc_t* buckets = r_->connection->bucket_alloc;
+  if (!out_) out_ = apr_brigade_create(r_->pool, buckets);
+  apr_bucket* block =
+      apr_bucket_transient_create(bytes, static_cast<apr_size_t>(count), buckets);
+  APR_BRIGADE_INSERT_TAIL(out_, block);
+  if (left_ >= 0) left_ -= count;
+  ended_ = left_ == 0;
+  apr_bucket* next =
+      ended_ ? apr_bucket_eos_create(buckets) : apr_bucket_flush_create(buckets);
+  APR_BRIGADE_INSERT_TAIL(out_, next);
+  return pass() ? size : -1;
+}
+
+void HttpdExchange::finish(bool complete) {
+  if (!complete || left_ > 0) r_->connection->keepalive = AP_CONN_CLOSE;
+  if (ended_) return;
+  ended_ = true;
+  apr_bucket_alloc_t* buckets = r_->connection->bucket_alloc;
+  if (!out_) out_ = apr_brigade_create(r_->pool, buckets);
+  APR_BRIGADE_INSERT_TAIL(out_, apr_bucket_eos_create(buckets));
+  (void)pass();  // a client that has gone is told of in httpd's own log
+}
+
+// The port tells log lines apart, so it is the one of the connection, whatever
+// a proxy in front of httpd says about the client.
+bool HttpdExchange::peer(sockaddr_in* address) {
+  const apr_sockaddr_t* client = r_->connection->client_addr;
+  *address = sockaddr_in{};
+  address->sin_family = AF_INET;
+  address->sin_port = htons(client->port);
+  if (client->family == APR_INET) {
+    address->sin_addr = client->sa.sin.sin_addr;
+    return true;
+  }
+  const in6_addr& wide = client->sa.sin6.sin6_addr;
+  if (client->family != APR_INET6 || !IN6_IS_ADDR_V4MAPPED(&wide)) return false;
+  std::memcpy(&address->sin_addr, &wide.s6_addr[12], sizeof(address->sin_addr));
+  return true;
+}
+
+// HostnameLookups decides whether a name server is asked.
+char* HttpdExchange::clientName() {
+  const char* name = ap_get_useragent_host(r_, REMOTE_NAME, nullptr);
+  return name ? apr_pstrdup(r_->pool, name) : nullptr;
+}
+
+// A URI of the API is decoded already; httpd decodes the one it is given.
+static char* lookUpPath(request_rec* r, apr_pool_t* pool, const char* uri) {
+  translating = true;
+  request_rec* sub = ap_sub_req_lookup_uri(ap_os_escape_path(pool, uri, 1), r, nullptr);
+  translating = false;
+  const char* path = sub->filename;
+  char* found = nullptr;
+  if (path && *path == '/') {
+    found = requestText(apr_pstrcat(pool, path, sub->path_info, nullptr));
+  }
+  ap_destroy_sub_req(sub);
+  return found;
+}
+
+char* HttpdExchange::translateUri(const char* uri, Session*) {
+  apr_pool_t* pool = nullptr;
+  if (*uri != '/' || apr_pool_create(&pool, r_->pool) != APR_SUCCESS) return nullptr;
+  char* path = lookUpPath(r_, pool, uri);
+  apr_pool_destroy(pool);
+  return path;
+}
+
+conf_global_vars_s* HttpdExchange::settings() {
+  return &settings_;
+}
+
+void HttpdExchange::log(int degree, const char* function, HostRequest*,
+                        const char* message) {
+  ap_log_rerror(APLOG_MARK, logLevel(degree), 0, r_, "%s%s%s", function,
+                blankBehind(function), message);
+}
+
+}  // namespace host

@@ -1,0 +1,63 @@
+// A request of httpd and its response, as the stage functions see them.
+//
+// The response goes out through httpd's output filters: each block at once, so
+// that a page that is made in pieces arrives in pieces, but for the last block
+// of a known length, which leaves with whatever is before and behind it.
+//
+// Ownership: lives in the request's pool (request.h), as long as its
+// request_rec.
+// Threads: the one that runs the request. No lock.
+// Errors: as Exchange tells. Units: bytes.
+#pragma once
+
+#include <httpd.h>
+
+#include <cstdint>
+
+#include "layer/exchange.h"
+#include "layer/request.h"
+
+namespace host {
+
+class HttpdExchange final : public Exchange {
+ public:
+  explicit HttpdExchange(request_rec* r);
+
+  int readBody(unsigned char* buffer, int size) override;
+  int startResponse(HostRequest* request) override;
+  int writeBody(const char* bytes, int size) override;
+  bool peer(sockaddr_in* address) override;
+  char* clientName() override;
+  char* translateUri(const char* uri, Session* session) override;
+  conf_global_vars_s* settings() override;
+  void log(int degree, const char* function, HostRequest* request,
+           const char* message) override;
+
+  // Ends a started response; `complete` false closes the connection behind it.
+  void finish(bool complete);
+
+  // The status that the request deserves whatever a plug-in says of it, as for
+  // a body that is too long; 0: none.
+  [[nodiscard]] int refusal() const {
+    return refusal_;
+  }
+
+ private:
+  int takeBytes(unsigned char* buffer, int size);
+  [[nodiscard]] bool fetchBody(int size);
+  [[nodiscard]] bool pass();
+
+  request_rec* r_;
+  apr_bucket_brigade* body_;  // read and not yet taken; null: nothing was read
+  apr_bucket_brigade* out_;   // empty between two writes
+  std::int64_t left_;         // of a body of known length; below 0: unknown
+  bool bodyEnded_;            // of the request
+  bool ended_;                // of the response: its end has gone out
+  int refusal_;
+  conf_global_vars_s settings_;
+};
+
+// True for a sub-request, on this thread, that only translates a URI.
+[[nodiscard]] bool isTranslating();
+
+}  // namespace host

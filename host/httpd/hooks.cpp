@@ -1,0 +1,179 @@
+// The hooks of a request: which stages run where in httpd's own order.
+//
+//   translate_name   NameTrans   in place of DocumentRoot
+//   fixups           ObjectType  after httpd's access control: what it allowed
+//                                is what the plug-in sees
+//   handler          Service     for what the stage before has claimed
+#include <apr_strings.h>
+#include <http_core.h>
+#include <http_protocol.h>
+#include <http_request.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "httpd/config.h"
+#include "httpd/mod_nsapi.h"
+#include "httpd/process.h"
+#include "httpd/request.h"
+#include "httpd/response.h"
+#include "layer/parameters.h"
+
+namespace host {
+
+constexpr char kHandler[] = "nsapi";
+constexpr char kInternalType[] = "vesk-internal/";
+
+// A status that tells of success can't stand on a page about a failure.
+constexpr int kFirstRedirect = 300;
+
+static const Stages* stagesOf(request_rec* r) {
+  const ServerConfig* config = configOf(r->server);
+  return config ? config->stages : nullptr;
+}
+
+static int failure(request_rec* r, const HostRequest& request) {
+  if (request.status_num < kFirstRedirect) return HTTP_INTERNAL_SERVER_ERROR;
+  putErrorHead(r, &request);
+  return request.status_num;
+}
+
+static int translate(request_rec* r, const Stages& stages) {
+  RequestState* state = stateOf(r);
+  if (!state) return HTTP_INTERNAL_SERVER_ERROR;
+  HostRequest& request = state->request;
+  RunningStage running(&request);
+  int result = stages.runStage(Stage::nameTrans, &request.session, &request);
+  if (result == REQ_NOACTION) return DECLINED;
+  if (result != REQ_PROCEED) return failure(r, request);
+  const char* path = findValue(request.vars, "ppath");
+  if (!path) path = findValue(request.vars, "path");
+  if (!path) return DECLINED;
+  r->filename = apr_pstrdup(r->pool, path);
+  return OK;
+}
+
+// What a proxy or a rewriting rule has taken is not the plug-in's; nor is a
+// name that is no path.
+static bool concernsPlugin(const request_rec* r) {
+  return r->uri && *r->uri == '/' && !r->proxyreq && r->filename && *r->filename == '/';
+}
+
+// From here on httpd must neither send the browser to another folder nor look
+// for a file.
+static void claim(RequestState* state, request_rec* r) {
+  state->otherHandler = r->handler;
+  r->handler = kHandler;
+  if (r->finfo.filetype == APR_DIR) r->finfo.filetype = APR_NOFILE;
+}
+
+// A type that an ObjectType function has set, for httpd's own handling.
+static void putType(request_rec* r, const HostRequest& request) {
+  const char* type = findValue(request.srvhdrs, "content-type");
+  bool internal =
+      type && std::strncmp(type, kInternalType, sizeof(kInternalType) - 1) == 0;
+  if (type && !internal) ap_set_content_type(r, apr_pstrdup(r->pool, type));
+}
+
+static int runTypeStage(RequestState* state, request_rec* r, const Stages& stages) {
+  HostRequest& request = state->request;
+  RunningStage running(&request);
+  if (!putPaths(state, r)) return HTTP_INTERNAL_SERVER_ERROR;
+  int result = stages.runStage(Stage::objectType, &request.session, &request);
+  if (result != REQ_PROCEED && result != REQ_NOACTION) return failure(r, request);
+  if (stages.serves(&request)) {
+    claim(state, r);
+  } else {
+    putType(r, request);
+  }
+  return DECLINED;
+}
+
+static int type(request_rec* r) {
+  const Stages* stages = stagesOf(r);
+  if (!stages || !concernsPlugin(r)) return DECLINED;
+  RequestState* state = stateOf(r);
+  if (!state) return HTTP_INTERNAL_SERVER_ERROR;
+  if (state->typed) return DECLINED;
+  state->typed = true;
+  return runTypeStage(state, r, *stages);
+}
+
+// A folder whose index file is still to be found.
+static bool awaitsIndex(const request_rec* r) {
+  return r->finfo.filetype == APR_DIR && r->uri && *r->uri &&
+         r->uri[std::strlen(r->uri) - 1] == '/';
+}
+
+// httpd sees the limit only when the body is read, and a plug-in needn't read.
+static bool isTooLong(request_rec* r) {
+  const char* text = apr_table_get(r->headers_in, "Content-Length");
+  apr_off_t limit = ap_get_limit_req_body(r);
+  return text && limit > 0 && std::strtoll(text, nullptr, 10) > limit;
+}
+
+// What becomes of a request that no Service function has taken: httpd's own
+// handlers go on where they would have without the plug-in.
+static int giveBack(RequestState* state, request_rec* r) {
+  r->handler = state->otherHandler;
+  putType(r, state->request);
+  return DECLINED;
+}
+
+static int answer(RequestState* state, request_rec* r, int result) {
+  HostRequest& request = state->request;
+  bool aborted = result != REQ_PROCEED && result != REQ_NOACTION;
+  if (state->exchange.refusal() && r->bytes_sent == 0) return state->exchange.refusal();
+  if (!request.responseStarted && aborted) return failure(r, request);
+  if (!request.responseStarted && result == REQ_NOACTION) return giveBack(state, r);
+  if (!request.responseStarted) {
+    // Served without a body: the head is still to be sent.
+    request.responseStarted = true;
+    if (request.status_num == 0) request.status_num = HTTP_OK;
+    (void)state->exchange.startResponse(&request);
+  }
+  state->exchange.finish(!aborted);
+  return OK;
+}
+
+static int serve(RequestState* state, request_rec* r, const Stages& stages) {
+  HostRequest& request = state->request;
+  RunningStage running(&request);
+  if (!putClient(state, r)) return HTTP_INTERNAL_SERVER_ERROR;
+  int result = stages.runStage(Stage::service, &request.session, &request);
+  return answer(state, r, result);
+}
+
+}  // namespace host
+
+int nsapiTranslate(request_rec* r) {
+  const host::Stages* stages = host::stagesOf(r);
+  bool ours =
+      stages && stages->has(host::Stage::nameTrans) && *r->uri == '/' && !r->proxyreq;
+  return ours ? host::translate(r, *stages) : DECLINED;
+}
+
+int nsapiEndTranslation(request_rec*) {
+  return host::isTranslating() ? DONE : DECLINED;
+}
+
+int nsapiType(request_rec* r) {
+  return host::awaitsIndex(r) ? DECLINED : host::type(r);
+}
+
+int nsapiTypeFolder(request_rec* r) {
+  return host::type(r);
+}
+
+// After mod_dir has gone over to an index file, the claim is one of the
+// sub-request that found it: the request's own state is made here.
+int nsapiServe(request_rec* r) {
+  if (!r->handler || std::strcmp(r->handler, host::kHandler) != 0) return DECLINED;
+  int status = host::type(r);
+  if (status != DECLINED) return status;
+  const host::Stages* stages = host::stagesOf(r);
+  host::RequestState* state = stages ? host::stateOf(r) : nullptr;
+  if (!state || !state->typed) return DECLINED;
+  if (host::isTooLong(r)) return HTTP_REQUEST_ENTITY_TOO_LARGE;
+  return host::serve(state, r, *stages);
+}

@@ -1,0 +1,38 @@
+/* The module's record: its directives and its hooks. */
+#include "mod_nsapi.h"
+
+#include <http_protocol.h>
+#include <http_request.h>
+
+static const command_rec directives[] = {
+    AP_INIT_RAW_ARGS("NSAPIInit", nsapiInit, NULL, RSRC_CONF,
+                     "fn=\"NAME\" key=\"value\"...: runs once in each child process; "
+                     "fn=\"load-modules\" loads a plug-in"),
+    AP_INIT_RAW_ARGS("NSAPINameTrans", nsapiNameTrans, NULL, RSRC_CONF,
+                     "fn=\"NAME\" key=\"value\"...: finds the path of a request"),
+    AP_INIT_RAW_ARGS("NSAPIObjectType", nsapiObjectType, NULL, RSRC_CONF,
+                     "fn=\"NAME\" key=\"value\"...: finds the type of a request"),
+    AP_INIT_RAW_ARGS("NSAPIService", nsapiService, NULL, RSRC_CONF,
+                     "fn=\"NAME\" type=\"PATTERN\" method=\"PATTERN\" key=\"value\"...: "
+                     "answers requests of that type and method"),
+    {NULL, {NULL}, NULL, 0, RAW_ARGS, NULL}};
+
+/* An index file is looked for by mod_dir, whose fixups run among the last. */
+static void registerHooks(apr_pool_t* pool) {
+  (void)pool;
+  ap_hook_child_init(nsapiStartChild, NULL, NULL, APR_HOOK_MIDDLE);
+  ap_hook_translate_name(nsapiTranslate, NULL, NULL, APR_HOOK_LAST);
+  ap_hook_map_to_storage(nsapiEndTranslation, NULL, NULL, APR_HOOK_REALLY_FIRST);
+  ap_hook_fixups(nsapiType, NULL, NULL, APR_HOOK_MIDDLE);
+  ap_hook_fixups(nsapiTypeFolder, NULL, NULL, APR_HOOK_REALLY_LAST);
+  ap_hook_handler(nsapiServe, NULL, NULL, APR_HOOK_FIRST);
+}
+
+module AP_MODULE_DECLARE_DATA nsapi_module = {STANDARD20_MODULE_STUFF,
+                                              NULL, /* nothing per folder */
+                                              NULL, /* and nothing to merge there */
+                                              nsapiCreateServer,
+                                              nsapiMergeServers,
+                                              directives,
+                                              registerHooks,
+                                              0};

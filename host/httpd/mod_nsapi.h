@@ -1,0 +1,52 @@
+/*
+ * The functions that httpd calls: mod_nsapi.c names them in the module's record.
+ *
+ * Ownership: records belong to the pools that httpd hands in. Threads: the
+ * directive functions run on the one thread that reads the configuration, the
+ * hooks of a request on the thread that runs it. Errors: a directive gives the
+ * reason or null, a hook a status of httpd; no exception leaves a function.
+ */
+#pragma once
+
+#include <httpd.h>
+
+#include <http_config.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+extern module AP_MODULE_DECLARE_DATA nsapi_module;
+
+/* The settings of a server or virtual host, and how they follow from each
+ * other: a virtual host with stage directives of its own runs only those. */
+void* nsapiCreateServer(apr_pool_t* pool, server_rec* server);
+void* nsapiMergeServers(apr_pool_t* pool, void* base, void* own);
+
+/* NSAPIInit, NSAPINameTrans, NSAPIObjectType, NSAPIService. */
+const char* nsapiInit(cmd_parms* cmd, void* unused, const char* text);
+const char* nsapiNameTrans(cmd_parms* cmd, void* unused, const char* text);
+const char* nsapiObjectType(cmd_parms* cmd, void* unused, const char* text);
+const char* nsapiService(cmd_parms* cmd, void* unused, const char* text);
+
+/* Runs the Init functions in a new child process; the restart callbacks run
+ * when `pool` goes, after the child's worker threads have ended. */
+void nsapiStartChild(apr_pool_t* pool, server_rec* server);
+
+/* Runs the NameTrans functions for a request that no Alias has taken. */
+int nsapiTranslate(request_rec* r);
+
+/* Ends a sub-request that was made to translate a URI, once that is done. */
+int nsapiEndTranslation(request_rec* r);
+
+/* Run the ObjectType functions, and claim what a Service line takes: all but
+ * folders before httpd looks for an index file, and folders after it. */
+int nsapiType(request_rec* r);
+int nsapiTypeFolder(request_rec* r);
+
+/* Runs the Service functions for a claimed request. */
+int nsapiServe(request_rec* r);
+
+#ifdef __cplusplus
+}
+#endif

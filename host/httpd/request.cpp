@@ -1,0 +1,112 @@
+#include "httpd/request.h"
+
+#include <apr_strings.h>
+#include <http_config.h>
+#include <http_core.h>
+#include <http_ssl.h>
+
+#include <cstring>
+#include <new>
+
+#include "httpd/mod_nsapi.h"
+#include "layer/parameters.h"
+
+namespace host {
+
+// A value that httpd hasn't got is left out.
+static bool add(pblock* pb, const char* name, const char* value) {
+  return !value || addParameter(pb, name, value) != nullptr;
+}
+
+// The client's order is the table's. httpd has joined headers of one name.
+static bool putHeaders(pblock* headers, request_rec* r) {
+  const apr_array_header_t* table = apr_table_elts(r->headers_in);
+  const void* elements = table->elts;
+  const auto* entries = static_cast<const apr_table_entry_t*>(elements);
+  for (int i = 0; i < table->nelts; ++i) {
+    if (!entries[i].key || !entries[i].val) continue;
+    char* name = requestText(entries[i].key);
+    if (!name) return false;
+    ap_str_tolower(name);
+    bool added = add(headers, name, entries[i].val);
+    releasePoolBlock(name);
+    if (!added) return false;
+  }
+  return true;
+}
+
+static bool fill(RequestState* state, request_rec* r) {
+  HostRequest& request = state->request;
+  RunningRequest running(&request);
+  return openRequest(&request, &state->exchange) &&
+         add(request.reqpb, "clf-request", r->the_request) &&
+         add(request.reqpb, "method", r->method) &&
+         add(request.reqpb, "protocol", r->protocol) &&
+         add(request.reqpb, "uri", r->uri) && add(request.reqpb, "query", r->args) &&
+         add(request.session.client, "ip", r->useragent_ip) &&
+         putHeaders(request.headers, r);
+}
+
+static apr_status_t deleteState(void* state) {
+  delete static_cast<RequestState*>(state);
+  return APR_SUCCESS;
+}
+
+static RequestState* newState(request_rec* r) {
+  auto* state = new (std::nothrow) RequestState(r);
+  if (!state) return nullptr;
+  apr_pool_cleanup_register(r->pool, state, deleteState, apr_pool_cleanup_null);
+  if (!fill(state, r)) return nullptr;
+  ap_set_module_config(r->request_config, &nsapi_module, state);
+  return state;
+}
+
+RequestState* stateOf(request_rec* r) {
+  void* kept = ap_get_module_config(r->request_config, &nsapi_module);
+  auto* state = static_cast<RequestState*>(kept);
+  bool current = state && std::strcmp(state->uri, r->uri) == 0;
+  return current ? state : newState(r);
+}
+
+bool putPaths(RequestState* state, request_rec* r) {
+  pblock* vars = state->request.vars;
+  // Behind a path that doesn't exist, `path_info` is only the rest of the URI.
+  bool behindFile = r->finfo.filetype == APR_REG && r->path_info && *r->path_info;
+  if (behindFile && !add(vars, "path-info", r->path_info)) return false;
+  if (findValue(vars, "ppath") || findValue(vars, "path")) return true;
+  const char* path = apr_pstrcat(r->pool, r->filename, r->path_info, nullptr);
+  return add(vars, "ppath", path) && add(vars, "path", path) &&
+         add(vars, "ntrans-base", ap_context_document_root(r));
+}
+
+static const char* tlsVariable(request_rec* r, const char* name) {
+  return ap_ssl_var_lookup(r->pool, r->server, r->connection, r, name);
+}
+
+// The text between the lines that mark begin and end of a certificate, or null.
+static const char* certificateText(request_rec* r, const char* pem) {
+  const char* begin = std::strchr(pem, '\n');
+  const char* end = begin ? std::strstr(begin, "\n-----END ") : nullptr;
+  if (!end || end == begin) return nullptr;
+  ++begin;
+  return apr_pstrmemdup(r->pool, begin, static_cast<apr_size_t>(end - begin));
+}
+
+static bool putTls(HostRequest* request, request_rec* r) {
+  if (!ap_ssl_conn_is_ssl(r->connection)) return true;
+  const char* size = tlsVariable(r, "SSL_CIPHER_USEKEYSIZE");
+  const char* pem = tlsVariable(r, "SSL_CLIENT_CERT");
+  const char* certificate = pem ? certificateText(r, pem) : nullptr;
+  return add(request->session.client, "keysize", size && *size ? size : nullptr) &&
+         add(request->vars, "auth-cert", certificate);
+}
+
+bool putClient(RequestState* state, request_rec* r) {
+  HostRequest& request = state->request;
+  request.headers = newParameters();
+  return request.headers && putHeaders(request.headers, r) &&
+         add(request.vars, "auth-user", r->user) &&
+         add(request.vars, "auth-type", r->ap_auth_type) && putTls(&request, r);
+}
+
+}  // namespace host

@@ -1,0 +1,104 @@
+#include "httpd/response.h"
+
+#include <apr_strings.h>
+#include <http_core.h>
+#include <http_log.h>
+#include <http_protocol.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <iterator>
+
+#include "httpd/mod_nsapi.h"
+
+APLOG_USE_MODULE(nsapi);
+
+namespace host {
+
+// What httpd gives itself or decides about its connection.
+constexpr const char* kOwnHeaders[] = {
+    "date", "server", "keep-alive", "trailer", "transfer-encoding", "upgrade", "status"};
+
+static bool is(const char* name, const char* wanted) {
+  return strcasecmp(name, wanted) == 0;
+}
+
+static bool belongsToHttpd(const char* name) {
+  return std::any_of(std::begin(kOwnHeaders), std::end(kOwnHeaders),
+                     [name](const char* own) { return is(name, own); });
+}
+
+static bool canBeSent(const pb_param* param) {
+  return *param->name && !*ap_scan_http_token(param->name) &&
+         !*ap_scan_http_field_content(param->value);
+}
+
+// -1 for a text that is no length.
+static std::int64_t parseLength(const char* text) {
+  if (*text < '0' || *text > '9') return -1;
+  char* end = nullptr;
+  errno = 0;
+  long long length = std::strtoll(text, &end, 10);
+  return errno != 0 || *end != '\0' ? -1 : length;
+}
+
+static void dropHeader(request_rec* r, const pb_param* param) {
+  ap_log_rerror(APLOG_MARK, APLOG_ERR, 0, r, "response header dropped: %s", param->name);
+}
+
+// One header of a response with a body; the first length that can be one counts.
+static void putHeader(request_rec* r, const pb_param* param, std::int64_t* length) {
+  if (!canBeSent(param)) {
+    dropHeader(r, param);
+  } else if (is(param->name, "content-type")) {
+    ap_set_content_type(r, apr_pstrdup(r->pool, param->value));
+  } else if (is(param->name, "content-length")) {
+    if (*length < 0) *length = parseLength(param->value);
+  } else if (is(param->name, "connection")) {
+    if (is(param->value, "close")) r->connection->keepalive = AP_CONN_CLOSE;
+  } else if (!belongsToHttpd(param->name)) {
+    apr_table_addn(r->headers_out, apr_pstrdup(r->pool, param->name),
+                   apr_pstrdup(r->pool, param->value));
+  }
+}
+
+static void putStatus(request_rec* r, int status, const char* reason) {
+  r->status = status;
+  r->status_line =
+      apr_psprintf(r->pool, "%d %s", status, reason ? reason : usualReason(status));
+}
+
+std::int64_t putHead(request_rec* r, const HostRequest* request) {
+  putStatus(r, request->status_num, request->reason);
+  // What httpd found out about a file of that name says nothing about this page.
+  ap_set_content_type(r, nullptr);
+  r->content_encoding = nullptr;
+  r->content_languages = nullptr;
+  std::int64_t length = -1;
+  for (const pb_entry* entry = request->srvhdrs->ht[0]; entry; entry = entry->next) {
+    putHeader(r, entry->param, &length);
+  }
+  if (length >= 0) ap_set_content_length(r, length);
+  return length;
+}
+
+void putErrorHead(request_rec* r, const HostRequest* request) {
+  putStatus(r, request->status_num, request->reason);
+  for (const pb_entry* entry = request->srvhdrs->ht[0]; entry; entry = entry->next) {
+    const pb_param* param = entry->param;
+    bool describesBody = strncasecmp(param->name, "content-", 8) == 0;
+    if (describesBody || belongsToHttpd(param->name) || is(param->name, "connection")) {
+      continue;
+    }
+    if (!canBeSent(param)) {
+      dropHeader(r, param);
+      continue;
+    }
+    apr_table_addn(r->err_headers_out, apr_pstrdup(r->pool, param->name),
+                   apr_pstrdup(r->pool, param->value));
+  }
+}
+
+}  // namespace host
