@@ -1,0 +1,125 @@
+"""What the connector and the web server make of one server's words, and say to it."""
+
+import threading
+import time
+
+import fake_server as wire
+import pytest
+from fake_server import page, word
+from processes import wait_until
+
+
+def play(played, serve):
+    server, host = played
+    server.serve = serve
+    return host
+
+
+HEADERS = {
+    "two cookies stay two": (
+        wire.header("set-cookie", "a=1") + wire.header("Set-Cookie", "b=2"),
+        {"set-cookie": ["a=1", "b=2"]}),
+    "a header text of several lines": (
+        word(wire.PUT_HEADER) + wire.text("X-A: 1\r\nX-B: 2\r\nX-C: cut off"),
+        {"X-A": ["1"], "X-B": ["2"], "X-C": []}),
+    "the media type is lowered, its parameters not": (
+        wire.header("Content-Type", "TEXT/HTML; Charset=UTF-8"),
+        {"content-type": ["text/html; Charset=UTF-8"]}),
+    "a line end in a value makes no header": (
+        wire.header("X-A", "1\r\nX-Evil: 2"), {"X-Evil": []}),
+}
+
+
+@pytest.mark.parametrize("sent,expected", HEADERS.values(), ids=HEADERS.keys())
+def test_status_line_and_headers_of_a_response(played, sent, expected):
+    def serve(peer, _):
+        peer.send(wire.status(299, "Quite all right"), wire.header("Server", "inner"),
+                  wire.header("date", "then"), sent, wire.client(b"body"), word(wire.FINISH))
+    response = play(played, serve).fetch("/demo/")
+    assert (response.status, response.reason, response.body) == (299, "Quite all right", b"body")
+    for name, values in expected.items():
+        assert response.all(name) == values
+    assert "inner" not in response.all("server") and "then" not in response.all("date")
+
+
+def test_unread_body_does_not_become_the_next_request(played):
+    server, host = played
+    with host.connect() as browser:
+        browser.ask("POST", "/demo/", body=b"GET /demo/evil HTTP/1.1\r\n\r\n")
+        assert browser.read().body == b"fake"
+    assert host.fetch("/demo/after").body == b"fake"
+    assert server.requests == ["/demo/", "/demo/after"]
+
+
+def test_kept_connection_is_used_again_and_may_die_unnoticed(played):
+    server, host = played
+    with host.connect() as browser:  # so that one conversation has ended before the next
+        browser.fetch("GET", "/demo/1")
+        opened = len(server.peers)
+        for _ in range(5):
+            assert browser.fetch("GET", "/demo/2").body == b"fake"
+        assert len(server.peers) == opened
+        server.drop_connections()
+        assert browser.fetch("GET", "/demo/3").body == b"fake"
+    assert server.requests.count("/demo/3") == 1
+
+
+@pytest.mark.parametrize("length", [wire.header("content-length", "8"), b""])
+def test_blocks_reach_the_browser_as_they_come(played, length):
+    seen = threading.Event()
+
+    def serve(peer, _):
+        peer.send(wire.status(200), length, wire.client(b"half"))
+        peer.get_header("host")  # by now the block has been passed on
+        assert seen.wait(60)
+        peer.send(wire.client(b"rest"), word(wire.FINISH))
+    with play(played, serve).connect() as browser:
+        browser.ask("GET", "/demo/")
+        for expected in (b"half", b"rest"):
+            received = b""
+            while expected not in received:
+                received += browser.some() or pytest.fail("broke off")
+            seen.set()
+
+
+def test_server_may_ask_for_headers_variables_and_paths(played):
+    wanted = {"x-one": "1", "USER_AGENT": "t", "SERVER_NAME": "localhost", "HTTPS": "OFF",
+              "GATEWAY_INTERFACE": "CGI/1.1", "REQUEST_METHOD": "PUT", "no-such": ""}
+    answers = {}
+
+    def serve(peer, _):
+        answers.update({name: peer.get_header(name) for name in wanted})
+        answers["path"] = peer.get_realpath("/file.txt")
+        peer.send(page(b"ok"))
+    host = play(played, serve)
+    host.fetch("/demo/", "PUT", headers=[("X-One", "1"), ("User-Agent", "t")], body=b"")
+    assert answers == {**wanted, "path": str(host.htdocs / "file.txt")}
+
+
+def test_browser_that_leaves_ends_the_answer_and_nothing_else(played):
+    ended = []
+
+    def serve(peer, uri):
+        if uri != "/demo/long":
+            return peer.send(page(b"short"))
+        try:
+            peer.send(wire.status(200))
+            for _ in range(10_000):
+                peer.send(wire.client(b"x" * 65536))
+        except OSError:
+            ended.append(True)
+        return False
+    host = play(played, serve)
+    with host.connect() as browser:
+        browser.ask("GET", "/demo/long")
+        assert browser.some()
+    wait_until(lambda: ended, "the connector has dropped the conversation")
+    assert host.fetch("/demo/next").body == b"short"
+
+
+def test_slow_server_is_waited_for_as_long_as_it_takes_pings(site):
+    def serve(peer, _):
+        time.sleep(2.5)
+        peer.send(page(b"late"))
+    host = site.host(site.fake(serve), recvtimeout=1)
+    assert host.fetch("/demo/").body == b"late"

@@ -1,0 +1,295 @@
+"""What only Apache httpd has: its directives, TLS, virtual hosts, restarts, logs."""
+
+import base64
+import hashlib
+import json
+import os
+import pathlib
+import signal
+import subprocess
+
+import pytest
+from httpd import HttpdHost
+from load import Load
+from processes import REDUCED, wait_until
+
+HUGE = 1 << (26 if REDUCED else 30)
+GROWTH = 16 << 20
+
+
+def start(site, modules=(), extra="", backend=None, **options):
+    return site.host(backend or site.backend(), HttpdHost, modules=modules, extra=extra, **options)
+
+
+def run(*command):
+    return subprocess.run(command, capture_output=True, check=True, timeout=60).stdout
+
+
+# --- configuration -----------------------------------------------------------
+
+BROKEN = [
+    ('NSAPIObjectType fn="nosuch"', 'NSAPIObjectType: unknown function "nosuch"'),
+    ('NSAPIInit fn="load-modules" shlib="no.so" funcs="f"', "{folder}/no.so"),
+    ('NSAPIInit fn="veskinit"',
+     '"veskinit" runs once in a process, and stands in {folder}/host.conf:'),
+    ('NSAPINameTrans fn="document-root" root="nowhere"', 'root "{folder}/nowhere" is not a folder'),
+    ('<Location "/x">\nNSAPIObjectType fn="veskfilter"\n</Location>',
+     "not allowed in <Location> context"),
+]
+
+
+@pytest.mark.parametrize("line,reason", BROKEN, ids=[reason[:40] for _, reason in BROKEN])
+def test_bad_directive_stops_the_check(site, line, reason):
+    host = HttpdHost(site.folder, extra="# wrong\n" + line, bootstrap="127.0.0.1:1")
+    host.address = ("127.0.0.1", 8080)
+    (site.folder / "types").touch()
+    host.path("conf").write_text(host.configuration())
+    # Of a section, the line inside is wrong.
+    number = host.path("conf").read_text().split("\n").index("# wrong") + 2 + line.startswith("<")
+    status, output = host.check()
+    assert status == 1
+    assert f"Syntax error on line {number} of {host.path('conf')}:" in output
+    assert reason.format(folder=site.folder) in output
+
+
+TWO_HOSTS = """<VirtualHost 127.0.0.1:{port}>
+ServerName plain
+</VirtualHost>
+<VirtualHost 127.0.0.1:{port}>
+ServerName vesk:81
+ErrorLog {folder}/vesk.log
+NSAPIObjectType fn="veskfilter"
+NSAPIService type="vesk-internal/*" fn="veskservice"
+</VirtualHost>"""
+
+
+def test_virtual_hosts_have_stages_and_logs_of_their_own(site):
+    host = start(site, extra=TWO_HOSTS, stages=(), traceflags="0")
+    assert host.fetch("/demo/snoop", headers=[("Host", "plain")]).status == 404
+    seen = host.fetch("/demo/snoop", headers=[("Host", "vesk")]).json()["variables"]
+    assert (seen["SERVER_NAME"], seen["SERVER_PORT"]) == ("vesk", "81")
+    host.fetch("/demo/die?at=start", headers=[("Host", "vesk")])
+    lines = (site.folder / "vesk.log").read_text().splitlines()
+    assert any(" warn veskNSAPI[" in line and "returning error page" in line for line in lines)
+    assert not host.said("returning error page")
+    assert sum(" notice veskNSAPI[init] Vesk 4.0" in line for line in host.messages()) == 1
+
+
+def test_virtual_host_without_lines_of_its_own_takes_the_main_ones(site):
+    stages = ('NameTrans fn="document-root" root="moved"', *HttpdHost.STAGES)
+    (site.folder / "moved").mkdir()
+    (site.folder / "moved" / "a.txt").write_text("moved")
+    host = start(site, stages=stages, extra="""<Directory "{folder}/moved">
+Require all granted
+</Directory>
+<VirtualHost 127.0.0.1:{port}>
+ServerName other
+</VirtualHost>""")
+    assert host.fetch("/a.txt", headers=[("Host", "other")]).body == b"moved"
+    seen = host.fetch("/demo/snoop?realpath=/a.txt", headers=[("Host", "other")]).json()
+    assert seen["get_realpath"] == [["/a.txt", f"{site.folder}/moved/a.txt"]]
+    assert sum("Vesk 4.0" in line for line in host.messages()) == 1
+
+
+# --- the request -------------------------------------------------------------
+
+def test_authentication_comes_before_the_plugin(site):
+    digest = base64.b64encode(hashlib.sha1(b"secret").digest()).decode()
+    (site.folder / "users").write_text(f"ann:{{SHA}}{digest}\n")
+    host = start(site, ("auth_basic", "authn_core", "authn_file", "authz_user"), """
+<Location "/demo">
+AuthType Basic
+AuthName demo
+AuthUserFile "{folder}/users"
+Require valid-user
+</Location>""", verbose="true")
+    assert host.fetch("/demo/snoop").status == 401
+    assert not host.said("filterRequest")
+    login = "Basic " + base64.b64encode(b"ann:secret").decode()
+    seen = host.fetch("/demo/snoop", headers=[("Authorization", login)]).json()["variables"]
+    assert (seen["REMOTE_USER"], seen["AUTH_TYPE"]) == ("ann", "Basic")
+
+
+PATHS = """Alias /other "{folder}/elsewhere"
+<Directory "{folder}/elsewhere">
+Require all granted
+</Directory>
+RequestHeader set X-Set early
+<Location "/demo/late">
+RequestHeader set X-Set late
+</Location>"""
+
+
+def test_paths_and_headers_are_those_of_httpd(site):
+    host = start(site, ("headers",), PATHS, backend=site.backend(mapping=["/*=all"]))
+    (site.folder / "elsewhere").mkdir()
+    (host.htdocs / "script").write_text("a file")
+    (host.htdocs / "demo").mkdir()
+    query = "realpath=/other/a%2520b%3Fc&realpath=/other/&realpath=x"
+    seen = host.fetch("/script/snoop?" + query).json()
+    assert seen["variables"]["PATH_INFO"] == "/snoop"
+    assert seen["variables"]["PATH_TRANSLATED"] == f"{host.htdocs}/snoop"
+    assert [path for _, path in seen["get_realpath"]] == [
+        f"{site.folder}/elsewhere/a%20b?c", f"{site.folder}/elsewhere/", ""]
+    assert ["x-set", "late"] in host.fetch("/demo/late/snoop").json()["headers"]
+    assert host.fetch("/demo").status != 301  # no way round by httpd's folder
+
+
+def test_body_limit_is_httpds(site):
+    host = start(site, extra="LimitRequestBody 1000")
+    with host.connect() as browser:
+        browser.send(b"POST /demo/upload HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: chunked\r\n\r\n")
+        browser.send(b"3e9\r\n" + b"x" * 1001 + b"\r\n0\r\n\r\n")
+        assert browser.read().status == 413
+    assert host.fetch("/demo/upload", "POST", body=b"x" * 1001).status == 413
+    assert host.fetch("/demo/upload", "POST", body=b"x" * 1000).json()["size"] == 1000
+
+
+# --- the response ------------------------------------------------------------
+
+def test_filters_and_access_log_see_true_figures(site):
+    host = start(site, ("deflate", "filter", "include"), """
+CustomLog "{folder}/access.log" "%m %U %>s %b"
+<Location "/demo/index.jsp">
+SetOutputFilter DEFLATE
+</Location>
+<Location "/page.html">
+SetOutputFilter INCLUDES
+Options +Includes
+</Location>""")
+    (host.htdocs / "page.html").write_text('[<!--#include virtual="/demo/bytes?n=3" -->]')
+    packed = host.fetch("/demo/index.jsp", headers=[("Accept-Encoding", "gzip")])
+    assert packed.header("content-encoding") == "gzip" and packed.body.startswith(b"\x1f\x8b")
+    assert host.fetch("/page.html").body == b"[\x00\x01\x02]"
+    host.fetch("/demo/bytes?n=12345")
+    host.fetch("/demo/status?code=503")
+    expected = {f"GET /demo/index.jsp 200 {len(packed.body)}", "GET /page.html 200 5",
+                "GET /demo/bytes 200 12345"}
+    # A line is written once its answer has left, on the thread that served it.
+    def logged():
+        lines = set((site.folder / "access.log").read_text().splitlines())
+        return len(lines) == 4 and lines
+    lines = wait_until(logged, "four lines in the access log")
+    assert lines > expected
+    assert (lines - expected).pop().startswith("GET /demo/status 503 ")
+
+
+def test_error_page_is_the_administrators(site):
+    stages = ('ObjectType fn="force-type" type="vesk-internal/ext"', HttpdHost.STAGES[1])
+    host = start(site, extra='ErrorDocument 503 "try later"', stages=stages)
+    response = host.fetch("/any")
+    assert (response.status, response.body) == (503, b"try later")
+    assert response.reason == ("Could not connect to Vesk server or invalid web server "
+                               "configuration for Vesk.")
+
+
+# --- TLS and HTTP/2 ----------------------------------------------------------
+
+TLS = """<VirtualHost 127.0.0.1:{port}>
+SSLEngine on
+SSLCertificateFile "{folder}/server.pem"
+SSLCACertificateFile "{folder}/client.pem"
+SSLVerifyClient optional
+Protocols h2 http/1.1
+</VirtualHost>"""
+
+
+@pytest.fixture
+def secure(site):
+    for name in ("server", "client"):
+        file = f"{site.folder}/{name}.pem"
+        run("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+            "-nodes", "-days", "2", "-subj", f"/CN={name}", "-keyout", file + ".key", "-out", file)
+        with open(file, "a", encoding="ascii") as both:
+            both.write(pathlib.Path(file + ".key").read_text())
+    return start(site, ("socache_shmcb", "ssl", "http2"), TLS)
+
+
+def curl(host, target, *options):
+    done = run("curl", "-sSk", *options, "-w", "\n%{http_version} %{http_code}",
+               f"https://127.0.0.1:{host.address[1]}{target}")
+    body, status = done.rsplit(b"\n", 1)
+    return body, status.decode()
+
+
+@pytest.mark.parametrize("option,version,known", [
+    ("--http2", "2", True), ("--http1.1", "1.1", True), ("--http1.1", "1.1", False)])
+def test_tls_connection_is_known_to_the_server(secure, option, version, known):
+    client = secure.folder / "client.pem"
+    body, status = curl(secure, "/demo/snoop", option, *(["--cert", client] if known else []))
+    end = "-----END CERTIFICATE-----"
+    expected = {"javax.servlet.request.key_size": "256"}
+    if known:
+        expected["javax.servlet.request.X509Certificate"] = (
+            client.read_text().split(end)[0] + end + "\n\n")
+    seen = json.loads(body)
+    assert status == f"{version} 200"
+    assert {one["name"]: one["text"] for one in seen["attributes"]} == expected
+    assert seen["variables"]["SERVER_PORT_SECURE"] == "1"
+    assert seen["variables"]["SERVER_PROTOCOL"].startswith("HTTP/" + version)
+
+
+def test_http2_carries_bodies_both_ways(secure):
+    sent = secure.folder / "sent"
+    sent.write_bytes(os.urandom(3_000_000))
+    body, status = curl(secure, "/demo/echo", "--http2", "--data-binary", f"@{sent}")
+    assert status == "2 200" and body == sent.read_bytes()
+    body, status = curl(secure, "/demo/stream?blocks=20&size=5000&ms=1", "--http2")
+    assert status == "2 200" and len(body) == 100_000
+    assert curl(secure, "/demo/status?code=204", "--http2")[1] == "2 204"
+
+
+# --- processes ---------------------------------------------------------------
+
+def test_graceful_restart_loses_no_request(site):
+    host = start(site)
+    with Load(host, keep=False) as load:  # httpd may close an idle connection
+        for _ in range(3):
+            old, served = host.children(), load.served
+            host.signal(signal.SIGUSR1)
+            wait_until(lambda: not set(old) & set(host.children()), "the old child has ended")
+            wait_until(lambda: load.served > served + 200 or load.faults, "it is served")
+    assert load.faults == []
+    assert sum("Vesk 4.0" in line for line in host.messages()) == 4
+
+
+@pytest.mark.parametrize("number", [signal.SIGUSR1, signal.SIGHUP])
+def test_callback_runs_once_the_requests_of_the_child_have_ended(site, number):
+    host = start(site, verbose="true")
+    with host.connect() as browser:
+        browser.ask("GET", "/demo/stream?blocks=10&size=100&ms=50")
+        host.wait_said("PROXY_PUT_CLIENT <-")
+        host.signal(number)
+        host.wait_said("Vesk connector exiting")
+        lines = [line.split("] ", 1)[-1] for line in host.messages() if "veskNSAPI[" in line]
+        end = next(n for n, line in enumerate(lines) if "Vesk connector exiting" in line)
+        assert any("veskservice[exit]" in line for line in lines[:end])
+        if number == signal.SIGUSR1:
+            assert len(browser.read().body) == 1000
+    wait_until(host.serves, "the next child serves")
+
+
+def resident(host):
+    status = "".join(pathlib.Path(f"/proc/{pid}/status").read_text() for pid in host.children())
+    lines = [line for line in status.splitlines() if line.startswith("VmRSS:")]
+    return sum(int(line.split()[1]) << 10 for line in lines)
+
+
+def test_huge_bodies_need_no_memory(site):
+    host = start(site)
+    host.fetch("/demo/bytes?n=1000000")
+    host.fetch("/demo/upload", "POST", body=bytes(1_000_000))
+    before = resident(host)
+    with host.connect() as browser:
+        browser.ask("GET", f"/demo/bytes?n={HUGE}")
+        browser.head()
+        have = 0
+        while have < HUGE:
+            have += len(browser.some(1 << 20)) or pytest.fail("broke off")
+    assert have == HUGE and resident(host) - before < GROWTH
+    with host.connect() as browser:
+        browser.send(b"POST /demo/upload HTTP/1.1\r\nHost: a\r\nContent-Length: %d\r\n\r\n" % HUGE)
+        for _ in range(HUGE >> 20):
+            browser.send(bytes(1 << 20))
+        assert browser.read().json()["size"] == HUGE
+    assert resident(host) - before < GROWTH
