@@ -1,0 +1,115 @@
+// A server that says anything at all, in both kinds of conversation: the first
+// byte chooses, the rest is what arrives. Whatever it is, nothing may be read or
+// written outside a buffer, and all request memory must come back.
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "properties/vesk_property.h"
+#include "proxy/mapping_order.h"
+#include "proxy/vesk_proxy.h"
+
+// A length from the wire may ask for gigabytes; the heap of a fuzzer may not.
+constexpr std::int32_t kMaxBlock = 1 << 16;
+
+struct Peer {
+  const std::uint8_t* bytes;
+  std::size_t left;
+};
+
+static Peer peer;
+
+static std::int32_t peerConnect(vesk_request* /*req*/, const sockaddr_in* /*address*/) {
+  return 1;
+}
+
+static void peerClose(vesk_request* /*req*/, std::int32_t /*sock*/) {}
+
+static std::int32_t peerSend(vesk_request* req, std::int32_t /*sock*/,
+                             const void* /*buffer*/, std::int32_t length) {
+  req->lastError = 0;
+  return length;
+}
+
+static std::int32_t peerRecv(vesk_request* req, std::int32_t /*sock*/, void* buffer,
+                             std::int32_t length, veskProxy* /*proxy*/) {
+  req->lastError = 0;
+  const std::size_t count = std::min(peer.left, static_cast<std::size_t>(length));
+  std::memcpy(buffer, peer.bytes, count);
+  peer.bytes += count;
+  peer.left -= count;
+  return static_cast<std::int32_t>(count);
+}
+
+static void* boundedMalloc(vesk_request* /*req*/, std::int32_t size) {
+  if (size > kMaxBlock) return nullptr;
+  return std::malloc(size > 0 ? static_cast<std::size_t>(size) : 1);
+}
+
+static const char* noHeader(vesk_request* /*req*/, const char* /*name*/) {
+  return nullptr;
+}
+
+static char* echoPath(vesk_request* req, const char* uri) {
+  return req->strdup(req, uri);
+}
+
+static std::int32_t someBody(vesk_request* /*req*/, char* buffer, std::int32_t length) {
+  if (length > 0) std::memset(buffer, 'x', static_cast<std::size_t>(length));
+  return std::max(length, 0);
+}
+
+static void ignoreStatus(vesk_request* /*req*/, std::int32_t /*status*/,
+                         const char* /*reason*/) {}
+
+static void readTexts(vesk_request* /*req*/, const char* name, const char* value) {
+  volatile std::size_t length = std::strlen(name) + std::strlen(value);
+  (void)length;
+}
+
+static std::int32_t takeBody(vesk_request* /*req*/, const char* /*buffer*/,
+                             std::int32_t /*length*/) {
+  return 0;
+}
+
+static void prepare(vesk_request* req) {
+  init_vesk_request(req);
+  req->uri = "/demo/index.jsp";
+  req->malloc = boundedMalloc;
+  req->getHeader = noHeader;
+  req->getRealPath = echoPath;
+  req->getPostData = someBody;
+  req->setStatus = ignoreStatus;
+  req->addHeader = readTexts;
+  req->writeClient = takeBody;
+  req->connect = peerConnect;
+  req->closeSocket = peerClose;
+  req->send = peerSend;
+  req->recv = peerRecv;
+}
+
+static void converse(vesk_request* req, veskProxy* proxy, bool service) {
+  if (service) {
+    std::int32_t sequence = 0;
+    (void)proxy->handleRequest(req, proxy, nullptr, &sequence);
+    return;
+  }
+  propertyTable* table = proxy->fetchProps(req, proxy, "servlet-mappings", nullptr);
+  if (table) sortMappings(req, table);
+  freeProperties(req, table);
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size == 0) return 0;
+  peer = {data + 1, size - 1};
+  vesk_request request;
+  prepare(&request);
+  veskProxy* proxy = veskProxyNew(&request);
+  if (proxy->initProxy(proxy, &request, "127.0.0.1:1", 0, 1) == 0)
+    converse(&request, proxy, (data[0] & 1U) != 0);
+  (void)proxy->destroyInetProxy(proxy, &request);
+  request.freeAttributes(&request);
+  request.freeAttributeNames(&request);
+  releaseKeptBlocks(&request);
+  return 0;
+}

@@ -1,0 +1,43 @@
+// Patterns of a server against URIs of a browser: the lines of the input are the
+// pattern, the URI, the path and the host.
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "maptable/request_filter.h"
+#include "proxy/mapping_order.h"
+
+static std::vector<std::string> linesOf(const std::uint8_t* data, std::size_t size) {
+  std::vector<std::string> lines(1);
+  for (std::size_t i = 0; i < size; ++i) {
+    const char c = static_cast<char>(data[i]);
+    if (c == '\n')
+      lines.emplace_back();
+    else if (c != '\0')
+      lines.back().push_back(c);
+  }
+  lines.resize(4);
+  return lines;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::vector<std::string> lines = linesOf(data, size);
+  FilterSubject subject{};
+  subject.uri = lines[1];
+  subject.strippedPath = lines[2];
+  subject.hadParameters = lines[2].find(';') != std::string::npos;
+  subject.hasHost = !lines[3].empty();
+  subject.host = lines[3];
+  const PatternParts parts = splitPattern(lines[0]);
+  // Without a '*' in it, what matches begins with the pattern's path.
+  const bool plain = lines[0].find('*') == std::string::npos;
+  const bool matched = matchPattern(parts, subject) == PatternMatch::matched;
+  if (matched && plain && !subject.uri.starts_with(parts.path)) std::abort();
+
+  std::string key = lines[0];
+  std::string other = lines[1];
+  const property first{key.data(), key.data()};
+  const property second{other.data(), other.data()};
+  if (longerThan(&first, &second) && longerThan(&second, &first)) std::abort();
+  return 0;
+}
