@@ -123,14 +123,27 @@ static bool findUntried(Dispatch* dispatch) {
   return dispatch->untried != nullptr;
 }
 
-// Whether a server that has lost a connection is gone. A process that ends resets
-// connections before it refuses them, so a ping on a new one tells.
-static bool isLost(const Dispatch* dispatch, veskProxy* proxy, std::int32_t cause) {
+// Whether the server of a failed attempt is gone. Another thread's reply may have put
+// its proxy back into the table since, without a ping, so `active` alone doesn't tell:
+// a refused connection speaks for itself, and where a connection broke or timed out, a
+// ping does, as a process that ends resets connections before it refuses them.
+static bool isGone(const Dispatch* dispatch, veskProxy* proxy) {
   vesk_request* req = dispatch->req;
-  if (cause != ECONNRESET && cause != EPIPE) return false;
+  if (!isProxyActive(proxy) || isVeskServerUnreachable(req, 0)) return true;
+  const std::int32_t error = req->lastError;
+  if (error != ECONNRESET && error != EPIPE && error != ETIMEDOUT) return false;
   if (proxy->sendPing(proxy, req) != 0) return false;
   if (!isProxyActive(proxy)) removeProxy(dispatch->table, proxy, req, 1);
   return true;
+}
+
+// Takes a server out of the table that the pool has found unreachable. The removal
+// closes its idle sockets, which must not hide why the attempt failed.
+static void removeUnreachable(const Dispatch* dispatch, veskProxy* proxy) {
+  if (isProxyActive(proxy)) return;
+  const std::int32_t error = dispatch->req->lastError;
+  removeProxy(dispatch->table, proxy, dispatch->req, 1);
+  dispatch->req->lastError = error;
 }
 
 // Draws the conclusions of a failed attempt: whether another one is made.
@@ -138,20 +151,15 @@ static bool mayTryAgain(Dispatch* dispatch, veskProxy* proxy) {
   vesk_request* req = dispatch->req;
   req->traceE(req, kTraceDetail, "%s handleRequest failed, error %d %s", proxy->name,
               req->lastError, describeError(req->lastError));
-  // The pool has found the server unreachable. The removal closes its idle sockets,
-  // which must not hide why the attempt failed.
-  const std::int32_t cause = req->lastError;
-  const bool gone = !isProxyActive(proxy);
-  if (gone) removeProxy(dispatch->table, proxy, req, 1);
-  if (cause == EVESK_CLIENT_DOWN || !isClustered(dispatch->table)) return false;
+  removeUnreachable(dispatch, proxy);
+  if (req->lastError == EVESK_CLIENT_DOWN || !isClustered(dispatch->table)) return false;
   const bool first =
       tryAnotherProxy(req, dispatch->table, dispatch->failedTargets, proxy, 1) != 0;
   if (first && !dispatch->repeated) return true;
   // A server that has gone comes back into the table without a ping as long as the
   // cluster's list names it, and may so be chosen twice. That spends the one
   // attempt beyond the distinct servers: from then on, only untried ones follow.
-  if (!first && dispatch->repeated) return false;
-  if (!first && !gone && !isLost(dispatch, proxy, cause)) return false;
+  if (!first && (dispatch->repeated || !isGone(dispatch, proxy))) return false;
   dispatch->repeated = true;
   return findUntried(dispatch);
 }

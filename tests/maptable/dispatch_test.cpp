@@ -10,6 +10,7 @@ static std::deque<Reply> repliesOf(const std::string& letters) {
   static const std::map<char, Reply> kReplies = {{'.', {}},
                                                  {'b', {EVESK_BUSY}},
                                                  {'r', {ECONNRESET}},
+                                                 {'f', {ECONNREFUSED}},
                                                  {'u', {ECONNRESET, -1, true}},
                                                  {'x', {ECONNRESET, -1, false, true}},
                                                  {'c', {EVESK_CLIENT_DOWN}}};
@@ -64,10 +65,12 @@ static const std::tuple<int, Replies, std::string, const char*, const char*, int
         {1, {"u", ""}, "00", "a:1 b:1 b:1 ", " [a:1] b:1", 0},
         {1, {"c", ""}, "-", "a:1 ", " a:1 b:1", 0},
         // MIN gives the same server again. A second failure ends it, unless that server
-        // takes no ping or is gone by then: now each of the others has one try.
+        // takes no ping, refuses (although another thread has put it back) or is gone by
+        // then: now each of the others has one try.
         {3, {"bb", ""}, "-", "a:1 a:1 ", " a:1 b:1", 0},
         {3, {"rr", ""}, "-", "a:1 a:1 ", " a:1 b:1", 0},
         {3, {"rx", ""}, "0", "a:1 a:1 b:1 ", " a:1 b:1", 0},
+        {3, {"ff", ""}, "0", "a:1 a:1 b:1 ", " a:1 b:1", 0},
         {3, {"ru", "b", "r"}, "-0", "a:1 a:1 b:1 c:1 b:1 ", " [a:1] b:1 c:1", 0}};
 
 TEST_F(Dispatching, repliesDecideWhoIsAskedNext) {
@@ -91,8 +94,8 @@ TEST_F(Dispatching, repliesDecideWhoIsAskedNext) {
     EXPECT_EQ(cluster.ended, static_cast<int>(results.size()));
   }
   EXPECT_EQ(t.tracedE("a:1 handleRequest failed, error 104 "), 9);
-  EXPECT_EQ(t.tracedE("a:1 already in failed target list"), 5);
-  EXPECT_EQ(t.logged(" deferred error: "), 14);
+  EXPECT_EQ(t.tracedE("a:1 already in failed target list"), 6);
+  EXPECT_EQ(t.logged(" deferred error: "), 16);
   EXPECT_EQ(a.pings, 3);  // only after two resets
 }
 
