@@ -9,6 +9,7 @@
 
 #include <cerrno>
 
+#include "context/read_ahead.h"
 #include "context/vesk_error.h"
 // The one look upwards: whether a receive limit is final depends on the server,
 // and only its proxy can tell. The call goes through the proxy's operations.
@@ -162,8 +163,8 @@ static std::int32_t awaitReadable(vesk_request* req, std::int32_t sock,
 // only be EINTR, and what a ping left there do not outlive it.
 static std::int32_t recvPass(Transfer* transfer, void* buffer, veskProxy* proxy) {
   const auto rest = static_cast<std::size_t>(transfer->length - transfer->count);
-  const ssize_t result =
-      recv(transfer->sock, static_cast<char*>(buffer) + transfer->count, rest, 0);
+  const ssize_t result = recvAhead(transfer->req, transfer->sock,
+                                   static_cast<char*>(buffer) + transfer->count, rest);
   if (result >= 0) {
     transfer->count += static_cast<std::int32_t>(result);
     transfer->peerClosed = result == 0;
@@ -235,6 +236,7 @@ static void reportCloseFailure(vesk_request* req, const char* step, std::int32_t
 
 void veskCloseSocket(vesk_request* req, std::int32_t sock) {
   req->traceE(req, kTraceDetail, "veskCloseSocket [%d]", sock);
+  dropReadAhead(req, sock);
   // After EPIPE the sending side is shut already.
   const bool shut = req->lastError == EPIPE || shutdown(sock, SHUT_WR) == 0;
   if (!shut && errno != ENOTCONN) reportCloseFailure(req, "shutdown failed", sock);

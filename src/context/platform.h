@@ -35,5 +35,6 @@ void initializeSocketTimeouts(vesk_request* req, std::int32_t* timeouts);
 [[nodiscard]] std::int32_t veskSend(vesk_request* req, std::int32_t sock,
                                     const void* buffer, std::int32_t length);
 
-// Shuts down and closes. Leaves lastError alone.
+// Shuts down and closes; what was read ahead of the socket is gone with it. Leaves
+// lastError alone.
 void veskCloseSocket(vesk_request* req, std::int32_t sock);

@@ -20,6 +20,7 @@
 #include <type_traits>
 
 struct veskProxy;
+struct veskReadAhead;
 struct vesk_request;
 
 // One attribute of a request, newest first in the list.
@@ -134,6 +135,7 @@ struct vesk_request {
                        std::int32_t length, veskProxy* proxy);
 
   veskKeptBlock* keptBlocks;  // see keepBlock
+  veskReadAhead* readAhead;   // of the conversation, else null; see read_ahead.h
 };
 static_assert(std::is_trivial_v<vesk_request> && std::is_standard_layout_v<vesk_request>);
 

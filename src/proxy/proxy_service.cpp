@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <iterator>
 
+#include "context/read_ahead.h"
 #include "context/request_block.h"
 #include "context/vesk_error.h"
 #include "context/vesk_utils.h"
@@ -214,12 +215,23 @@ static bool serve(ServiceCall* call, std::int32_t command) {
   return command == PROXY_FINISH;
 }
 
+// Gives the connection back, unless the server has said more than the end: whoever
+// came next would take that for its answer.
+static void release(const ServiceCall* call) {
+  const std::int32_t surplus = countReadAhead(call->req);
+  if (surplus == 0)
+    return returnVeskConnectionToPool(call->req, call->proxy, call->connection);
+  call->req->log(call->req, "%s sent %d bytes behind PROXY_FINISH <- [%d]",
+                 call->proxy->name, surplus, call->sock);
+  destroyVeskConnection(call->req, call->proxy, call->connection);
+}
+
 // The response is complete. A server that sent no body has not started it yet.
 static std::int32_t finish(ServiceCall* call) {
   vesk_request* req = call->req;
   req->trace(req, "PROXY_FINISH <- [%d]", call->sock);
   if (req->writeClient(req, nullptr, 0) == -1) req->lastError = EVESK_CLIENT_DOWN;
-  returnVeskConnectionToPool(req, call->proxy, call->connection);
+  release(call);
   return 0;
 }
 
@@ -250,14 +262,23 @@ static VeskConnection* openService(vesk_request* req, veskProxy* proxy, const ch
   return connection;
 }
 
+// One attempt: 0 or -1.
+static std::int32_t converse(vesk_request* req, veskProxy* proxy, const char* extra,
+                             std::int32_t* sequence) {
+  std::int32_t command = 0;
+  VeskConnection* connection = openService(req, proxy, extra, &command);
+  if (!connection) return -1;
+  ServiceCall call{req, proxy, connection, connection->socket, sequence};
+  return serve(&call, command) ? finish(&call) : abandon(&call);
+}
+
 std::int32_t proxy_handleRequest(vesk_request* req, veskProxy* proxy, const char* extra,
                                  std::int32_t* sequence) {
   req->trace(req, "%s proxy_handleRequest()", proxy->name);
   if (sequence) *sequence = -1;
-  std::int32_t command = 0;
-  VeskConnection* connection = openService(req, proxy, extra, &command);
-  if (!connection) return -1;
-
-  ServiceCall call{req, proxy, connection, connection->socket, sequence};
-  return serve(&call, command) ? finish(&call) : abandon(&call);
+  veskReadAhead ahead;  // of this conversation's socket alone
+  startReadAhead(req, &ahead);
+  const std::int32_t result = converse(req, proxy, extra, sequence);
+  req->readAhead = nullptr;
+  return result;
 }

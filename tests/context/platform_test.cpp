@@ -14,6 +14,7 @@
 #include <deque>
 #include <tuple>
 
+#include "context/read_ahead.h"
 #include "proxy/vesk_proxy.h"
 #include "support/recorded_request.h"
 
@@ -241,6 +242,49 @@ TEST_F(Platform, closeIsSilentWhenNotConnectedAndReportsTheRest) {
   veskCloseSocket(t.req, -1);
   EXPECT_EQ(t.logged("socket shutdown failed[-1]: 9, 9 Bad file descriptor"), 1);
   EXPECT_EQ(t.logged("socket close fail[-1]: 9, 9 Bad file descriptor"), 2);
+}
+
+TEST_F(Platform, whatIsReadAheadWaitsForItsReader) {
+  veskReadAhead ahead;
+  startReadAhead(t.req, &ahead);
+  EXPECT_EQ(write(pair[1], "0123456789", 10), 10);
+  EXPECT_EQ(receive(4), 4);
+  EXPECT_EQ(countReadAhead(t.req), 6);
+  results = {kNoMemory};  // no call is made for what is there
+  EXPECT_EQ(receive(3), 3);
+  EXPECT_EQ(std::string(buffer, 3), "456");
+  results.clear();
+
+  EXPECT_EQ(write(pair[0], "other", 5), 5);  // another socket neither takes nor gives
+  EXPECT_EQ(veskRecv(t.req, pair[1], buffer, 5, nullptr), 5);
+  EXPECT_EQ(std::string(buffer, 5), "other");
+  EXPECT_EQ(countReadAhead(t.req), 3);
+
+  EXPECT_EQ(write(pair[1], "abcd", 4), 4);  // a read may need both
+  EXPECT_EQ(receive(5), 5);
+  EXPECT_EQ(std::string(buffer, 5), "789ab");
+  results = {kNoMemory};
+  EXPECT_EQ(receive(3), -1);
+  EXPECT_EQ(t.req->lastError, ENOMEM);
+
+  EXPECT_EQ(write(pair[1], "efgh", 4), 4);
+  EXPECT_EQ(receive(1), 1);
+  veskCloseSocket(t.req, pair[0]);
+  EXPECT_EQ(countReadAhead(t.req), 0);
+  pair[0] = dup(0);
+}
+
+TEST_F(Platform, longReadGoesStraightToItsBuffer) {
+  veskReadAhead ahead;
+  startReadAhead(t.req, &ahead);
+  const std::string sent(3 * sizeof ahead.bytes / 2, 'x');
+  std::string got(sent.size() + 1, '-');
+  EXPECT_EQ(write(pair[1], sent.data(), sent.size()), static_cast<int>(sent.size()));
+  const auto most = static_cast<std::int32_t>(sizeof ahead.bytes);
+  EXPECT_EQ(veskRecv(t.req, pair[0], got.data(), most, nullptr), most);
+  EXPECT_EQ(countReadAhead(t.req), 0);
+  EXPECT_EQ(veskRecv(t.req, pair[0], got.data() + most, most / 2, nullptr), most / 2);
+  EXPECT_EQ(got, sent + "-");
 }
 
 static std::int32_t errorAtPing = -1;
