@@ -1,6 +1,7 @@
 #include "embedded/client_input.h"
 
 #include <poll.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <sys/types.h>
 
@@ -17,6 +18,9 @@ constexpr std::size_t kBufferSize = 65536;
 
 // Line ends in a row that end a head: its last line, and the empty one.
 constexpr int kHeadEnd = 2;
+
+// What no head may hold.
+constexpr char kNoHeadByte = '\x01';
 
 // How long the thread that waits for clients pauses once there are none.
 constexpr timespec kRefusalPause{0, 10000000};
@@ -53,6 +57,7 @@ void ClientInput::close() {
 
 void ClientInput::expectHead() {
   inHead_ = inRequestLine_ = true;
+  headBegun_ = false;
   lineEnds_ = blanks_ = 0;
 }
 
@@ -141,13 +146,36 @@ void ClientInput::erase(std::size_t offset, std::size_t count) {
   end_ -= count;
 }
 
+// Brings the target of a request into the form "/path". On one that begins with a
+// server's address CivetWeb closes without an answer, unless the port is its own; so
+// it does on "*" and on other schemes, which therefore get the answer to what it can't
+// read. A line that comes in pieces is left as it is.
+void ClientInput::normalizeTarget() {
+  constexpr std::string_view kScheme = "http://";
+  std::string_view line = waiting();
+  line = line.substr(0, line.find('\n') + 1);  // empty without a line end
+  const std::size_t target = line.find(' ') + 1;
+  if (target == 0 || line.substr(target).starts_with('/')) return;
+  const bool absolute =
+      strncasecmp(line.data() + target, kScheme.data(), kScheme.size()) == 0;
+  const std::size_t authority = target + kScheme.size();
+  const std::size_t path = absolute ? line.find_first_of("/? \r\n", authority) : 0;
+  if (!absolute || path == authority) {
+    buffer_[begin_ + target] = kNoHeadByte;
+  } else if (line[path] == '/') {
+    erase(target, path - target);
+  } else {  // no path: a slash takes the place of the last byte before it
+    buffer_[begin_ + path - 1] = '/';
+    erase(target, path - 1 - target);
+  }
+}
+
 // What CivetWeb gets for a byte of the head. A tab is as good as a blank there,
 // and it would refuse it. A third blank in the request line it would take for a
 // part of the version, and answer with that; a byte that no head holds has it
 // answer properly.
 char ClientInput::headByte(char c) {
   constexpr int kRequestLineBlanks = 2;
-  constexpr char kNoHeadByte = '\x01';
   if (c == '\t') c = ' ';
   if (c != ' ' || !inRequestLine_) return c;
   return ++blanks_ > kRequestLineBlanks ? kNoHeadByte : c;
@@ -177,6 +205,8 @@ long ClientInput::receive(void* to, std::size_t size) {
     if (count <= 0) return count;
   }
   setIdle(false);
+  if (inHead_ && !headBegun_) normalizeTarget();
+  headBegun_ = inHead_;
   size = std::min(size, end_ - begin_);
   if (inHead_) size = headPart(size);
   std::memcpy(to, buffer_.get() + begin_, size);

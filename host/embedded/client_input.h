@@ -66,6 +66,7 @@ class ClientInput {
   static void refuseClients();
 
  private:
+  void normalizeTarget();
   [[nodiscard]] char headByte(char c);
   [[nodiscard]] std::size_t headPart(std::size_t size);
   [[nodiscard]] long receiveSome();
@@ -80,6 +81,7 @@ class ClientInput {
   int blanks_ = 0;  // in the request line
   bool opening_ = false;
   bool inHead_ = false;
+  bool headBegun_ = false;  // CivetWeb has something of it
   bool inRequestLine_ = false;
   bool idle_ = false;  // stands in the list of idle clients
   ClientInput* previousIdle_ = nullptr;

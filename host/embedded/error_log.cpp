@@ -57,16 +57,12 @@ static bool looksLikeEntry(std::string_view text) {
 }
 
 // A message stays as it is, but that a peer's text in it must not pass for an
-// entry of its own, nor take a terminal's cursor back.
+// entry of its own.
 static void putMessage(std::string* line, std::string_view message) {
   for (std::size_t i = 0; i < message.size(); ++i) {
-    const std::string_view rest = message.substr(i + 1);
-    if (message[i] == '\r' && !rest.starts_with('\n')) {
-      line->append("\\r");
-      continue;
-    }
     line->push_back(message[i]);
-    if (message[i] == '\n' && looksLikeEntry(rest)) line->push_back('\t');
+    const bool lineEnds = message[i] == '\n' || message[i] == '\r';
+    if (lineEnds && looksLikeEntry(message.substr(i + 1))) line->push_back('\t');
   }
 }
 

@@ -1,6 +1,7 @@
 #include "layer/parameters.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 
 #include "layer/pool.h"
@@ -72,10 +73,24 @@ static pb_entry** endOf(pblock* pb) {
   return count < kMaxParameters ? place : nullptr;
 }
 
+static void reportFull(const char* name) {
+  HostRequest* request = currentRequest();
+  if (!request || request->overfull) return;
+  request->overfull = true;
+  char message[128];
+  (void)std::snprintf(message, sizeof message,
+                      "more than %d headers or parameters, dropped from \"%.40s\" on",
+                      kMaxParameters, name);
+  request->exchange->log(LOG_WARN, "pblock_nvinsert", request, message);
+}
+
 pb_param* addParameter(pblock* pb, const char* name, const char* value) {
   if (!pb || !name || !value) return nullptr;
   pb_entry** place = endOf(pb);
-  if (!place) return nullptr;
+  if (!place) {
+    reportFull(name);
+    return nullptr;
+  }
   auto* entry = static_cast<pb_entry*>(requestMemory(sizeof(pb_entry)));
   if (!entry) return nullptr;
   entry->param = newParameter(name, value);

@@ -17,7 +17,8 @@
 namespace host {
 
 // More than any honest request or response carries. A block that has reached
-// it takes no further parameter, so that no peer can fill the memory.
+// it takes no further parameter, so that no peer can fill the memory; the log says
+// so once a request.
 constexpr int kMaxParameters = 4096;
 
 [[nodiscard]] pblock* newParameters();

@@ -25,6 +25,7 @@ struct HostRequest : Request {
   Exchange* exchange;
   const char* reason;    // given to protocol_status; null: the usual one
   bool responseStarted;  // protocol_start_response was called
+  bool overfull;         // a block took no further parameter
   bool translateOnly;    // made to translate a URI; there is no client for it
 };
 

@@ -69,7 +69,7 @@ Stages::~Stages() {
 }
 
 void Stages::addInit(Directive directive) {
-  inits_.push_back(Line{.directive = std::move(directive)});
+  inits_.push_back(Line{.directive = std::move(directive), .init = true});
 }
 
 void Stages::add(Stage stage, Directive directive) {
@@ -86,11 +86,23 @@ static pblock* blockOf(const Directive& directive) {
   return block;
 }
 
+// A built-in function that its line can't use; a plug-in judges its own.
+std::string Stages::misuse(const Line& line) {
+  const std::string& name = *line.directive.find("fn");
+  if (line.function == loadModules)
+    return line.init ? "" : "\"" + name + "\" belongs into Init";
+  if (line.function != documentRoot && line.function != forceType) return {};
+  if (line.init) return "\"" + name + "\" has no place in Init";
+  const bool lacksType = line.function == forceType && !line.directive.find("type");
+  return lacksType ? "\"" + name + "\" needs type" : "";
+}
+
 std::string Stages::findAll(Line* line) {
   const std::string* name = line->directive.find("fn");
   if (!name) return "the directive has no fn";
   line->function = findFunction(*name);
   if (!line->function) return "unknown function \"" + *name + "\"";
+  if (std::string reason = misuse(*line); !reason.empty()) return reason;
   line->parameters = blockOf(line->directive);
   if (!line->parameters) return "out of memory";
   line->type = findValue(line->parameters, "type");
@@ -122,7 +134,7 @@ std::string Stages::prepare() {
 }
 
 std::string Stages::keepPrepared(std::deque<Line>* lines, Directive directive) {
-  lines->push_back(Line{.directive = std::move(directive)});
+  lines->push_back(Line{.directive = std::move(directive), .init = lines == &inits_});
   std::string reason = prepareLine(&lines->back());
   if (reason.empty()) return {};
   freeParameters(lines->back().parameters);

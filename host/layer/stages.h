@@ -81,12 +81,14 @@ class Stages {
     Directive directive;
     FuncPtr function = nullptr;
     pblock* parameters = nullptr;
+    bool init = false;             // stands in Init, not in a stage
     const char* type = nullptr;    // null: any content type, also none
     const char* method = nullptr;  // null: any method
   };
+  static std::string misuse(const Line& line);
   static std::string findAll(Line* line);
   static std::string prepareLine(Line* line);
-  static std::string keepPrepared(std::deque<Line>* lines, Directive directive);
+  std::string keepPrepared(std::deque<Line>* lines, Directive directive);
   static std::string runInit(Line* line);
   static bool applies(const Line& line, Stage stage, const Request* rq);
 

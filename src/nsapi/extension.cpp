@@ -49,12 +49,18 @@ int veskinit(pblock* pb, Session* /*sn*/, Request* /*rq*/) {
   return REQ_PROCEED;
 }
 
+// A function of a stage that stands in Init: the host shows its administrator this.
+static int refuseInit(pblock* pb) {
+  (void)pblock_nvinsert("error", "veskfilter and veskservice have no place in Init", pb);
+  return REQ_ABORTED;
+}
+
 int veskfilter(pblock* pb, Session* sn, Request* rq) {
-  return runFilterStage(pb, sn, rq);
+  return rq ? runFilterStage(pb, sn, rq) : refuseInit(pb);
 }
 
 int veskservice(pblock* pb, Session* sn, Request* rq) {
-  return runServiceStage(pb, sn, rq);
+  return rq ? runServiceStage(pb, sn, rq) : refuseInit(pb);
 }
 
 void veskend(void* /*data*/) {
