@@ -19,18 +19,6 @@ struct Peer {
 
 static Peer peer;
 
-static std::int32_t peerConnect(vesk_request* /*req*/, const sockaddr_in* /*address*/) {
-  return 1;
-}
-
-static void peerClose(vesk_request* /*req*/, std::int32_t /*sock*/) {}
-
-static std::int32_t peerSend(vesk_request* req, std::int32_t /*sock*/,
-                             const void* /*buffer*/, std::int32_t length) {
-  req->lastError = 0;
-  return length;
-}
-
 static std::int32_t peerRecv(vesk_request* req, std::int32_t /*sock*/, void* buffer,
                              std::int32_t length, veskProxy* /*proxy*/) {
   req->lastError = 0;
@@ -46,45 +34,32 @@ static void* boundedMalloc(vesk_request* /*req*/, std::int32_t size) {
   return std::malloc(size > 0 ? static_cast<std::size_t>(size) : 1);
 }
 
-static const char* noHeader(vesk_request* /*req*/, const char* /*name*/) {
-  return nullptr;
-}
-
-static char* echoPath(vesk_request* req, const char* uri) {
-  return req->strdup(req, uri);
-}
-
-static std::int32_t someBody(vesk_request* /*req*/, char* buffer, std::int32_t length) {
-  if (length > 0) std::memset(buffer, 'x', static_cast<std::size_t>(length));
-  return std::max(length, 0);
-}
-
-static void ignoreStatus(vesk_request* /*req*/, std::int32_t /*status*/,
-                         const char* /*reason*/) {}
-
 static void readTexts(vesk_request* /*req*/, const char* name, const char* value) {
   volatile std::size_t length = std::strlen(name) + std::strlen(value);
   (void)length;
-}
-
-static std::int32_t takeBody(vesk_request* /*req*/, const char* /*buffer*/,
-                             std::int32_t /*length*/) {
-  return 0;
 }
 
 static void prepare(vesk_request* req) {
   init_vesk_request(req);
   req->uri = "/demo/index.jsp";
   req->malloc = boundedMalloc;
-  req->getHeader = noHeader;
-  req->getRealPath = echoPath;
-  req->getPostData = someBody;
-  req->setStatus = ignoreStatus;
+  req->getHeader = [](auto...) -> const char* { return nullptr; };
+  req->getRealPath = [](vesk_request* by, const char* uri) {
+    return by->strdup(by, uri);
+  };
+  req->getPostData = [](vesk_request*, char* buffer, std::int32_t length) {
+    if (length > 0) std::memset(buffer, 'x', static_cast<std::size_t>(length));
+    return std::max(length, 0);
+  };
+  req->setStatus = [](auto...) {};
   req->addHeader = readTexts;
-  req->writeClient = takeBody;
-  req->connect = peerConnect;
-  req->closeSocket = peerClose;
-  req->send = peerSend;
+  req->writeClient = [](auto...) { return 0; };
+  req->connect = [](auto...) { return 1; };
+  req->closeSocket = [](auto...) {};
+  req->send = [](vesk_request* by, std::int32_t, const void*, std::int32_t length) {
+    by->lastError = 0;
+    return length;
+  };
   req->recv = peerRecv;
 }
 

@@ -63,19 +63,6 @@ TEST(parseProperties, keepsWhatFitsInMemory) {
   }
 }
 
-TEST(parseProperties, refusesPairsBeyondTheCapacityAndGoesOn) {
-  RecordedRequest t;
-  std::string text;
-  for (int i = 0; i < kMaxProperties + 2; ++i) text += "k" + std::to_string(i) + "=v\n";
-  propertyTable* table = parseProperties(t.req, (text + "line\n").c_str());
-
-  EXPECT_EQ(table->count, kMaxProperties);
-  EXPECT_EQ(t.logged("propertyTable full when trying to add k819"), 2);
-  EXPECT_EQ(t.traced("property line has no value"), 1);
-  freeProperties(t.req, table);
-  EXPECT_EQ(t.permBlocks, 0);
-}
-
 TEST(loadProperties, readsAFileWholeOrSaysOnceWhyNot) {
   RecordedRequest t;
   char path[] = "/tmp/vesk-property-XXXXXX";

@@ -164,27 +164,6 @@ RecordedRequest::RecordedRequest() {
   req->uri = "/demo/index.jsp";
 }
 
-RecordedRequest::~RecordedRequest() {
-  // The texts of the arrays are copies that setHeaders made on the plain heap.
-  for (const char** names = req->headerNames; names && *names; ++names)
-    std::free(const_cast<char*>(*names));
-  for (const char** values = req->headerValues; values && *values; ++values)
-    std::free(const_cast<char*>(*values));
-  std::free(static_cast<void*>(req->headerNames));
-  std::free(static_cast<void*>(req->headerValues));
-}
-
-void RecordedRequest::setHeaders(
-    std::vector<std::pair<std::string, std::string>> headers) {
-  const std::size_t slots = headers.size() + 1;
-  req->headerNames = static_cast<const char**>(std::calloc(slots, sizeof(char*)));
-  req->headerValues = static_cast<const char**>(std::calloc(slots, sizeof(char*)));
-  for (std::size_t i = 0; i < headers.size(); ++i) {
-    req->headerNames[i] = ::strdup(headers[i].first.c_str());
-    req->headerValues[i] = ::strdup(headers[i].second.c_str());
-  }
-}
-
 static int countLines(const std::vector<std::string>& lines, const std::string& part) {
   return static_cast<int>(std::count_if(
       lines.begin(), lines.end(),

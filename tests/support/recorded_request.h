@@ -17,12 +17,8 @@
 class RecordedRequest {
  public:
   RecordedRequest();
-  ~RecordedRequest();  // releases the arrays that setHeaders made; see leaks()
   RecordedRequest(const RecordedRequest&) = delete;
   RecordedRequest& operator=(const RecordedRequest&) = delete;
-
-  // Fills headerNames and headerValues of the record, as the service stage does.
-  void setHeaders(std::vector<std::pair<std::string, std::string>> headers);
 
   // Lines of one grade that contain `part`; `all` joins every line with '\n'.
   [[nodiscard]] int logged(const std::string& part) const;

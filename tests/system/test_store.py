@@ -45,17 +45,6 @@ def test_host_starts_from_the_store_while_the_bootstrap_is_down(site):
     assert host.store.read_text() == store_text(two, three)
 
 
-def test_store_written_by_hand_is_read_and_rewritten(site):
-    one, two, three = site.cluster(3)
-    one.stop()
-    site.write_cluster(1, [two, three])
-    (site.folder / "servers.store").write_text(
-        f"# by hand\nother=1\nproxyservers=;;{three.address};127.0.0.1:1;{two.address}\n")
-    host = site.host(one)
-    assert host.serves()
-    assert host.store.read_text() == store_text(three, two)
-
-
 USELESS = {"none": None, "no servers": b"proxyservers=", "noise": b"\0\xff" * 50_000,
            "one long name": b"proxyservers=" + b"x" * 1_000_000,
            "only separators": b"proxyservers=" + b";" * 100_000}
