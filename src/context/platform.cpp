@@ -24,6 +24,13 @@ struct Transfer {
   bool peerClosed;      // receiving only
 };
 
+// What a transfer waits for.
+struct Readiness {
+  short event;  // of poll
+  const char* caller;
+  const char* name;  // of the event
+};
+
 void initializeSocketTimeouts(vesk_request* /*req*/, std::int32_t* timeouts) {
   timeouts[0] = kDefaultConnectTimeout;
   timeouts[1] = kDefaultSendTimeout;
@@ -124,6 +131,25 @@ static bool wantsMore(const Transfer* transfer) {
          (error == 0 || error == EINTR);
 }
 
+// Waits until a socket is ready: 0, or the error, ETIMEDOUT when the limit of so many
+// milliseconds has passed.
+static std::int32_t awaitReady(vesk_request* req, std::int32_t sock,
+                               const Readiness& ready, std::int32_t limit) {
+  pollfd wait = {.fd = sock, .events = ready.event, .revents = 0};
+  const int count = poll(&wait, 1, limit);
+  if (count == 0) return ETIMEDOUT;
+  if (count < 0) return errno;
+  if (wait.revents & POLLHUP) {
+    req->trace(req, "%s: POLLHUP so ECONNRESET", ready.caller);
+    return ECONNRESET;
+  }
+  if (!(wait.revents & ready.event)) {
+    req->trace(req, "%s: %s not set so ECONNRESET", ready.caller, ready.name);
+    return ECONNRESET;
+  }
+  return 0;
+}
+
 // The end of a receive limit: 0 when the server still takes pings, else the error.
 static std::int32_t judgeRecvLimit(vesk_request* req, std::int32_t sock,
                                    veskProxy* proxy) {
@@ -144,19 +170,9 @@ static std::int32_t judgeRecvLimit(vesk_request* req, std::int32_t sock,
 // Waits for bytes to receive: 0 to go on, or the error.
 static std::int32_t awaitReadable(vesk_request* req, std::int32_t sock,
                                   veskProxy* proxy) {
-  pollfd wait = {.fd = sock, .events = POLLIN, .revents = 0};
-  const int ready = poll(&wait, 1, req->recvTimeout);
-  if (ready == 0) return judgeRecvLimit(req, sock, proxy);
-  if (ready < 0) return errno;
-  if (wait.revents & POLLHUP) {
-    req->trace(req, "veskRecv: POLLHUP so ECONNRESET");
-    return ECONNRESET;
-  }
-  if (!(wait.revents & POLLIN)) {
-    req->trace(req, "veskRecv: POLLIN not set so ECONNRESET");
-    return ECONNRESET;
-  }
-  return 0;
+  constexpr Readiness kReadable = {POLLIN, "veskRecv", "POLLIN"};
+  const std::int32_t error = awaitReady(req, sock, kReadable, req->recvTimeout);
+  return error == ETIMEDOUT ? judgeRecvLimit(req, sock, proxy) : error;
 }
 
 // One pass; gives what lastError becomes. An error of the pass before, which can
@@ -186,22 +202,6 @@ std::int32_t veskRecv(vesk_request* req, std::int32_t sock, void* buffer,
   return -1;
 }
 
-static std::int32_t awaitWritable(vesk_request* req, std::int32_t sock) {
-  pollfd wait = {.fd = sock, .events = POLLOUT, .revents = 0};
-  const int ready = poll(&wait, 1, req->sendTimeout);
-  if (ready == 0) return ETIMEDOUT;
-  if (ready < 0) return errno;
-  if (wait.revents & POLLHUP) {
-    req->trace(req, "veskSend: POLLHUP so ECONNRESET");
-    return ECONNRESET;
-  }
-  if (!(wait.revents & POLLOUT)) {
-    req->trace(req, "veskSend: POLLOUT not set so ECONNRESET");
-    return ECONNRESET;
-  }
-  return 0;
-}
-
 // A server that has gone must not end the host's process, and how the process
 // deals with SIGPIPE is the host's affair: so no signal is raised at all.
 static std::int32_t sendPass(Transfer* transfer, const void* buffer) {
@@ -214,7 +214,9 @@ static std::int32_t sendPass(Transfer* transfer, const void* buffer) {
     return 0;
   }
   if (errno != EAGAIN) return errno;
-  return awaitWritable(transfer->req, transfer->sock);
+  constexpr Readiness kWritable = {POLLOUT, "veskSend", "POLLOUT"};
+  vesk_request* req = transfer->req;
+  return awaitReady(req, transfer->sock, kWritable, req->sendTimeout);
 }
 
 std::int32_t veskSend(vesk_request* req, std::int32_t sock, const void* buffer,
