@@ -127,17 +127,9 @@ int HttpExchange::readBody(unsigned char* buffer, int size) {
   return body_.read(connection_, buffer, size);
 }
 
-static std::string httpDate() {
-  time_t now = time(nullptr);
-  tm utc{};
-  (void)gmtime_r(&now, &utc);
-  char text[40];
-  return {text, strftime(text, sizeof(text), "%a, %d %b %Y %H:%M:%S GMT", &utc)};
-}
-
 int HttpExchange::startResponse(HostRequest* request) try {
   const char* method = findValue(request->reqpb, "method");
-  std::string date = httpDate();
+  std::string date = httpTime(time(nullptr));
   HeadSettings settings{.http11 = isHttp11(info_),
                         .headRequest = method && std::strcmp(method, "HEAD") == 0,
                         .keepAlive = keepAlive_,

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +9,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "embedded/response.h"
 #include "layer/parameters.h"
 #include "layer/uri.h"
 
@@ -111,13 +111,6 @@ void sendErrorPage(HostRequest* request, int status, const char* reason) {
   setHeader(request, "content-length", std::to_string(page.size()));
   if (!start(request, status, reason)) return;
   (void)request->exchange->writeBody(page.data(), static_cast<int>(page.size()));
-}
-
-static std::string httpTime(time_t seconds) {
-  tm utc{};
-  (void)gmtime_r(&seconds, &utc);
-  char text[40];
-  return {text, strftime(text, sizeof(text), "%a, %d %b %Y %H:%M:%S GMT", &utc)};
 }
 
 static bool clientHasIt(HostRequest* request, const std::string& tag,

@@ -1,5 +1,7 @@
 #include "embedded/response.h"
 
+#include <time.h>
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -18,6 +20,14 @@ constexpr int kNotModified = 304;
 
 // What stands for itself in a header name besides letters and digits.
 constexpr std::string_view kNameMarks = "!#$%&'*+-.^_`|~";
+
+std::string httpTime(std::int64_t seconds) {
+  const time_t when = seconds;
+  tm utc{};
+  (void)gmtime_r(&when, &utc);
+  char text[40];
+  return {text, strftime(text, sizeof(text), "%a, %d %b %Y %H:%M:%S GMT", &utc)};
+}
 
 static bool equalsNoCase(std::string_view a, std::string_view b) {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {

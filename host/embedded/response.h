@@ -16,6 +16,9 @@
 
 namespace host {
 
+// A time, in seconds since the epoch, as headers show it.
+[[nodiscard]] std::string httpTime(std::int64_t seconds);
+
 enum class Framing { none, counted, chunked, untilClose };
 
 struct ResponseHead {
