@@ -100,7 +100,7 @@ static std::int32_t forward(const Dispatch* dispatch, veskProxy* proxy) {
   std::int32_t sequence = kNoSequence;
   const std::int32_t result =
       proxy->handleRequest(dispatch->req, proxy, dispatch->extra, &sequence);
-  if (result == 0 && sequence >= 0)
+  if (result == kRequestServed && sequence >= 0)
     updateClusteredServers(dispatch->table, dispatch->req, proxy, sequence);
   return result;
 }
@@ -177,7 +177,7 @@ static std::int32_t serve(Dispatch* dispatch) {
       return result;
     }
     result = forward(dispatch, proxy);
-    if (result == 0 || !mayTryAgain(dispatch, proxy)) {
+    if (result == kRequestServed || !mayTryAgain(dispatch, proxy)) {
       proxy->requestEnded(proxy, dispatch->req);
       return result;
     }

@@ -1,5 +1,4 @@
-// The idle connections of one server, the opening of every conversation, and the
-// steps that all conversations share.
+// The idle connections of one server, and how new ones are made.
 //
 // A pool is a stack: the connection returned last is handed out first. It has no
 // size limit and no age limit, and shrinks only when a connection fails, when it
@@ -51,35 +50,3 @@ void proxy_destroyPooledSockets(vesk_request* req, veskProxy* proxy);
 // Sends one PROXY_PING: 0 or more, or negative with lastError. Blocks.
 [[nodiscard]] std::int32_t sendPingMsg(vesk_request* req, veskProxy* proxy,
                                        std::int32_t sock);
-
-// Opens a conversation: sends a finished frame and reads the first command into
-// `outCommand`. Pooled connections that prove stale are replaced, so the server
-// may see the frame twice. The connection, or null. The frame stays the caller's.
-// Blocks, with no lock held.
-[[nodiscard]] VeskConnection* sendCommand(veskProxy* proxy, vesk_request* req,
-                                          const char* frame, std::int32_t length,
-                                          std::int32_t* outCommand);
-
-// Reads the next command of a conversation: 0, or -1 with a log line and
-// lastError as readWord leaves it; then `outCommand` is unchanged. Blocks.
-[[nodiscard]] std::int32_t readCommand(vesk_request* req, veskProxy* proxy,
-                                       std::int32_t sock, std::int32_t* outCommand);
-
-// Whether a command ends a conversation: PROXY_FINISH, well; 0 or below, not.
-[[nodiscard]] bool endsConversation(std::int32_t command);
-
-// What the handler of a command says: how the conversation goes on.
-enum class Next { readCommand, abort };
-
-// The operand of PROXY_PUT_CLUSTER_SEQ: where it comes from, where it goes to,
-// and the flag of the trace line about it.
-struct ClusterSequence {
-  std::int32_t sock;
-  std::int32_t* out;  // the caller's; may be null
-  std::uint64_t traceFlag;
-};
-
-// Reads that operand, and traces it. On abort there is a log line, lastError is
-// as readWord leaves it, and `out` is unchanged. Blocks.
-[[nodiscard]] Next readClusterSequence(vesk_request* req, veskProxy* proxy,
-                                       const ClusterSequence& sequence);

@@ -8,6 +8,7 @@
 #include "context/vesk_error.h"
 #include "context/vesk_utils.h"
 #include "properties/vesk_property.h"
+#include "proxy/conversation.h"
 #include "proxy/proxy_pool.h"
 #include "proxy/wire.h"
 

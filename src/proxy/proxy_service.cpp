@@ -8,6 +8,7 @@
 #include "context/request_block.h"
 #include "context/vesk_error.h"
 #include "context/vesk_utils.h"
+#include "proxy/conversation.h"
 #include "proxy/proxy_error.h"
 #include "proxy/proxy_marshal.h"
 #include "proxy/proxy_pool.h"

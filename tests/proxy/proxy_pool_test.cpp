@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "context/vesk_error.h"
+#include "proxy/conversation.h"
 #include "proxy/wire.h"
 #include "proxy_fixture.h"
 
