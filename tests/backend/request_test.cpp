@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "backend/failures.h"
-#include "peer.h"
+#include "request_block.h"
 
 namespace backend_test {
 

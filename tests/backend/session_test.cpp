@@ -5,7 +5,7 @@
 
 #include "backend/session_id.h"
 #include "backend/session_store.h"
-#include "peer.h"
+#include "request_block.h"
 
 namespace backend_test {
 
@@ -50,7 +50,7 @@ TEST(sessionId, isFoundInTheRequest) {
       {"JSESSIONID", "JSESSIONID=", "", ""}};
   for (const auto& [cookie, other, item, id] : rows) {
     const Texts headers = {{"cookie", cookie}, {"cookie", other}};
-    const std::string block = blockOf({"/", "", headers, "GET", {}, item});
+    const std::string block = blockOf({"/", "", headers, {}, item});
     const auto session = backend::sessionIdOf(backend::parseServiceRequest(block));
     EXPECT_EQ(session ? session->id : "", id) << cookie;
   }
