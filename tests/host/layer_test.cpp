@@ -1,7 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "layer/directive.h"
@@ -100,7 +102,9 @@ TEST(parameters, aFullBlockTakesNoMore) {
   for (int i = 0; i < kMaxParameters; ++i) {
     ASSERT_TRUE(pblock_nninsert("n", i, r.request.srvhdrs));
   }
-  EXPECT_EQ(pblock_nvinsert("one", "more", r.request.srvhdrs), nullptr);
+  for (int i = 0; i < 2; ++i)
+    EXPECT_EQ(pblock_nvinsert("one", "more", r.request.srvhdrs), nullptr);
+  EXPECT_THAT(r.exchange.lines, ElementsAre(testing::EndsWith("from \"one\" on")));
 }
 
 // Leaks and wrong frees show under the address sanitizer.
@@ -221,17 +225,25 @@ TEST(stages, runUntilOneDecidesAndObeyTypeAndMethod) {
   EXPECT_EQ(ran, "dcdf") << "type matters to Service alone";
 }
 
-TEST(stages, unknownFunctionsAndModulesAreRefused) {
-  const std::pair<const char*, const char*> rows[] = {
-      {"fn=load-modules shlib=/no/such.so funcs=a", "c:7: can't load module: "},
-      {"fn=load-modules shlib=x.so", "c:7: load-modules needs shlib and funcs"}};
-  Stages unknown;
-  unknown.add(Stage::nameTrans, line("c:7", "fn=nobody"));
-  EXPECT_EQ(unknown.prepare(), "c:7: unknown function \"nobody\"");
-  for (const auto& [text, reason] : rows) {
+// No stage: a line of Init.
+TEST(stages, functionsThatNobodyCanRunThereAreRefused) {
+  const std::tuple<std::optional<Stage>, const char*, const char*> rows[] = {
+      {{}, "fn=load-modules shlib=/no/such.so funcs=a", "can't load module: "},
+      {{}, "fn=load-modules shlib=x.so", "load-modules needs shlib and funcs"},
+      {{}, "fn=document-root root=/", "\"document-root\" has no place in Init"},
+      {{}, "fn=force_type type=a/b", "\"force_type\" has no place in Init"},
+      {Stage::objectType, "fn=load-modules shlib=x.so funcs=a",
+       "\"load-modules\" belongs into Init"},
+      {Stage::objectType, "fn=force-type", "\"force-type\" needs type"},
+      {Stage::nameTrans, "fn=nobody", "unknown function \"nobody\""}};
+  for (const auto& [stage, text, reason] : rows) {
     Stages stages;
-    stages.addInit(line("c:7", text));
-    EXPECT_THAT(stages.prepare(), testing::StartsWith(reason));
+    if (stage) {
+      stages.add(*stage, line("c:7", text));
+    } else {
+      stages.addInit(line("c:7", text));
+    }
+    EXPECT_THAT(stages.prepare(), testing::StartsWith(std::string("c:7: ") + reason));
   }
 }
 

@@ -255,6 +255,15 @@ TEST_F(Init, readsAllOptions) {
   EXPECT_EQ(host.logged("0|veskNSAPI[init] |errorurl /sorry"), 1);
 }
 
+TEST_F(Init, functionsOfAStageAreRefusedThere) {
+  for (const auto entry : {veskfilter, veskservice}) {
+    EXPECT_EQ(entry(host.initBlock, nullptr, nullptr), REQ_ABORTED);
+    EXPECT_STREQ(pblock_findval("error", host.initBlock),
+                 "veskfilter and veskservice have no place in Init");
+    param_free(pblock_remove("error", host.initBlock));
+  }
+}
+
 TEST_F(Init, numbersOutOfRangeAreMovedToTheNearest) {
   init(
       "verbose=true traceflags=7z connecttimeout=99999999999999999999 sendtimeout=-1 "
