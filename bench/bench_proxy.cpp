@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "context/request_setup.h"
 #include "properties/vesk_property.h"
 #include "proxy/mapping_order.h"
 #include "proxy/proxy_marshal.h"

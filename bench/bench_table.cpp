@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "context/request_setup.h"
 #include "maptable/membership.h"
 #include "maptable/selection.h"
 #include "maptable/vesk_maptable_impl.h"

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "context/request_setup.h"
 #include "properties/vesk_property.h"
 #include "proxy/mapping_order.h"
 #include "proxy/vesk_proxy.h"

@@ -3,6 +3,8 @@
 #include <cstring>
 #include <string>
 
+#include "context/memory.h"
+#include "context/request_setup.h"
 #include "properties/property_expansion.h"
 #include "properties/vesk_property.h"
 #include "proxy/mapping_order.h"

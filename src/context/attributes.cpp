@@ -1,9 +1,67 @@
 #include "context/attributes.h"
 
-#include <climits>
 #include <cstring>
 
+#include "context/memory.h"
+#include "context/text.h"
+
+// The newest node of each name, by the name's hash: open addressing, never more than
+// half full, so that a search always meets an empty slot.
+struct veskAttributeIndex {
+  std::int32_t capacity;  // slots, a power of two
+  std::int32_t used;
+  veskAttribute* slots[1];  // as many as `capacity`; null: empty
+};
+
+// The slot of a name: where it stands, or the empty one where it would.
+static veskAttribute** slotOf(veskAttributeIndex* index, const char* name) {
+  const auto mask = static_cast<std::uint32_t>(index->capacity) - 1;
+  std::uint32_t at = hashText(name) & mask;
+  while (index->slots[at] && std::strcmp(index->slots[at]->name, name) != 0)
+    at = (at + 1) & mask;
+  return &index->slots[at];
+}
+
+// Enters a node as the newest of its name. REQUIRES: an empty slot remains.
+static void enterNode(veskAttributeIndex* index, veskAttribute* node) {
+  veskAttribute** slot = slotOf(index, node->name);
+  if (!*slot) ++index->used;
+  *slot = node;
+}
+
+static void dropIndex(vesk_request* req) {
+  if (req->attributeIndex) req->free(req, req->attributeIndex);
+  req->attributeIndex = nullptr;
+}
+
+// Makes an index with four slots a node, so that the next one is made only when the
+// list has doubled. What fails here costs speed alone.
+static void rebuildIndex(vesk_request* req) {
+  dropIndex(req);
+  std::int64_t capacity = 1;
+  while (capacity < std::int64_t{4} * req->attributes->count) capacity *= 2;
+  const std::int64_t size = std::int64_t{sizeof(veskAttributeIndex)} +
+                            (capacity - 1) * std::int64_t{sizeof(veskAttribute*)};
+  auto* index = static_cast<veskAttributeIndex*>(newZeroed(req, size));
+  if (!index) return;
+  index->capacity = static_cast<std::int32_t>(capacity);
+  // The list is newest first: the first of a name is the one that counts.
+  for (veskAttribute* node = req->attributes; node; node = node->next)
+    if (!*slotOf(index, node->name)) enterNode(index, node);
+  req->attributeIndex = index;
+}
+
+static void indexNewest(vesk_request* req) {
+  veskAttributeIndex* index = req->attributeIndex;
+  if (index && 2 * (index->used + 1) <= index->capacity) {
+    enterNode(index, req->attributes);
+  } else if (req->attributes->count > kMaxWalkedAttributes) {
+    rebuildIndex(req);
+  }
+}
+
 static const veskAttribute* findAttribute(const vesk_request* req, const char* name) {
+  if (req->attributeIndex) return *slotOf(req->attributeIndex, name);
   const veskAttribute* node = req->attributes;
   while (node && std::strcmp(node->name, name) != 0) node = node->next;
   return node;
@@ -20,29 +78,22 @@ std::int32_t getAttributeSize(vesk_request* req, const char* name) {
   return found ? found->size : 0;
 }
 
-// An array for `count` names and the null behind them, all null yet.
-static char** newNameArray(vesk_request* req, std::int32_t count) {
-  const std::int64_t size = (std::int64_t{count} + 1) * std::int64_t{sizeof(char*)};
-  if (size > INT_MAX) return nullptr;
-  void* block = req->malloc(req, static_cast<std::int32_t>(size));
-  if (!block) return nullptr;
-  return static_cast<char**>(std::memset(block, 0, static_cast<std::size_t>(size)));
+// Copies every name, newest first: true, or false when memory runs out on the way.
+static bool copyNames(vesk_request* req, char** slots) {
+  for (const veskAttribute* node = req->attributes; node; node = node->next) {
+    *slots = req->strdup(req, node->name);
+    if (!*slots++) return false;
+  }
+  return true;
 }
 
+// An array with a gap would end too early for its readers: it is whole, or none.
 char** getAttributeNames(vesk_request* req) {
   if (!req->attributes) return nullptr;
   req->freeAttributeNames(req);
-  req->attributeNames = newNameArray(req, req->attributes->count);
-  if (!req->attributeNames) return nullptr;
-
-  char** slot = req->attributeNames;
-  for (const veskAttribute* node = req->attributes; node; node = node->next) {
-    *slot = req->strdup(req, node->name);
-    if (!*slot++) {
-      req->freeAttributeNames(req);
-      return nullptr;
-    }
-  }
+  req->attributeNames = const_cast<char**>(newTextArray(req, req->attributes->count));
+  if (req->attributeNames && !copyNames(req, req->attributeNames))
+    req->freeAttributeNames(req);
   return req->attributeNames;
 }
 
@@ -56,9 +107,11 @@ void setAttribute(vesk_request* req, const char* name, const void* value,
            .count = req->attributes ? req->attributes->count + 1 : 1,
            .size = size};
   req->attributes = node;
+  indexNewest(req);
 }
 
 void freeAttributes(vesk_request* req) {
+  dropIndex(req);  // it refers to the nodes
   veskAttribute* node = req->attributes;
   req->attributes = nullptr;
   while (node) {

@@ -2,8 +2,8 @@
 //
 // It carries the state of one request and a table of operations for whatever
 // the logic may ask of its surroundings: headers, body, response, memory, files,
-// log lines and sockets. init_vesk_request installs every default that needs no
-// host; a connector layer adds the six host operations and the log.
+// log lines, sockets and the time. request_setup.h installs every default that needs
+// no host; a connector layer adds the six host operations and the log.
 //
 // Ownership: whoever declares a record owns it. At its end it needs
 // freeAttributes, freeAttributeNames and releaseKeptBlocks, in this order.
@@ -13,12 +13,12 @@
 #pragma once
 
 #include <netinet/in.h>
-#include <sys/time.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <type_traits>
 
+struct veskAttributeIndex;
 struct veskProxy;
 struct veskReadAhead;
 struct vesk_request;
@@ -126,7 +126,7 @@ struct vesk_request {
   [[gnu::format(printf, 3, 4)]] void (*traceE)(vesk_request* req, std::uint64_t flags,
                                                const char* format, ...);
 
-  // The socket operations; their contracts stand in platform.h. All may block.
+  // The socket operations; their contracts stand in sockets.h. All may block.
   std::int32_t (*connect)(vesk_request* req, const sockaddr_in* address);
   void (*closeSocket)(vesk_request* req, std::int32_t sock);
   std::int32_t (*send)(vesk_request* req, std::int32_t sock, const void* buffer,
@@ -136,6 +136,15 @@ struct vesk_request {
 
   veskKeptBlock* keptBlocks;  // see keepBlock
   veskReadAhead* readAhead;   // of the conversation, else null; see read_ahead.h
+
+  // Seconds since the epoch. All that is decided by the time is decided by this.
+  std::int64_t (*now)(vesk_request* req);
+  // Asked at the end of a receive limit: 1 when `proxy` took a ping, so that the wait
+  // goes on; 0 makes the limit final. Null does as well: a conversation sets it for
+  // its own time. Blocks. REQUIRES: `lock` of the proxy is not held.
+  std::int32_t (*pingServer)(vesk_request* req, veskProxy* proxy);
+
+  veskAttributeIndex* attributeIndex;  // owned; of a long list, see attributes.h
 };
 static_assert(std::is_trivial_v<vesk_request> && std::is_standard_layout_v<vesk_request>);
 
@@ -157,15 +166,6 @@ extern std::uint8_t gShutdown;
 [[nodiscard]] bool isShuttingDown();
 void setShuttingDown(bool on);
 
-// Clears the record and installs every default that needs no host. The six host
-// operations stay null and logging stays silent. Allocates nothing.
-void init_vesk_request(vesk_request* req);
-
-// Clears the record and installs the plain-heap allocators, a silent log and a
-// silent trace: enough for the property functions. In such a record traceE and
-// all other operations are null.
-void init_allocators(vesk_request* req);
-
 // Has the record release `block` with `free` once the request has ended: for
 // what attributes refer to. 0, or -1 when memory runs out; then the block stays
 // the caller's.
@@ -173,13 +173,3 @@ void init_allocators(vesk_request* req);
 
 // Releases what keepBlock was given. Call it after freeAttributes.
 void releaseKeptBlocks(vesk_request* req);
-
-// Wall clock; tvToMillis gives milliseconds since the epoch.
-void gtod(timeval* now);
-[[nodiscard]] std::int64_t tvToMillis(const timeval* time);
-
-// The plain-heap allocators behind init_allocators, for code that has no record
-// at hand; `req` may be null. Silent; doStrdup of null is a copy of "".
-[[nodiscard]] void* doMalloc(vesk_request* req, std::int32_t size);
-[[nodiscard]] char* doStrdup(vesk_request* req, const char* text);
-void doFree(vesk_request* req, void* block);

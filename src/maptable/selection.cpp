@@ -251,7 +251,7 @@ static bool reviveProxy(mappingsTable* table, vesk_request* req, veskProxy* prox
 
 std::int32_t lastDitchFindReachableServer(mappingsTable* table, vesk_request* req,
                                           std::int32_t index, veskProxy** failedTargets) {
-  const std::int64_t now = std::time(nullptr);
+  const std::int64_t now = req->now(req);
   // The columns may move below, the records don't.
   const proxyList* list = table->mappingProxies[index];
   const mappingBalance* balance = table->mappingBalances[index];

@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "context/platform.h"
-#include "context/vesk_utils.h"
+#include "context/sockets.h"
+#include "context/text.h"
 #include "nsapi/response_path.h"
 
 constexpr std::uint64_t kAllTraceFlags = 0xFFFFFFFF;

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "context/request_setup.h"
 #include "context/vesk_mutex.h"
 #include "nsapi/host_log.h"
 #include "nsapi/host_memory.h"

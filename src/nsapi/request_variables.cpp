@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "context/request_block.h"
-#include "context/vesk_utils.h"
+#include "context/spelling.h"
 #include "nsapi/host_memory.h"
 #include "nsapi/interface.h"
 

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "context/vesk_utils.h"
+#include "context/text.h"
 #include "maptable/vesk_maptable_impl.h"
 #include "nsapi/host_log.h"
 #include "nsapi/interface.h"

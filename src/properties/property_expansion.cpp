@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "context/memory.h"
+
 // One call from outside, with all the levels below it.
 struct Expansion {
   const propertyTable* table;

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "context/request_block.h"
+#include "context/request_setup.h"
 #include "properties/vesk_property.h"
 
 constexpr char kEndOfText = 0x1A;

@@ -1,5 +1,6 @@
 #include <cstring>
 
+#include "context/request_setup.h"
 #include "properties/vesk_property.h"
 
 static std::int32_t findProperty(const propertyTable* table, const char* key) {

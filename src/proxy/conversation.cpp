@@ -4,6 +4,11 @@
 #include "proxy/proxy_pool.h"
 #include "proxy/wire.h"
 
+// A conversation lives on behind a receive limit while its server takes pings.
+static std::int32_t pingServer(vesk_request* req, veskProxy* proxy) {
+  return proxy->sendPing(proxy, req);
+}
+
 enum class Opening { answered, sendFailed, noAnswer };
 
 struct OpeningFrame {
@@ -20,6 +25,7 @@ static Opening openConversation(vesk_request* req, veskProxy* proxy, std::int32_
 
 VeskConnection* sendCommand(veskProxy* proxy, vesk_request* req, const char* frame,
                             std::int32_t length, std::int32_t* outCommand) {
+  req->pingServer = pingServer;
   // No counter is needed: each pass that goes on has used up a pooled connection,
   // and a new one ends the loop either way.
   for (;;) {

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "context/vesk_utils.h"
+#include "context/text.h"
 
 // The entries to remove, by their index before any removal. References would not
 // do: the value of an entry that waits here may still be replaced and freed.

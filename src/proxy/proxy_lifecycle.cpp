@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "context/text.h"
 #include "context/vesk_mutex.h"
-#include "context/vesk_utils.h"
 #include "properties/vesk_property.h"
 #include "proxy/proxy_pool.h"
 #include "proxy/proxy_props.h"

@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "context/request_block.h"
-#include "context/vesk_utils.h"
+#include "context/text.h"
 #include "proxy/wire.h"
 
 // Sizes of the items without their texts.

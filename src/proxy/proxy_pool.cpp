@@ -4,11 +4,10 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 
+#include "context/text.h"
 #include "context/vesk_error.h"
 #include "context/vesk_mutex.h"
-#include "context/vesk_utils.h"
 #include "proxy/wire.h"
 
 proxyPool* initPool(vesk_request* req, veskProxy* proxy, const char* host,
@@ -38,7 +37,7 @@ static VeskConnection* takeIdleLocked(veskProxy* proxy) {
 // REQUIRES: `lock`.
 static bool isConnectDeferredLocked(vesk_request* req, veskProxy* proxy) {
   if (req->lastError == 0) return false;
-  const std::int64_t secondsLeft = getProxyRetryTime(proxy) - std::time(nullptr);
+  const std::int64_t secondsLeft = getProxyRetryTime(proxy) - req->now(req);
   if (secondsLeft <= 0) return false;
   req->traceE(req, kTraceState, "%s connect deferred %d secs, error %d", proxy->name,
               clampToInt32(secondsLeft), req->lastError);
@@ -76,7 +75,7 @@ static void noteConnectFailure(vesk_request* req, veskProxy* proxy) {
   if (isVeskServerUnreachable(req, 1)) {
     SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
     // The time is taken now: a connect may have lasted as long as the pause.
-    markUnreachableLocked(req, proxy, std::time(nullptr));
+    markUnreachableLocked(req, proxy, req->now(req));
   }
   req->trace(req, "%s connect failed: %d %s, no sock added to pool", proxy->name,
              req->lastError, describeError(req->lastError));
@@ -142,7 +141,7 @@ static void noteLostConnectionLocked(vesk_request* req, veskProxy* proxy,
 
 void destroyVeskConnection(vesk_request* req, veskProxy* proxy,
                            VeskConnection* connection) {
-  const std::int64_t now = std::time(nullptr);
+  const std::int64_t now = req->now(req);
   {
     SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
     req->trace(req, "%s destroying/closing socket [%d] error %d", proxy->name,

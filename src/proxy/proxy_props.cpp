@@ -5,8 +5,8 @@
 #include <cstring>
 
 #include "context/request_block.h"
+#include "context/text.h"
 #include "context/vesk_error.h"
-#include "context/vesk_utils.h"
 #include "properties/vesk_property.h"
 #include "proxy/conversation.h"
 #include "proxy/proxy_pool.h"

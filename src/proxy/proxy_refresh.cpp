@@ -1,7 +1,5 @@
 #include "proxy/proxy_refresh.h"
 
-#include <ctime>
-
 #include "context/vesk_mutex.h"
 #include "properties/vesk_property.h"
 #include "proxy/mapping_order.h"
@@ -24,7 +22,7 @@ std::int32_t proxy_sendPing(veskProxy* proxy, vesk_request* req) {
 }
 
 std::int32_t proxy_isAlive(veskProxy* proxy, vesk_request* req) {
-  const std::int64_t now = std::time(nullptr);
+  const std::int64_t now = req->now(req);
   // Read without the lock: an old value costs one ping or puts one off.
   const std::int64_t retryTime = getProxyRetryTime(proxy);
   if (retryTime == 0 || retryTime > now) return 0;
@@ -96,7 +94,7 @@ static void noteFailedRefresh(veskProxy* proxy, vesk_request* req, std::int64_t 
 }
 
 std::int32_t proxy_refreshMappings(veskProxy* proxy, vesk_request* req) {
-  const std::int64_t now = std::time(nullptr);
+  const std::int64_t now = req->now(req);
   if (!isRefreshDue(proxy, now)) return 1;
   if (!claimRefresh(proxy, req, now)) return -1;
 

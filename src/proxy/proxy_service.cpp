@@ -6,8 +6,8 @@
 
 #include "context/read_ahead.h"
 #include "context/request_block.h"
+#include "context/text.h"
 #include "context/vesk_error.h"
-#include "context/vesk_utils.h"
 #include "proxy/conversation.h"
 #include "proxy/proxy_error.h"
 #include "proxy/proxy_marshal.h"

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "context/clock.h"
 #include "context/vesk_mutex.h"
 #include "proxy/proxy_lifecycle.h"
 #include "proxy/proxy_pool.h"

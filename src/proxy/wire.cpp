@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "context/request_block.h"
-#include "context/vesk_utils.h"
+#include "context/text.h"
 
 // The ids do not ascend: the order is that of the protocol.
 const VariableName VARIABLE_NAMES[kVariableCount] = {

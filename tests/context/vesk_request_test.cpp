@@ -5,6 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "context/attributes.h"
+#include "context/clock.h"
+#include "context/request_setup.h"
 #include "context/vesk_error.h"
 #include "support/recorded_request.h"
 
@@ -86,6 +89,29 @@ TEST(attributes, exhaustedMemoryLeavesListAndNamesWhole) {
     t.req->freeAttributeNames(t.req);
     t.req->freeAttributes(t.req);
     EXPECT_EQ(t.leaks(), 0) << failing;
+  }
+}
+
+// Long enough for an index, which grows twice; without memory for it nothing changes.
+TEST(attributes, newestOfANameIsFoundInALongListWithAndWithoutItsIndex) {
+  constexpr int kNames = 3 * kMaxWalkedAttributes;
+  std::vector<std::string> names;
+  for (int i = 0; i < kNames; ++i) names.push_back("name" + std::to_string(i));
+  for (const bool indexed : {true, false}) {
+    RecordedRequest t;
+    for (int i = 0; i < 4 * kNames; ++i) {
+      const std::int64_t next = t.allocations + 1;
+      if (!indexed) t.failAllocation = next + 1;  // behind the node's own
+      t.req->setAttribute(t.req, names[i % kNames].c_str(), names[i / kNames].c_str(), i);
+    }
+    EXPECT_EQ(t.req->attributeIndex != nullptr, indexed);
+    int differing = 0;
+    for (int i = 0; i < kNames; ++i)
+      differing += t.req->getAttributeSize(t.req, names[i].c_str()) != 3 * kNames + i;
+    EXPECT_EQ(differing, 0);
+    EXPECT_EQ(t.req->getAttributeSize(t.req, "none"), 0);
+    t.req->freeAttributes(t.req);
+    EXPECT_EQ(t.leaks(), 0);
   }
 }
 

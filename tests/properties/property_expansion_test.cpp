@@ -1,4 +1,5 @@
 #include "properties/property_expansion.h"
+#include "context/memory.h"
 
 #include <gtest/gtest.h>
 

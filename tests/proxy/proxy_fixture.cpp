@@ -3,14 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <ctime>
 
 #include "proxy/proxy_lifecycle.h"
 #include "proxy/proxy_pool.h"
 
 std::int64_t testNow = 1000000;
-extern "C" std::time_t time(std::time_t* out) noexcept {
-  if (out) *out = testNow;
+
+std::int64_t testClock(vesk_request* /*req*/) {
   return testNow;
 }
 
@@ -46,6 +45,7 @@ veskProxy* newServingProxy(vesk_request* req) {
 TestRequest::TestRequest(const Script& script, int idle)
     : backend(Script(static_cast<std::size_t>(idle), expectPing()) + script),
       proxy(newServingProxy(req)) {
+  req->now = testClock;
   backend.attach(req);
   std::vector<VeskConnection*> connections;
   for (int i = 0; i < idle; ++i)

@@ -8,8 +8,9 @@
 #include "support/recorded_request.h"
 #include "support/scripted_backend.h"
 
-// What std::time tells in this program; only a test moves it.
+// What the clock of a request tells; only a test moves it.
 extern std::int64_t testNow;
+std::int64_t testClock(vesk_request* req);
 
 using Script = std::vector<ScriptStep>;
 Script operator+(Script first, const Script& second);

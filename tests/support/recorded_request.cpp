@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "context/request_setup.h"
+
 static RecordedRequest* fixtureOf(vesk_request* req) {
   return static_cast<RecordedRequest*>(req->rq);
 }

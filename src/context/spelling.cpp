@@ -1,21 +1,11 @@
-#include "context/vesk_utils.h"
+#include "context/spelling.h"
 
 #include <cctype>
-#include <climits>
-#include <cstdlib>
 #include <cstring>
 
+#include "context/memory.h"
+
 using CaseFunction = int (*)(int);
-
-std::int64_t textLength(const char* text) {
-  return text ? static_cast<std::int64_t>(std::strlen(text)) : 0;
-}
-
-std::int32_t clampToInt32(std::int64_t number) {
-  if (number > INT_MAX) return INT_MAX;
-  if (number < INT_MIN) return INT_MIN;
-  return static_cast<std::int32_t>(number);
-}
 
 static std::int32_t replaceAll(char* text, char from, char to) {
   if (!text) return 0;
@@ -86,20 +76,10 @@ static void encodeInto(char* out, const char* in) {
 char* EncodePercentage(vesk_request* req) {
   if (!req->uri || !std::strchr(req->uri, '%')) return nullptr;
 
-  const std::int64_t size = encodedLength(req->uri) + 1;
-  if (size > INT_MAX) return nullptr;
-  char* text = static_cast<char*>(req->malloc(req, static_cast<std::int32_t>(size)));
+  char* text = static_cast<char*>(newBlock(req, encodedLength(req->uri) + 1));
   if (!text) return nullptr;
 
   encodeInto(text, req->uri);
   req->uri = text;
   return text;
-}
-
-std::int64_t hexstrtol(const char* text) {
-  constexpr int kHexadecimal = 16;
-  if (!text) return 0;
-  char* end = nullptr;
-  const std::int64_t number = std::strtol(text, &end, kHexadecimal);
-  return *end ? 0 : number;
 }

@@ -1,4 +1,4 @@
-#include "context/platform.h"
+#include "context/sockets.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -11,9 +11,6 @@
 
 #include "context/read_ahead.h"
 #include "context/vesk_error.h"
-// The one look upwards: whether a receive limit is final depends on the server,
-// and only its proxy can tell. The call goes through the proxy's operations.
-#include "proxy/vesk_proxy.h"
 
 // One transfer of bytes, in either direction.
 struct Transfer {
@@ -101,7 +98,7 @@ static void reportConnectFailure(vesk_request* req, std::int32_t sock, const cha
 }
 
 std::int32_t veskConnect(vesk_request* req, const sockaddr_in* address) {
-  const std::int32_t sock = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  const std::int32_t sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
   if (sock < 0) {
     req->lastError = errno;
     req->log(req, "socket() %s", describeError(req->lastError));
@@ -157,11 +154,11 @@ static std::int32_t judgeRecvLimit(vesk_request* req, std::int32_t sock,
     req->traceE(req, kTraceDetail, "veskRecv [%d] shutdown", sock);
     return ETIMEDOUT;
   }
-  if (!proxy) return ETIMEDOUT;
+  if (!proxy || !req->pingServer) return ETIMEDOUT;
   // A signal in the pass before is no failure of this request, and would have the
   // ping go without its connect while the server is in its retry pause.
   req->lastError = 0;
-  if (!proxy->sendPing(proxy, req)) return ETIMEDOUT;
+  if (!req->pingServer(req, proxy)) return ETIMEDOUT;
   req->traceE(req, kTraceDetail,
               "veskRecv [%d] timeout but server reachable so recv again", sock);
   return 0;

@@ -2,10 +2,12 @@
 //
 // Sockets are non-blocking from connect to close, and each wait is a poll with
 // its own limit, taken from the request; a signal starts the wait anew. A receive
-// limit is not final while the server behind `proxy` still takes pings.
+// limit is not final while `pingServer` of the request says that the server is well.
+// No socket outlives an exec: the web server's programs don't inherit it.
 //
 // Threads: any; a socket and a request belong to one thread at a time. Where a
 // `proxy` is given, its `lock` must not be held: a ping takes it.
+// Ownership: a socket is the caller's from veskConnect to veskCloseSocket.
 // Failure: -1 with lastError of the request, and one log or trace line.
 #pragma once
 
@@ -25,8 +27,8 @@ void initializeSocketTimeouts(vesk_request* req, std::int32_t* timeouts);
 
 // Reads until `length` bytes have come or the peer has closed: the count, or -1.
 // Blocks; each wait lasts recvTimeout at most, a signal starts it anew, and it is
-// repeated while `proxy` takes a ping; with a null `proxy` the first limit that
-// passes is final. REQUIRES: `lock` of `proxy` is not held; a ping takes it.
+// repeated while `pingServer` gives 1; without that, or with a null `proxy`, the first
+// limit that passes is final. REQUIRES: `lock` of `proxy` is not held; a ping takes it.
 [[nodiscard]] std::int32_t veskRecv(vesk_request* req, std::int32_t sock, void* buffer,
                                     std::int32_t length, veskProxy* proxy);
 

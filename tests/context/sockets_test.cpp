@@ -1,6 +1,6 @@
 // The socket layer over real loopback sockets, with system calls that a test can
 // make fail, be interrupted or come up empty.
-#include "context/platform.h"
+#include "context/sockets.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -15,7 +15,6 @@
 #include <tuple>
 
 #include "context/read_ahead.h"
-#include "proxy/vesk_proxy.h"
 #include "support/recorded_request.h"
 
 // What a call gives: those of poll have a script, and all others together have one.
@@ -74,9 +73,9 @@ static void listenAt(int listener, sockaddr_in* address) {
   ASSERT_EQ(getsockname(listener, generic, &size), 0);
 }
 
-class Platform : public testing::Test {
+class Sockets : public testing::Test {
  protected:
-  explicit Platform() {
+  explicit Sockets() {
     results.clear();
     polls.clear();
     pollLimits.clear();
@@ -87,7 +86,7 @@ class Platform : public testing::Test {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair), 0);
   }
-  ~Platform() override {
+  ~Sockets() override {
     setShuttingDown(false);
     for (const int sock : pair) (void)close(sock);
   }
@@ -100,7 +99,7 @@ class Platform : public testing::Test {
   char buffer[128] = "";
 };
 
-TEST_F(Platform, connectGivesAReadySocketOrClosesTheRefusedOne) {
+TEST_F(Sockets, connectGivesAReadySocketOrClosesTheRefusedOne) {
   const int listener = socket(AF_INET, SOCK_STREAM, 0);
   listenAt(listener, &address);
   const std::string name = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
@@ -111,6 +110,7 @@ TEST_F(Platform, connectGivesAReadySocketOrClosesTheRefusedOne) {
   EXPECT_EQ(getsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &noDelay, &size), 0);
   EXPECT_NE(noDelay, 0);
   EXPECT_NE(fcntl(sock, F_GETFL) & O_NONBLOCK, 0);
+  EXPECT_NE(fcntl(sock, F_GETFD) & FD_CLOEXEC, 0);
   EXPECT_EQ(t.tracedE(name + " veskConnect [" + std::to_string(sock) + "]"), 1);
   veskCloseSocket(t.req, sock);
   EXPECT_EQ(fcntl(sock, F_GETFL), -1);
@@ -125,7 +125,7 @@ TEST_F(Platform, connectGivesAReadySocketOrClosesTheRefusedOne) {
   EXPECT_EQ(fcntl(listener, F_GETFL), -1);
 }
 
-TEST_F(Platform, connectEndsByWhatPollSaysAndSurvivesInterruptions) {
+TEST_F(Sockets, connectEndsByWhatPollSaysAndSurvivesInterruptions) {
   using Script = std::deque<Outcome>;
   const std::tuple<Script, Script, std::int32_t, const char*> rows[] = {
       {{kInProgress}, {kLimitPassed}, ETIMEDOUT, "the limit has passed"},
@@ -152,7 +152,7 @@ TEST_F(Platform, connectEndsByWhatPollSaysAndSurvivesInterruptions) {
   EXPECT_EQ(pollLimits, std::vector<int>(10, 2000));
 }
 
-TEST_F(Platform, transferThatMovesNothingEndsByWhatPollSays) {
+TEST_F(Sockets, transferThatMovesNothingEndsByWhatPollSays) {
   const std::tuple<bool, Outcome, std::int32_t, const char*> rows[] = {
       {true, kLimitPassed, ETIMEDOUT, "]: 110 110 "},
       {true, kNoMemory, ENOMEM, "]: 12 12 "},
@@ -174,7 +174,7 @@ TEST_F(Platform, transferThatMovesNothingEndsByWhatPollSays) {
   }
 }
 
-TEST_F(Platform, interruptedTransferGoesOnUntilThePeerCloses) {
+TEST_F(Sockets, interruptedTransferGoesOnUntilThePeerCloses) {
   results = {kInterrupted, kWouldBlock};
   polls = {kInterrupted};
   EXPECT_EQ(write(pair[1], "0123456789", 10), 10);
@@ -188,23 +188,26 @@ TEST_F(Platform, interruptedTransferGoesOnUntilThePeerCloses) {
   EXPECT_EQ(t.req->lastError, 0);
 }
 
-// A proxy whose server takes `pingsLeft` pings, each of which spoils lastError, and
+// Only its address is looked at.
+static veskProxy* const kProxy = reinterpret_cast<veskProxy*>(0x1000);
+
+// A server that takes `pingsLeft` pings, each of which spoils lastError, and
 // meanwhile sends two bytes, unless `lateBytesTo` is no socket.
 static int pingsLeft, lateBytesTo;
-static std::int32_t countedPing(veskProxy* /*proxy*/, vesk_request* req) {
+static std::int32_t countedPing(vesk_request* req, veskProxy* proxy) {
+  EXPECT_EQ(proxy, kProxy);
   (void)!write(lateBytesTo, "cd", 2);
   req->lastError = EPIPE;
   return pingsLeft-- > 0 ? 1 : 0;
 }
 
-TEST_F(Platform, recvGoesOnWhileTheServerTakesPings) {
-  veskProxy proxy{};
-  proxy.sendPing = countedPing;
+TEST_F(Sockets, recvGoesOnWhileTheServerTakesPings) {
+  t.req->pingServer = countedPing;
   pingsLeft = 2;
   lateBytesTo = pair[1];
   EXPECT_EQ(write(pair[1], "ab", 2), 2);
   polls = {kLimitPassed};
-  EXPECT_EQ(receive(4, &proxy), 4);
+  EXPECT_EQ(receive(4, kProxy), 4);
   EXPECT_STREQ(buffer, "abcd");
   EXPECT_EQ(t.req->lastError, 0);
   EXPECT_EQ(t.tracedE("timeout but server reachable so recv again"), 1);
@@ -212,27 +215,27 @@ TEST_F(Platform, recvGoesOnWhileTheServerTakesPings) {
   lateBytesTo = -1;
   pingsLeft = 1;
   polls = {kLimitPassed, kLimitPassed};
-  EXPECT_EQ(receive(4, &proxy), -1);
+  EXPECT_EQ(receive(4, kProxy), -1);
   EXPECT_EQ(t.req->lastError, ETIMEDOUT);
   EXPECT_EQ(pingsLeft, -1);
 
   pingsLeft = 1;
   polls = {kLimitPassed};
   setShuttingDown(true);
-  EXPECT_EQ(receive(4, &proxy), -1);
+  EXPECT_EQ(receive(4, kProxy), -1);
   EXPECT_EQ(t.req->lastError, ETIMEDOUT);
   EXPECT_EQ(pingsLeft, 1);
   EXPECT_EQ(t.tracedE("] shutdown"), 1);
 }
 
-TEST_F(Platform, sendToAClosedPeerFailsAndRaisesNoSignal) {
+TEST_F(Sockets, sendToAClosedPeerFailsAndRaisesNoSignal) {
   (void)close(pair[1]);
   pair[1] = dup(0);
   EXPECT_EQ(veskSend(t.req, pair[0], "x", 1), -1);
   EXPECT_EQ(t.req->lastError, EPIPE);
 }
 
-TEST_F(Platform, closeIsSilentWhenNotConnectedAndReportsTheRest) {
+TEST_F(Sockets, closeIsSilentWhenNotConnectedAndReportsTheRest) {
   t.req->lastError = 5;
   veskCloseSocket(t.req, socket(AF_INET, SOCK_STREAM, 0));
   EXPECT_TRUE(t.logLines.empty()) << t.all();
@@ -244,7 +247,7 @@ TEST_F(Platform, closeIsSilentWhenNotConnectedAndReportsTheRest) {
   EXPECT_EQ(t.logged("socket close fail[-1]: 9, 9 Bad file descriptor"), 2);
 }
 
-TEST_F(Platform, whatIsReadAheadWaitsForItsReader) {
+TEST_F(Sockets, whatIsReadAheadWaitsForItsReader) {
   veskReadAhead ahead;
   startReadAhead(t.req, &ahead);
   EXPECT_EQ(write(pair[1], "0123456789", 10), 10);
@@ -274,7 +277,7 @@ TEST_F(Platform, whatIsReadAheadWaitsForItsReader) {
   pair[0] = dup(0);
 }
 
-TEST_F(Platform, longReadGoesStraightToItsBuffer) {
+TEST_F(Sockets, longReadGoesStraightToItsBuffer) {
   veskReadAhead ahead;
   startReadAhead(t.req, &ahead);
   const std::string sent(3 * sizeof ahead.bytes / 2, 'x');
@@ -289,17 +292,16 @@ TEST_F(Platform, longReadGoesStraightToItsBuffer) {
 
 static std::int32_t errorAtPing = -1;
 
-static std::int32_t notePing(veskProxy* /*proxy*/, vesk_request* req) {
+static std::int32_t notePing(vesk_request* req, veskProxy* /*proxy*/) {
   errorAtPing = req->lastError;
   return 0;
 }
 
 // Otherwise a signal could put off the connect that the ping needs.
-TEST_F(Platform, pingBehindASignalStartsWithoutAnError) {
-  veskProxy proxy{};
-  proxy.sendPing = notePing;
+TEST_F(Sockets, pingBehindASignalStartsWithoutAnError) {
+  t.req->pingServer = notePing;
   polls = {kInterrupted, kLimitPassed};
-  EXPECT_EQ(receive(4, &proxy), -1);
+  EXPECT_EQ(receive(4, kProxy), -1);
   EXPECT_EQ(errorAtPing, 0);
   EXPECT_EQ(t.req->lastError, ETIMEDOUT);
 }

@@ -1,10 +1,11 @@
-#include "context/vesk_utils.h"
+#include "context/spelling.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <tuple>
 
+#include "context/text.h"
 #include "support/recorded_request.h"
 
 TEST(spelling, convertsInPlaceAndIntoTheFourForms) {

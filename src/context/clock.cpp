@@ -1,0 +1,15 @@
+#include "context/clock.h"
+
+#include <ctime>
+
+void gtod(timeval* now) {
+  (void)gettimeofday(now, nullptr);
+}
+
+std::int64_t tvToMillis(const timeval* time) {
+  return std::int64_t{time->tv_sec} * 1000 + std::int64_t{time->tv_usec} / 1000;
+}
+
+std::int64_t wallClockSeconds(vesk_request* /*req*/) {
+  return std::time(nullptr);
+}

@@ -1,0 +1,106 @@
+#include "context/memory.h"
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include "context/text.h"
+
+using Allocator = void* (*)(vesk_request*, std::int32_t);
+
+static void* checkedBlock(vesk_request* req, Allocator allocate, std::int64_t size) {
+  if (size > INT_MAX) return nullptr;
+  return allocate(req, static_cast<std::int32_t>(size));
+}
+
+static void* zeroedBlock(vesk_request* req, Allocator allocate, std::int64_t size) {
+  void* block = checkedBlock(req, allocate, size);
+  return block ? std::memset(block, 0, static_cast<std::size_t>(size)) : nullptr;
+}
+
+static char* copyWith(vesk_request* req, Allocator allocate, std::string_view text) {
+  // No text is longer than half of the address space, so the sum can't wrap.
+  const auto size = static_cast<std::int64_t>(text.size()) + 1;
+  auto* copy = static_cast<char*>(checkedBlock(req, allocate, size));
+  if (!copy) return nullptr;
+  if (!text.empty()) std::memcpy(copy, text.data(), text.size());
+  copy[text.size()] = '\0';
+  return copy;
+}
+
+void* newBlock(vesk_request* req, std::int64_t size) {
+  return checkedBlock(req, req->malloc, size);
+}
+
+void* newZeroed(vesk_request* req, std::int64_t size) {
+  return zeroedBlock(req, req->malloc, size);
+}
+
+char* copyText(vesk_request* req, std::string_view text) {
+  return copyWith(req, req->malloc, text);
+}
+
+const char** newTextArray(vesk_request* req, std::int64_t count) {
+  if (count >= INT_MAX) return nullptr;
+  const std::int64_t size = (count + 1) * std::int64_t{sizeof(char*)};
+  return static_cast<const char**>(newZeroed(req, size));
+}
+
+void* newPermBlock(vesk_request* req, std::int64_t size) {
+  return checkedBlock(req, req->permMalloc, size);
+}
+
+void* newPermZeroed(vesk_request* req, std::int64_t size) {
+  return zeroedBlock(req, req->permMalloc, size);
+}
+
+char* copyPermText(vesk_request* req, std::string_view text) {
+  return copyWith(req, req->permMalloc, text);
+}
+
+void freePerm(vesk_request* req, void* block) {
+  if (block) req->permFree(req, block);
+}
+
+void* doMalloc(vesk_request* /*req*/, std::int32_t size) {
+  return std::malloc(size > 0 ? static_cast<std::size_t>(size) : 1);
+}
+
+char* doStrdup(vesk_request* /*req*/, const char* text) {
+  return ::strdup(text ? text : "");
+}
+
+void doFree(vesk_request* /*req*/, void* block) {
+  std::free(block);
+}
+
+void* veskMalloc(vesk_request* req, std::int32_t size) {
+  void* block = doMalloc(req, size);
+  if (!block) req->log(req, "malloc(%d) failed!", size);
+  return block;
+}
+
+// The copies go through the record and not to the heap: whoever has put another
+// allocator there means these texts as well.
+
+char* veskStrdup(vesk_request* req, const char* text) {
+  if (!text) return nullptr;
+  char* copy = copyText(req, text);
+  if (!copy) req->log(req, "strdup(%d) failed!", clampToInt32(textLength(text)));
+  return copy;
+}
+
+char* veskPermStrdup(vesk_request* req, const char* text) {
+  if (!text) return nullptr;
+  char* copy = copyPermText(req, text);
+  if (!copy) req->log(req, "perm_strdup(%d) failed!", clampToInt32(textLength(text)));
+  return copy;
+}
+
+void veskFree(vesk_request* req, void* block) {
+  if (!block) {
+    req->log(req, "free(null) !");
+    return;
+  }
+  std::free(block);
+}

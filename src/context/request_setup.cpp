@@ -1,0 +1,85 @@
+#include "context/request_setup.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "context/attributes.h"
+#include "context/clock.h"
+#include "context/memory.h"
+#include "context/sockets.h"
+
+// Closed on exec: a program that the web server starts must not hold the file.
+static std::FILE* veskFileOpen(vesk_request* /*req*/, const char* path,
+                               const char* mode) {
+  char closing[8];
+  (void)std::snprintf(closing, sizeof closing, "%se", mode);
+  return std::fopen(path, closing);
+}
+
+// A grade of logging that is off is an empty function, so that nobody tests first.
+static void veskFreeHeaderNoop(vesk_request* /*req*/, const char* /*value*/) {}
+static void veskTraceNoop(vesk_request* /*req*/, const char* /*format*/, ...) {}
+static void veskTraceENoop(vesk_request* /*req*/, std::uint64_t /*flags*/,
+                           const char* /*format*/, ...) {}
+static void doTrace(vesk_request* /*req*/, const char* /*format*/, ...) {}
+
+static void installAttributeOperations(vesk_request* req) {
+  req->getAttribute = getAttribute;
+  req->getAttributeSize = getAttributeSize;
+  req->getAttributeNames = getAttributeNames;
+  req->setAttribute = setAttribute;
+  req->freeAttributes = freeAttributes;
+  req->freeAttributeNames = freeAttributeNames;
+}
+
+static void installAllocators(vesk_request* req) {
+  req->malloc = veskMalloc;
+  req->strdup = veskStrdup;
+  req->free = veskFree;
+  req->permMalloc = veskMalloc;
+  req->permFree = veskFree;
+  req->permStrdup = veskPermStrdup;
+}
+
+static void installSocketOperations(vesk_request* req) {
+  req->connect = veskConnect;
+  req->closeSocket = veskCloseSocket;
+  req->send = veskSend;
+  req->recv = veskRecv;
+}
+
+void init_vesk_request(vesk_request* req) {
+  std::memset(req, 0, sizeof *req);
+  timeval now;
+  gtod(&now);
+  req->startTime = tvToMillis(&now);
+
+  req->freeHeader = veskFreeHeaderNoop;
+  installAttributeOperations(req);
+  installAllocators(req);
+  req->fileOpen = veskFileOpen;
+  req->log = veskTraceNoop;
+  req->trace = veskTraceNoop;
+  req->traceE = veskTraceENoop;
+  installSocketOperations(req);
+  req->now = wallClockSeconds;
+
+  req->connectorType = kConnectorNone;
+  std::int32_t timeouts[3];
+  initializeSocketTimeouts(req, timeouts);
+  req->connectTimeout = timeouts[0];
+  req->sendTimeout = timeouts[1];
+  req->recvTimeout = timeouts[2];
+}
+
+void init_allocators(vesk_request* req) {
+  std::memset(req, 0, sizeof *req);
+  req->malloc = doMalloc;
+  req->strdup = doStrdup;
+  req->free = doFree;
+  req->permMalloc = doMalloc;
+  req->permFree = doFree;
+  req->permStrdup = doStrdup;
+  req->log = doTrace;
+  req->trace = doTrace;
+}
