@@ -1,27 +1,29 @@
-// The entry points that a web server calls: nothing else leaves the shared object.
-//
-// A host is C and may be any web server, so nothing is thrown out of these.
+#include "nsapi/extension.h"
 
-#include <nsapi.h>
+#include <atomic>
 
 #include "context/vesk_request.h"
 #include "maptable/vesk_maptable_impl.h"
 #include "nsapi/filter_stage.h"
+#include "nsapi/host_locks.h"
 #include "nsapi/host_log.h"
 #include "nsapi/init_options.h"
-#include "nsapi/interface.h"
+#include "nsapi/nsapi_request.h"
 #include "nsapi/service_stage.h"
-
-#define VESK_ENTRY extern "C" [[gnu::visibility("default")]]
 
 constexpr int kVersionMajor = 4;
 constexpr int kVersionMinor = 0;
 constexpr int kBuildNumber = 108785;
 
-VESK_ENTRY int veskinit(pblock* pb, Session* sn, Request* rq);
-VESK_ENTRY int veskfilter(pblock* pb, Session* sn, Request* rq);
-VESK_ENTRY int veskservice(pblock* pb, Session* sn, Request* rq);
-VESK_ENTRY void veskend(void* data);
+mappingsTable* pMappingsTable = nullptr;
+
+mappingsTable* getMappingsTable() {
+  return std::atomic_ref(pMappingsTable).load(std::memory_order_acquire);
+}
+
+void setMappingsTable(mappingsTable* table) {
+  std::atomic_ref(pMappingsTable).store(table, std::memory_order_release);
+}
 
 static void makeTable(const TableOptions* options) {
   mappingsTable* table = mappingsTableNew(&globalRequest, options->serverStore,
@@ -56,11 +58,11 @@ static int refuseInit(pblock* pb) {
 }
 
 int veskfilter(pblock* pb, Session* sn, Request* rq) {
-  return rq ? runFilterStage(pb, sn, rq) : refuseInit(pb);
+  return rq ? runFilterStage(getMappingsTable(), pb, sn, rq) : refuseInit(pb);
 }
 
 int veskservice(pblock* pb, Session* sn, Request* rq) {
-  return rq ? runServiceStage(pb, sn, rq) : refuseInit(pb);
+  return rq ? runServiceStage(getMappingsTable(), pb, sn, rq) : refuseInit(pb);
 }
 
 void veskend(void* /*data*/) {

@@ -5,7 +5,8 @@
 #include "maptable/vesk_maptable_impl.h"
 #include "nsapi/fix_uri.h"
 #include "nsapi/host_log.h"
-#include "nsapi/interface.h"
+#include "nsapi/host_objects.h"
+#include "nsapi/nsapi_request.h"
 
 static void readPath(vesk_request* req) {
   pblock* vars = requestOf(req)->vars;
@@ -14,10 +15,9 @@ static void readPath(vesk_request* req) {
 }
 
 // The index of the request's mapping, or -1 when it is left to the host.
-static std::int32_t findMapping(vesk_request* req) {
+static std::int32_t findMapping(mappingsTable* table, vesk_request* req) {
   const char* type = pblock_findval("content-type", requestOf(req)->srvhdrs);
   if (isInternalType(type)) return -1;
-  mappingsTable* table = getMappingsTable();
   if (!table) {
     req->trace(req, "veskfilter: internal error, no mapping table");
     return -1;
@@ -48,12 +48,12 @@ static void completeUri(vesk_request* req) {
   req->free(req, fixed);
 }
 
-int runFilterStage(pblock* pb, Session* sn, Request* rq) {
+int runFilterStage(mappingsTable* table, pblock* pb, Session* sn, Request* rq) {
   vesk_request req;
   init_nsapi_request(&req, pb, sn, rq);
   dumpHeaders(&req, "veskfilter: [enter]");
 
-  const std::int32_t index = findMapping(&req);
+  const std::int32_t index = findMapping(table, &req);
   if (index < 0) return REQ_NOACTION;
 
   if (endsInSlash(req.uri)) completeUri(&req);

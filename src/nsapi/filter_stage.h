@@ -4,10 +4,16 @@
 // What it leaves in the host's request: the content type "vesk-internal/target",
 // the mapping's index as `vesk-proxy-target`, and for a folder's URI the URI with
 // the file in it. No memory of the connector's own passes to the next stage.
-// Threads: the host's, any number at once.
+// Ownership: the three host objects and the table are the caller's.
+// Threads: the host's, any number at once. Locks: those of the table's operations.
+// Failure: none; a request about which nothing can be said is the host's.
 #pragma once
 
 #include <nsapi.h>
 
-// Always REQ_NOACTION. Blocks while the table is first filled or refreshed.
-[[nodiscard]] int runFilterStage(pblock* pb, Session* sn, Request* rq);
+struct mappingsTable;
+
+// Always REQ_NOACTION. Without a table the request is the host's. Blocks while the
+// table is first filled or refreshed.
+[[nodiscard]] int runFilterStage(mappingsTable* table, pblock* pb, Session* sn,
+                                 Request* rq);

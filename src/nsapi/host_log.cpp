@@ -6,7 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "nsapi/interface.h"
+#include "nsapi/host_objects.h"
 
 constexpr int kLogTextSize = 1021;  // bytes of a line, with the NUL
 

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "nsapi/interface.h"
+#include "nsapi/host_objects.h"
 
 // Reads from the client: the bytes that are then at hand, or -1.
 static std::int32_t readMore(vesk_request* req, netbuf* input, std::int32_t length) {

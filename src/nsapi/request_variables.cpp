@@ -9,7 +9,7 @@
 #include "context/request_block.h"
 #include "context/spelling.h"
 #include "nsapi/host_memory.h"
-#include "nsapi/interface.h"
+#include "nsapi/host_objects.h"
 
 // The host's functions take texts that they don't change without `const`.
 static char* hostText(const char* text) {

@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "nsapi/interface.h"
+#include "nsapi/host_objects.h"
 
 constexpr std::int32_t kFound = 302;
 constexpr std::int32_t kServiceUnavailable = 503;

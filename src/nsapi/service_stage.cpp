@@ -7,7 +7,8 @@
 #include "context/text.h"
 #include "maptable/vesk_maptable_impl.h"
 #include "nsapi/host_log.h"
-#include "nsapi/interface.h"
+#include "nsapi/host_objects.h"
+#include "nsapi/nsapi_request.h"
 #include "nsapi/ssl_attributes.h"
 
 constexpr std::int32_t kBadRequest = 400;
@@ -133,7 +134,7 @@ static int forwardAndRelease(vesk_request* req, mappingsTable* table) {
   return result;
 }
 
-int runServiceStage(pblock* pb, Session* sn, Request* rq) {
+int runServiceStage(mappingsTable* table, pblock* pb, Session* sn, Request* rq) {
   vesk_request req;
   init_nsapi_request(&req, pb, sn, rq);
   dumpHeaders(&req, "veskservice: [enter]");
@@ -148,7 +149,6 @@ int runServiceStage(pblock* pb, Session* sn, Request* rq) {
   dropParameter("content-type", rq->srvhdrs);
 
   if (checkUri(&req) != REQ_PROCEED) return REQ_ABORTED;
-  mappingsTable* table = getMappingsTable();
   if (!table) {
     const int result =
         refuse(&req, kServiceUnavailable, "Internal error, no Vesk mapping table.");

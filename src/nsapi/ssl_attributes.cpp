@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "nsapi/interface.h"
+#include "nsapi/host_objects.h"
 
 // Bytes that a certificate's frame takes, with the NUL.
 constexpr std::int64_t kCertificateFrameSize = 57;

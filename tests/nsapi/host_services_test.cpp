@@ -5,7 +5,7 @@
 
 #include "nsapi/host_log.h"
 #include "nsapi/host_memory.h"
-#include "nsapi/interface.h"
+#include "nsapi/nsapi_request.h"
 #include "support/memory_host.h"
 
 class HostServices : public testing::Test {

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "nsapi/fix_uri.h"
-#include "nsapi/interface.h"
+#include "nsapi/nsapi_request.h"
 #include "support/memory_host.h"
 
 class RequestTest : public testing::Test {

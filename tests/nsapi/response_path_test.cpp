@@ -4,7 +4,7 @@
 
 #include <cerrno>
 
-#include "nsapi/interface.h"
+#include "nsapi/nsapi_request.h"
 #include "support/memory_host.h"
 
 class ResponsePath : public testing::Test {

@@ -7,16 +7,10 @@
 #include <tuple>
 
 #include "maptable/vesk_maptable_impl.h"
-#include "nsapi/host_log.h"
-#include "nsapi/interface.h"
+#include "nsapi/extension.h"
+#include "nsapi/host_objects.h"
 #include "nsapi/response_path.h"
 #include "support/memory_host.h"
-
-extern "C" {
-int veskinit(pblock* pb, Session* sn, Request* rq);
-int veskfilter(pblock* pb, Session* sn, Request* rq);
-int veskservice(pblock* pb, Session* sn, Request* rq);
-}
 
 // What the table plays, and what it was asked.
 static struct {

@@ -1,47 +1,16 @@
-#include "nsapi/interface.h"
+#include "nsapi/nsapi_request.h"
 
 #include <arpa/inet.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 
 #include "context/request_setup.h"
-#include "context/vesk_mutex.h"
 #include "nsapi/host_log.h"
 #include "nsapi/host_memory.h"
 #include "nsapi/request_body.h"
 #include "nsapi/request_variables.h"
 #include "nsapi/response_path.h"
-
-mappingsTable* pMappingsTable = nullptr;
-
-mappingsTable* getMappingsTable() {
-  return std::atomic_ref(pMappingsTable).load(std::memory_order_acquire);
-}
-
-void setMappingsTable(mappingsTable* table) {
-  std::atomic_ref(pMappingsTable).store(table, std::memory_order_release);
-}
-
-static void* hostLockInit() {
-  return crit_init();
-}
-
-static void hostLockEnter(void* lock) {
-  crit_enter(static_cast<CRITICAL>(lock));
-}
-
-static void hostLockExit(void* lock) {
-  crit_exit(static_cast<CRITICAL>(lock));
-}
-
-static constexpr LockOperations kHostLocks = {
-    .init = hostLockInit, .enter = hostLockEnter, .exit = hostLockExit};
-
-void installHostLocks() {
-  installLockOperations(&kHostLocks);
-}
 
 // The client's TCP port; 0 when the host can't tell.
 static int clientPort(Session* sn) {
@@ -53,6 +22,8 @@ static int clientPort(Session* sn) {
   return ntohs(address.sin_port);
 }
 
+// The prefix ties the lines of one request together, also over its two stages: each
+// builds its own record, but the client's port is the same.
 static void setLogPrefix(vesk_request* req, Session* sn) {
   if (sn)
     (void)std::snprintf(req->logPrefix, sizeof req->logPrefix, "veskNSAPI[%d] ",
@@ -70,6 +41,8 @@ static void installHostOperations(vesk_request* req) {
   req->writeClient = writeClient;
 }
 
+// The three request operations change together: a block from one family must not go
+// back through the other.
 static void installHostAllocators(vesk_request* req) {
   const bool pool = veskUseApiAlloc != 0;
   req->malloc = pool ? nsapi_malloc : nsapi_perm_malloc;
@@ -80,7 +53,8 @@ static void installHostAllocators(vesk_request* req) {
   req->permStrdup = nsapi_perm_strdup;
 }
 
-// A grade that is off keeps the empty function.
+// A grade that is off keeps the empty function, so that a line which nobody reads
+// costs one call and is never formatted.
 static void installHostLog(vesk_request* req) {
   req->log = WriteToLog;
   if (veskNSAPIVerbose) req->trace = WriteToLog;
@@ -99,16 +73,9 @@ void init_nsapi_request(vesk_request* req, pblock* pb, Session* sn, Request* rq)
   installHostAllocators(req);
   installHostLog(req);
   if (rq) req->uri = pblock_findval("uri", rq->reqpb);
+  // The defaults of the record are not the host's: soTimeouts are what the Init line
+  // says, and zeroes while that is still being read.
   req->connectTimeout = soTimeouts[0];
   req->sendTimeout = soTimeouts[1];
   req->recvTimeout = soTimeouts[2];
-}
-
-bool isInternalType(const char* type) {
-  constexpr char kPrefix[] = "vesk-internal/";
-  return type && std::strncmp(type, kPrefix, sizeof kPrefix - 1) == 0;
-}
-
-void dropParameter(const char* name, pblock* block) {
-  (void)param_free(pblock_remove(name, block));
 }
