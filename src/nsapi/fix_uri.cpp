@@ -1,8 +1,10 @@
 #include "nsapi/fix_uri.h"
 
-#include <climits>
 #include <cstdio>
 #include <cstring>
+
+#include "context/memory.h"
+#include "context/text.h"
 
 static bool beginsWith(const char* text, const char* beginning) {
   return std::strncmp(text, beginning, std::strlen(beginning)) == 0;
@@ -29,19 +31,15 @@ static const char* fileInFolder(const char* uri, const char* path, const char* b
   return *rest == '/' ? rest + 1 : rest;
 }
 
-static const char* shown(const char* text) {
-  return text ? text : "null";
-}
-
 char* fix_uri(vesk_request* req, const char* uri, const char* path, const char* base) {
-  req->trace(req, "   base  %s", shown(base));
-  req->trace(req, "   uri   %s", shown(uri));
-  req->trace(req, "   path  %s", shown(path));
+  req->trace(req, "   base  %s", orElse(base, "null"));
+  req->trace(req, "   uri   %s", orElse(uri, "null"));
+  req->trace(req, "   path  %s", orElse(path, "null"));
 
   const char* rest = fileInFolder(uri, path, base);
-  const std::size_t size = std::strlen(uri) + std::strlen(rest) + 1;
-  if (size > INT_MAX) return nullptr;
-  auto* fixed = static_cast<char*>(req->malloc(req, static_cast<std::int32_t>(size)));
-  if (fixed) (void)std::snprintf(fixed, size, "%s%s", uri, rest);
+  const std::int64_t size = textLength(uri) + textLength(rest) + 1;
+  auto* fixed = static_cast<char*>(newBlock(req, size));
+  if (fixed)
+    (void)std::snprintf(fixed, static_cast<std::size_t>(size), "%s%s", uri, rest);
   return fixed;
 }

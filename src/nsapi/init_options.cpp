@@ -37,10 +37,6 @@ static const char* spelled(bool on) {
   return on ? "true" : "false";
 }
 
-static const char* shown(const char* value) {
-  return value ? value : "<null>";
-}
-
 // A number from -`most` to `most`; text without digits is 0. A negative time-out
 // means that the wait has no limit.
 static std::int32_t parseNumber(const char* option, const char* value,
@@ -85,9 +81,9 @@ void readServiceOptions(pblock* pb, TableOptions* options) {
   req->trace(req, "ignoresuffixmap %s", spelled(ignore));
   readAllocOption(pb);
   options->serverStore = pblock_findval("serverstore", pb);
-  req->trace(req, "serverstore %.511s", shown(options->serverStore));
+  req->trace(req, "serverstore %.511s", orElse(options->serverStore, "<null>"));
   options->bootstrap = pblock_findval("bootstrap", pb);
-  req->trace(req, "bootstrap %.511s", shown(options->bootstrap));
+  req->trace(req, "bootstrap %.511s", orElse(options->bootstrap, "<null>"));
   options->retryInterval = readRetryInterval(pb);
 
   initializeSocketTimeouts(req, soTimeouts);
@@ -99,5 +95,5 @@ void readServiceOptions(pblock* pb, TableOptions* options) {
 void readErrorUrl(pblock* pb) {
   vesk_request* req = &globalRequest;
   errorUrl = pblock_findval("errorurl", pb);
-  req->trace(req, "errorurl %s", shown(errorUrl));
+  req->trace(req, "errorurl %s", orElse(errorUrl, "<null>"));
 }

@@ -2,12 +2,13 @@
 
 #include <nsapi.h>
 
-#include <climits>
 #include <cstdio>
 #include <cstring>
 
+#include "context/memory.h"
 #include "context/request_block.h"
 #include "context/spelling.h"
+#include "context/text.h"
 #include "nsapi/host_memory.h"
 #include "nsapi/host_objects.h"
 
@@ -194,9 +195,7 @@ const char* getHeader(vesk_request* req, const char* name) {
     req->trace(req, "   %.100s: %.200s", name, sent);
     return sent;
   }
-  const std::size_t size = std::strlen(name) + 1;
-  if (size > INT_MAX) return nullptr;
-  const RequestBlock work{req, req->malloc(req, static_cast<std::int32_t>(size))};
+  const RequestBlock work{req, newBlock(req, textLength(name) + 1)};
   return work.bytes ? resolve(req, name, work.bytes) : nullptr;
 }
 

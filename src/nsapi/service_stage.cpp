@@ -1,9 +1,9 @@
 #include "nsapi/service_stage.h"
 
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 
+#include "context/memory.h"
 #include "context/text.h"
 #include "maptable/vesk_maptable_impl.h"
 #include "nsapi/host_log.h"
@@ -55,14 +55,6 @@ static std::int64_t walkHeaders(const pblock* headers, const char** names,
     count += walkBucket(headers->ht[bucket], names ? names + count : nullptr,
                         names ? values + count : nullptr);
   return count;
-}
-
-static const char** newTextArray(vesk_request* req, std::int64_t count) {
-  const std::int64_t size = (count + 1) * std::int64_t{sizeof(char*)};
-  if (size > INT_MAX) return nullptr;
-  void* block = req->malloc(req, static_cast<std::int32_t>(size));
-  if (!block) return nullptr;
-  return static_cast<const char**>(std::memset(block, 0, static_cast<std::size_t>(size)));
 }
 
 // The texts stay the host's. 0, or -1 when memory runs out.

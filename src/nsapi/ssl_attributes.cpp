@@ -2,10 +2,11 @@
 
 #include <nsapi.h>
 
-#include <climits>
 #include <cstdio>
-#include <cstring>
 
+#include "context/memory.h"
+#include "context/request_block.h"
+#include "context/text.h"
 #include "nsapi/host_objects.h"
 
 // Bytes that a certificate's frame takes, with the NUL.
@@ -14,7 +15,7 @@ constexpr std::int64_t kCertificateFrameSize = 57;
 // `size` leaves out the NUL.
 static std::int32_t addText(vesk_request* req, const char* name, const char* text) {
   const veskAttribute* before = req->attributes;
-  req->setAttribute(req, name, text, static_cast<std::int32_t>(std::strlen(text)));
+  req->setAttribute(req, name, text, static_cast<std::int32_t>(textLength(text)));
   return req->attributes == before ? -1 : 0;
 }
 
@@ -32,19 +33,13 @@ static std::int32_t addKeySize(vesk_request* req) {
 // The certificate in the frame that readers expect, kept with the request; null
 // when memory runs out.
 static const char* framedCertificate(vesk_request* req, const char* certificate) {
-  const std::int64_t size =
-      static_cast<std::int64_t>(std::strlen(certificate)) + kCertificateFrameSize;
-  if (size > INT_MAX) return nullptr;
-  auto* text = static_cast<char*>(req->malloc(req, static_cast<std::int32_t>(size)));
-  if (!text) return nullptr;
-  if (keepBlock(req, text) < 0) {
-    req->free(req, text);
-    return nullptr;
-  }
-  (void)std::snprintf(text, static_cast<std::size_t>(size),
+  const std::int64_t size = textLength(certificate) + kCertificateFrameSize;
+  RequestBlock text{req, newBlock(req, size)};
+  if (!text.bytes || keepBlock(req, text.bytes) < 0) return nullptr;
+  (void)std::snprintf(text.bytes, static_cast<std::size_t>(size),
                       "-----BEGIN CERTIFICATE-----\n%s\n-----END CERTIFICATE-----\n\n",
                       certificate);
-  return text;
+  return text.handOn();
 }
 
 static std::int32_t addCertificate(vesk_request* req) {
