@@ -99,8 +99,3 @@ Require all granted
     def stop(self):
         super().stop()
         assert not self.said("Sanitizer") and not self.said("runtime error:"), self.messages()[-40:]
-
-    def children(self):
-        """The processes that serve."""
-        tasks = pathlib.Path(f"/proc/{self.process.pid}/task/{self.process.pid}/children")
-        return [int(pid) for pid in tasks.read_text().split()]

@@ -51,6 +51,11 @@ class Program:
     def running(self):
         return self.process is not None and self.process.poll() is None
 
+    def children(self):
+        """The processes that it has started: of httpd, those that serve."""
+        tasks = pathlib.Path(f"/proc/{self.process.pid}/task/{self.process.pid}/children")
+        return [int(pid) for pid in tasks.read_text().split()]
+
     def signal(self, number):
         self.process.send_signal(number)
 
