@@ -72,10 +72,10 @@ static char* joined(Expansion* expansion, const char* head, const char* value,
     value = "";
     length = outer;
   }
-  char* text =
-      length < INT_MAX
-          ? static_cast<char*>(doMalloc(nullptr, static_cast<std::int32_t>(length + 1)))
-          : nullptr;
+  // Expansion runs outside any request: the heap's own allocator, and its int.
+  char* text = nullptr;
+  if (length < INT_MAX)
+    text = static_cast<char*>(doMalloc(nullptr, static_cast<std::int32_t>(length + 1)));
   if (!text) {
     expansion->outOfMemory = true;
     return nullptr;

@@ -5,14 +5,15 @@
 #include <cstdio>
 #include <cstring>
 
+#include "context/memory.h"
 #include "context/request_block.h"
 #include "context/request_setup.h"
 #include "properties/vesk_property.h"
 
 constexpr char kEndOfText = 0x1A;
 
-// What one line of property text was.
-enum class Line { skipped, pair, last };
+// What one line of property text was; `lost` when there is no memory for its pair.
+enum class Line { skipped, pair, last, lost };
 
 // A run of bytes in the text.
 struct Extent {
@@ -81,23 +82,13 @@ static Line scanLine(Parser* parser) {
   }
 }
 
-// A permanent block for `length` bytes and a NUL, or null.
-static char* newText(vesk_request* req, std::int64_t length) {
-  if (length >= INT_MAX) return nullptr;
-  return static_cast<char*>(req->permMalloc(req, static_cast<std::int32_t>(length + 1)));
-}
-
 static char* copyKey(vesk_request* req, const Extent* key) {
-  char* copy = newText(req, key->length);
-  if (!copy) return nullptr;
-  std::memcpy(copy, key->start, static_cast<std::size_t>(key->length));
-  copy[key->length] = '\0';
-  return copy;
+  return copyPermText(req, {key->start, static_cast<std::size_t>(key->length)});
 }
 
 // A backslash or carriage return goes, and protects the byte behind it.
 static char* copyValue(vesk_request* req, const Extent* value) {
-  char* copy = newText(req, value->length);
+  auto* copy = static_cast<char*>(newPermBlock(req, value->length + 1));
   if (!copy) return nullptr;
   char* out = copy;
   const char* end = value->start + value->length;
@@ -109,46 +100,42 @@ static char* copyValue(vesk_request* req, const Extent* value) {
   return copy;
 }
 
-// Adds the pair in hand. False when memory runs out: the parse ends then.
-static bool addParsedPair(Parser* parser) {
+// Adds the pair in hand.
+static Line addParsedPair(Parser* parser) {
   vesk_request* req = parser->req;
   char* key = copyKey(req, &parser->key);
-  if (!key) return false;
+  if (!key) return Line::lost;
   char* value = copyValue(req, &parser->value);
   if (!value) {
     req->permFree(req, key);
-    return false;
+    return Line::lost;
   }
   req->trace(req, "  %.100s = %.200s", key, value);
   if (addProperty1(req, parser->table, key, value) < 0) {
     req->permFree(req, key);
     req->permFree(req, value);
   }
-  return true;
+  return Line::pair;
 }
 
-// Takes one line; false after the last.
-static bool parseLine(Parser* parser) {
-  switch (scanLine(parser)) {
-    case Line::skipped:
-      return true;
-    case Line::pair:
-      return addParsedPair(parser);
-    case Line::last:
-      break;
-  }
-  return false;
+// Takes one line.
+static Line parseLine(Parser* parser) {
+  const Line line = scanLine(parser);
+  return line == Line::pair ? addParsedPair(parser) : line;
 }
 
 propertyTable* parseProperties(vesk_request* req, const char* text) {
-  auto* table = static_cast<propertyTable*>(req->permMalloc(req, sizeof(propertyTable)));
+  // Not zeroed: what lies behind the pairs is never read, and it is 128 KiB.
+  auto* table = static_cast<propertyTable*>(newPermBlock(req, sizeof(propertyTable)));
   if (!table) return nullptr;
   table->count = 0;
   Parser parser = {
       .req = req, .table = table, .at = text, .key = {nullptr, 0}, .value = {nullptr, 0}};
-  while (parseLine(&parser)) {
-  }
-  return table;
+  Line line = Line::skipped;
+  while (line == Line::skipped || line == Line::pair) line = parseLine(&parser);
+  if (line != Line::lost) return table;
+  freeProperties(req, table);
+  return nullptr;
 }
 
 // Bytes of an open file; 0 when it can't be told; -1 for what holds no text.
@@ -175,7 +162,7 @@ static propertyTable* loadFromFile(vesk_request* req, std::FILE* file, const cha
     req->log(req, "could not read data in %s", path);
     return nullptr;
   }
-  const RequestBlock text{req, req->malloc(req, static_cast<std::int32_t>(size + 1))};
+  const RequestBlock text{req, newBlock(req, size + 1)};
   if (!text.bytes) return nullptr;
   if (!readWhole(file, text.bytes, size)) {
     req->log(req, "could not read data in %s", path);
@@ -186,7 +173,7 @@ static propertyTable* loadFromFile(vesk_request* req, std::FILE* file, const cha
 
 propertyTable* loadProperties(vesk_request* req, const char* path) {
   req->trace(req, "loadProperties(%s)", path);
-  std::FILE* file = std::fopen(path, "rt");
+  std::FILE* file = std::fopen(path, "re");
   if (!file) {
     char reason[256];
     req->log(req, "could not open %s: %s", path,

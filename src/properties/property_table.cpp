@@ -1,5 +1,6 @@
 #include <cstring>
 
+#include "context/memory.h"
 #include "context/request_setup.h"
 #include "properties/vesk_property.h"
 
@@ -13,10 +14,6 @@ static std::int32_t findProperty(const propertyTable* table, const char* key) {
 const char* getPropertyValue(const propertyTable* table, const char* key) {
   const std::int32_t index = table ? findProperty(table, key) : -1;
   return index < 0 ? nullptr : table->entries[index].value;
-}
-
-static void freeText(vesk_request* req, char* text) {
-  if (text) req->permFree(req, text);
 }
 
 static bool isFull(vesk_request* req, const propertyTable* table, const char* key,
@@ -33,7 +30,7 @@ static std::int32_t replaceValue(vesk_request* req, propertyTable* table,
   if (std::strcmp(pair->value, value) == 0) return index;
   char* copy = req->permStrdup(req, value);
   if (!copy) return -1;
-  freeText(req, pair->value);
+  freePerm(req, pair->value);
   pair->value = copy;
   return index;
 }
@@ -44,7 +41,7 @@ static std::int32_t addCopies(vesk_request* req, propertyTable* table, const cha
   if (!keyCopy) return -1;
   char* valueCopy = req->permStrdup(req, value);
   if (!valueCopy) {
-    freeText(req, keyCopy);
+    freePerm(req, keyCopy);
     return -1;
   }
   return addProperty(table, keyCopy, valueCopy);
@@ -79,8 +76,8 @@ std::int32_t removePropertyByIndex(vesk_request* req, propertyTable* table,
                                    std::int32_t index) {
   if (table->count == 0) return 0;
   property* pair = &table->entries[index];
-  freeText(req, pair->key);
-  freeText(req, pair->value);
+  freePerm(req, pair->key);
+  freePerm(req, pair->value);
 
   const std::int32_t later = table->count - index - 1;
   std::memmove(pair, pair + 1, static_cast<std::size_t>(later) * sizeof(property));
@@ -97,8 +94,8 @@ std::int32_t removeProperty(vesk_request* req, propertyTable* table, const char*
 void freeProperties(vesk_request* req, propertyTable* table) {
   if (!table) return;
   for (std::int32_t index = 0; index < table->count; ++index) {
-    freeText(req, table->entries[index].key);
-    freeText(req, table->entries[index].value);
+    freePerm(req, table->entries[index].key);
+    freePerm(req, table->entries[index].value);
   }
   req->permFree(req, table);
 }

@@ -28,14 +28,14 @@ struct propertyTable {
 static_assert(std::is_trivial_v<propertyTable> &&
               std::is_standard_layout_v<propertyTable>);
 
-// The table of a text, empty for an empty one; null when it can't be allocated.
-// When memory for a pair runs out, what was parsed so far comes back.
+// The table of a text, empty for an empty one; null when memory runs out, also for a
+// single pair: half a set would look like a whole one to whoever acts on it. A pair
+// that finds the table full is left out, with a log line.
 [[nodiscard]] propertyTable* parseProperties(vesk_request* req, const char* text);
 
 // The table of a file; null, with a log line, when it can't be opened or read,
-// and silently when it is empty. Without memory for the text or the table null,
-// too, and for a pair as parseProperties; only the allocators log that. Blocks on
-// the file.
+// and silently when it is empty. Null, too, without memory, of which only the
+// allocators tell. Blocks on the file.
 [[nodiscard]] propertyTable* loadProperties(vesk_request* req, const char* path);
 
 void freeProperties(vesk_request* req, propertyTable* table);  // null is accepted
