@@ -9,6 +9,7 @@
 #include "context/request_setup.h"
 #include "properties/vesk_property.h"
 #include "proxy/mapping_order.h"
+#include "proxy/proxy_lifecycle.h"
 #include "proxy/proxy_marshal.h"
 #include "proxy/wire.h"
 

@@ -8,6 +8,7 @@
 #include "maptable/membership.h"
 #include "maptable/selection.h"
 #include "maptable/vesk_maptable_impl.h"
+#include "proxy/proxy_lifecycle.h"
 
 static const char* noHeader(vesk_request* /*req*/, const char* /*name*/) {
   return nullptr;

@@ -8,7 +8,7 @@
 #include "context/request_setup.h"
 #include "properties/vesk_property.h"
 #include "proxy/mapping_order.h"
-#include "proxy/vesk_proxy.h"
+#include "proxy/proxy_lifecycle.h"
 
 // A length from the wire may ask for gigabytes; the heap of a fuzzer may not.
 constexpr std::int32_t kMaxBlock = 1 << 16;

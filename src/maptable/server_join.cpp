@@ -1,6 +1,7 @@
 #include "maptable/server_join.h"
 
 #include "maptable/membership.h"
+#include "proxy/proxy_lifecycle.h"
 
 ServerJoin joinServer(mappingsTable* table, vesk_request* req, const char* server) {
   if (!hasRoomForServer(table)) return ServerJoin::full;

@@ -4,6 +4,7 @@
 #include "maptable/membership.h"
 #include "maptable/server_join.h"
 #include "maptable/server_store.h"
+#include "proxy/proxy_lifecycle.h"
 
 // REQUIRES: tableMutex, or initMutex while the table is first filled.
 static std::int32_t joinServers(mappingsTable* table, vesk_request* req,

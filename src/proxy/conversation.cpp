@@ -9,65 +9,137 @@ static std::int32_t pingServer(vesk_request* req, veskProxy* proxy) {
   return proxy->sendPing(proxy, req);
 }
 
-enum class Opening { answered, sendFailed, noAnswer };
+ConversationScope::ConversationScope(vesk_request* owner) : req(owner) {
+  startReadAhead(req, &ahead);
+  req->pingServer = pingServer;
+}
 
-struct OpeningFrame {
-  const char* bytes;
+// The buffer goes with the scope: nothing may find it in the record any more.
+ConversationScope::~ConversationScope() {
+  req->readAhead = nullptr;
+  req->pingServer = nullptr;
+}
+
+// One try to open a conversation on a connection.
+struct Opening {
+  const char* frame;
   std::int32_t length;
+  std::int32_t* outCommand;
+  bool sent;  // the frame went out, so that what failed was the answer
 };
 
-static Opening openConversation(vesk_request* req, veskProxy* proxy, std::int32_t sock,
-                                const OpeningFrame& frame, std::int32_t* outCommand) {
-  if (sendBytes(req, frame.bytes, frame.length, sock) < 0) return Opening::sendFailed;
-  if (readWord(req, sock, proxy, outCommand) < 0) return Opening::noAnswer;
-  return Opening::answered;
+static bool tryOpening(vesk_request* req, veskProxy* proxy, std::int32_t sock,
+                       void* context) {
+  auto* opening = static_cast<Opening*>(context);
+  opening->sent = sendBytes(req, opening->frame, opening->length, sock) >= 0;
+  return opening->sent && readWord(req, sock, proxy, opening->outCommand) == 0;
+}
+
+// A pooled connection may have gone stale while it lay idle, which is nobody's
+// failure: only what happens on a new one is worth a log line.
+static void reportFailedOpening(vesk_request* req, veskProxy* proxy, std::int32_t sock,
+                                bool pooled, const void* context) {
+  const bool sent = static_cast<const Opening*>(context)->sent;
+  if (pooled && !sent)
+    req->traceE(req, kTraceState, "%s send was pooled, trying again", proxy->name);
+  if (!pooled && sent)
+    req->log(req, "Vesk closed connection. [%d] dropped while sending command", sock);
 }
 
 VeskConnection* sendCommand(veskProxy* proxy, vesk_request* req, const char* frame,
                             std::int32_t length, std::int32_t* outCommand) {
-  req->pingServer = pingServer;
-  // No counter is needed: each pass that goes on has used up a pooled connection,
-  // and a new one ends the loop either way.
-  for (;;) {
-    VeskConnection* connection = getVeskConnectionFromPool(proxy, req);
-    if (!connection) return nullptr;
-    const bool pooled = connection->next != nullptr;
-    const std::int32_t sock = connection->socket;
-
-    const Opening outcome =
-        openConversation(req, proxy, sock, {frame, length}, outCommand);
-    if (outcome == Opening::answered) return connection;
-    destroyVeskConnection(req, proxy, connection);
-
-    if (pooled && outcome == Opening::sendFailed)
-      req->traceE(req, kTraceState, "%s send was pooled, trying again", proxy->name);
-    if (!pooled && outcome == Opening::noAnswer)
-      req->log(req, "Vesk closed connection. [%d] dropped while sending command", sock);
-    if (!pooled) return nullptr;
-  }
+  Opening opening{frame, length, outCommand, false};
+  return takeConnection(proxy, req, {tryOpening, reportFailedOpening, &opening});
 }
 
-std::int32_t readCommand(vesk_request* req, veskProxy* proxy, std::int32_t sock,
-                         std::int32_t* outCommand) {
-  if (readWord(req, sock, proxy, outCommand) == 0) return 0;
-  req->log(req, "command error: %s <- [%d]", describeError(req->lastError), sock);
+std::int32_t openConversation(Conversation* talk, const char* frame,
+                              std::int32_t length) {
+  talk->connection = sendCommand(talk->proxy, talk->req, frame, length, &talk->command);
+  if (!talk->connection) return -1;
+  talk->sock = talk->connection->socket;
+  return 0;
+}
+
+char* readOperand(const Conversation* talk, std::int32_t* outLength) {
+  return readData(talk->sock, talk->req, outLength, talk->proxy);
+}
+
+std::int32_t readNumber(const Conversation* talk, std::int32_t* out) {
+  return readWord(talk->req, talk->sock, talk->proxy, out);
+}
+
+Next onPutClusterSeq(Conversation* talk) {
+  vesk_request* req = talk->req;
+  std::int32_t number = 0;
+  if (readNumber(talk, &number) < 0) {
+    req->trace(req, "PROXY_PUT_CLUSTER_SEQ <- [%d]", talk->sock);
+    req->log(req, "Failed to read cluster update from %s", talk->proxy->name);
+    return Next::abort;
+  }
+  req->traceE(req, talk->kind->sequenceTraceFlag, "PROXY_PUT_CLUSTER_SEQ <- [%d] seq %d",
+              talk->sock, number);
+  if (talk->sequence) *talk->sequence = number;
+  return Next::readCommand;
+}
+
+static const CommandRow* findRow(const ConversationKind* kind, std::int32_t command) {
+  for (std::size_t i = 0; i < kind->count; ++i)
+    if (kind->rows[i].command == command) return &kind->rows[i];
+  return nullptr;
+}
+
+static Next perform(Conversation* talk) {
+  const CommandRow* row = findRow(talk->kind, talk->command);
+  if (!row) {
+    talk->kind->refuse(talk);
+    return Next::abort;
+  }
+  if (row->name) talk->req->trace(talk->req, "%s <- [%d]", row->name, talk->sock);
+  return row->handle(talk);
+}
+
+static std::int32_t readCommand(Conversation* talk) {
+  if (readNumber(talk, &talk->command) == 0) return 0;
+  talk->req->log(talk->req, "command error: %s <- [%d]",
+                 describeError(talk->req->lastError), talk->sock);
   return -1;
 }
 
-bool endsConversation(std::int32_t command) {
+// PROXY_FINISH ends a conversation well; a word of 0 or below ends it too, and says
+// nothing more.
+static bool isEnd(std::int32_t command) {
   return command <= 0 || command == PROXY_FINISH;
 }
 
-Next readClusterSequence(vesk_request* req, veskProxy* proxy,
-                         const ClusterSequence& sequence) {
-  std::int32_t number = 0;
-  if (readWord(req, sequence.sock, proxy, &number) < 0) {
-    req->trace(req, "PROXY_PUT_CLUSTER_SEQ <- [%d]", sequence.sock);
-    req->log(req, "Failed to read cluster update from %s", proxy->name);
-    return Next::abort;
+// True when the server has finished: only then its answer counts as whole.
+static bool serveCommands(Conversation* talk) {
+  while (!isEnd(talk->command)) {
+    if (perform(talk) == Next::abort) return false;
+    if (readCommand(talk) < 0) return false;
   }
-  req->traceE(req, sequence.traceFlag, "PROXY_PUT_CLUSTER_SEQ <- [%d] seq %d",
-              sequence.sock, number);
-  if (sequence.out) *sequence.out = number;
-  return Next::readCommand;
+  return talk->command == PROXY_FINISH;
+}
+
+// Gives the connection back, unless the server has said more than the end: whoever
+// came next would take that for its own answer.
+static void giveBack(Conversation* talk) {
+  vesk_request* req = talk->req;
+  const std::int32_t surplus = countReadAhead(req);
+  if (surplus == 0) return returnVeskConnectionToPool(req, talk->proxy, talk->connection);
+  req->log(req, "%s sent %d bytes behind PROXY_FINISH <- [%d]", talk->proxy->name,
+           surplus, talk->sock);
+  destroyVeskConnection(req, talk->proxy, talk->connection);
+}
+
+std::int32_t runConversation(Conversation* talk) {
+  const bool finished = serveCommands(talk);
+  if (finished) {
+    talk->kind->finish(talk);
+    giveBack(talk);
+  } else {
+    talk->kind->abandon(talk);
+    destroyVeskConnection(talk->req, talk->proxy, talk->connection);
+  }
+  talk->connection = nullptr;
+  return finished ? 0 : -1;
 }

@@ -3,12 +3,15 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "context/text.h"
+#include "context/memory.h"
 #include "context/vesk_mutex.h"
 #include "properties/vesk_property.h"
+#include "proxy/proxy_metrics.h"
 #include "proxy/proxy_pool.h"
 #include "proxy/proxy_props.h"
 #include "proxy/proxy_refresh.h"
+#include "proxy/proxy_service.h"
+#include "proxy/proxy_settings.h"
 
 constexpr int kDecimal = 10;
 
@@ -17,18 +20,32 @@ struct ServerAddress {
   std::int32_t port;
 };
 
-struct AlgorithmName {
-  const char* text;
-  std::uint32_t code;
-};
+static void installOperations(veskProxy* proxy) {
+  proxy->handleRequest = proxy_handleRequest;
+  proxy->destroyInetProxy = proxy_destroyInetProxy;
+  proxy->destroyPooledSockets = proxy_destroyPooledSockets;
+  proxy->fetchProps = fetchProps;
+  proxy->initProxy = initProxy;
+  proxy->refreshMappings = proxy_refreshMappings;
+  proxy->isAlive = proxy_isAlive;
+  proxy->sendPing = proxy_sendPing;
+  proxy->addRef = proxyAddRef;
+  proxy->release = proxyRelease;
+  proxy->requestEnded = requestEnded;
+}
 
-constexpr AlgorithmName kAlgorithms[] = {
-    {"ROUNDROBIN", BALANCE_ROUNDROBIN},
-    {"ROUNDROBIN_WEIGHTED", BALANCE_ROUNDROBIN_WEIGHTED},
-    {"MIN", BALANCE_MIN},
-    {"MAX", BALANCE_MAX},
-    {"RANDOM_WEIGHTED", BALANCE_RANDOM_WEIGHTED},
-};
+veskProxy* veskProxyNew(vesk_request* req) {
+  auto* proxy = static_cast<veskProxy*>(newPermZeroed(req, sizeof(veskProxy)));
+  if (!proxy) return nullptr;
+  installOperations(proxy);
+  initSync(req, &proxy->lock, &proxy->lockHeld);
+  if (!proxy->lock) {
+    req->permFree(req, proxy);
+    return nullptr;
+  }
+  (void)proxyAddRef(proxy, req);  // the count is 1: the creator's reference
+  return proxy;
+}
 
 // Takes "<host>:<port>" apart: 0, or -1 without a colon or with a host too long
 // to be an address.
@@ -48,100 +65,11 @@ static void copyName(veskProxy* proxy, const char* server) {
   std::memset(proxy->name + length, 0, kProxyNameSize - length);
 }
 
-static const char* propertyOr(const propertyTable* props, const char* key,
-                              const char* absent) {
-  const char* value = getPropertyValue(props, key);
-  return value ? value : absent;
-}
-
-// The low 32 bits of the number at the start of a property, or `absent`.
-static std::int32_t numberOr(const propertyTable* props, const char* key,
-                             std::int32_t absent) {
-  const char* value = getPropertyValue(props, key);
-  if (!value) return absent;
-  return static_cast<std::int32_t>(std::strtol(value, nullptr, kDecimal));
-}
-
-// New metrics of a proxy, or null when memory or the host's locks run out.
-static proxyMetrics* makeMetrics(vesk_request* req) {
-  auto* metrics = static_cast<proxyMetrics*>(req->permMalloc(req, sizeof(proxyMetrics)));
-  if (!metrics) return nullptr;
-  std::memset(metrics, 0, sizeof *metrics);
-  metrics->startMillis = req->startTime;
-  metrics->batchStartMillis = req->startTime;
-  metrics->batchSize = kMetricsBatchSize;
-  initSync(req, &metrics->lock, &metrics->lockHeld);
-  if (metrics->lock) return metrics;
-  req->permFree(req, metrics);
-  return nullptr;
-}
-
-static std::uint32_t algorithmCode(vesk_request* req, const char* text) {
-  for (const AlgorithmName& row : kAlgorithms)
-    if (std::strcmp(row.text, text) == 0) return row.code;
-  req->log(req, "unrecognized load balancing algorithm %s, defaulting to Round Robin",
-           text);
-  return BALANCE_ROUNDROBIN;
-}
-
-static void readIntervals(veskProxy* proxy, vesk_request* req, const propertyTable* props,
-                          std::int32_t retryInterval) {
-  proxy->mapCheckInterval = numberOr(props, "mapcheck", kDefaultMapCheck);
-  req->trace(req, "mapcheck interval in secs: %d", proxy->mapCheckInterval);
-  setMapCheckTime(proxy, 0);
-  proxy->proxyRetryInterval =
-      numberOr(props, "proxyretryinterval",
-               retryInterval != 0 ? retryInterval : kDefaultProxyRetry);
-  req->trace(req, "proxy retry interval in secs: %d", proxy->proxyRetryInterval);
-  setProxyRetryTime(proxy, 0);
-}
-
-static void traceTimeouts(const veskProxy* proxy, vesk_request* req) {
-  constexpr std::int32_t kMillisPerSecond = 1000;
-  req->traceE(req, kTraceState, "%s socket timeouts (c%d/r%d/s%d) secs", proxy->name,
-              req->connectTimeout / kMillisPerSecond, req->recvTimeout / kMillisPerSecond,
-              req->sendTimeout / kMillisPerSecond);
-}
-
-// Copies the replication id, if there is one: 0, or -1 when memory runs out. A
-// server without its id would lose its sticky sessions, so that is a failure.
-static std::int32_t readReplicationId(veskProxy* proxy, vesk_request* req,
-                                      const propertyTable* props) {
-  const char* id = getPropertyValue(props, "rep_id");
-  req->traceE(req, kTraceState, "%s replication Id: %s .", proxy->name,
-              id ? id : "<null>");
-  if (!id) return 0;
-  proxy->balance->replicationId = req->permStrdup(req, id);
-  return proxy->balance->replicationId ? 0 : -1;
-}
-
-// What the server doesn't say counts as weight 1, round robin and sticky: one
-// server among equals that keeps its sessions.
-static std::int32_t readBalance(veskProxy* proxy, vesk_request* req,
-                                const propertyTable* props) {
-  auto* balance = static_cast<proxyBalance*>(req->permMalloc(req, sizeof(proxyBalance)));
-  if (!balance) return -1;
-  std::memset(balance, 0, sizeof *balance);
-  proxy->balance = balance;
-  balance->active = 1;
-  balance->weight = numberOr(props, "weight", 1);
-  balance->turnsLeft = balance->weight;
-
-  const char* algorithm = propertyOr(props, "algorithm", "ROUNDROBIN");
-  balance->algorithm = algorithmCode(req, algorithm);
-  req->trace(req, "installed %s load balancing algorithm.", algorithm);
-  const char* sticky = propertyOr(props, "sticky", "true");
-  req->traceE(req, kTraceState, "%s sticky sessions: %s", proxy->name, sticky);
-  balance->sticky = std::strcmp(sticky, "false") == 0 ? 0 : 1;
-  return readReplicationId(proxy, req, props);
-}
-
-// Takes over what the server said of itself, then its mappings.
+// Takes over what the server said of itself, then asks for its mappings: a server
+// without mappings serves nothing, and is no use to the table.
 static std::int32_t applyProps(veskProxy* proxy, vesk_request* req,
                                const propertyTable* props, std::int32_t retryInterval) {
-  readIntervals(proxy, req, props, retryInterval);
-  traceTimeouts(proxy, req);
-  if (readBalance(proxy, req, props) < 0) return -1;
+  if (applySettings(proxy, req, props, retryInterval) < 0) return -1;
   if (proxy_refreshMappings(proxy, req) < 0) {
     req->trace(req, "initProxy failed to initialize mappings");
     return -1;
@@ -152,7 +80,7 @@ static std::int32_t applyProps(veskProxy* proxy, vesk_request* req,
 static std::int32_t setUpFromServer(veskProxy* proxy, vesk_request* req,
                                     std::int32_t retryInterval) {
   if (veskMetrics) {
-    proxy->metrics = makeMetrics(req);
+    proxy->metrics = newMetrics(req);
     if (!proxy->metrics) return -1;
   }
   propertyTable* props = fetchProps(req, proxy, "server-props", nullptr);
@@ -213,18 +141,6 @@ static void destroyBalance(veskProxy* proxy, vesk_request* req) {
   if (!balance) return;
   if (balance->replicationId) req->permFree(req, balance->replicationId);
   req->permFree(req, balance);
-}
-
-static void reportAndDestroyMetrics(veskProxy* proxy, vesk_request* req) {
-  proxyMetrics* metrics = proxy->metrics;
-  if (!metrics) return;
-  const std::int64_t requests = metrics->requestCount;
-  const std::int64_t average = metrics->totalResponseMillis / (requests ? requests : 1);
-  req->log(req, "proxy metrics for %s", proxy->name);
-  req->log(req, "\tAverage response time: %i ms", clampToInt32(average));
-  req->log(req, "\tTotal Requests handled: %i", clampToInt32(requests));
-  freeSync(req, &metrics->lock, &metrics->lockHeld);
-  req->permFree(req, metrics);
 }
 
 std::int32_t proxy_destroyInetProxy(veskProxy* proxy, vesk_request* req) {

@@ -1,4 +1,5 @@
-// Setting a proxy up from its server, and taking it apart again.
+// A proxy from its making to its end. This stands above all that a proxy can do, since
+// it fills the record's operations.
 //
 //   New --initProxy--> Temp ---------------------+
 //    |                                           v
@@ -9,6 +10,7 @@
 // Ownership: a failed initProxy leaves the record as far as it got; whoever made
 // the proxy destroys it, once, and that copes with every partial state.
 // Threads: the one that made the proxy; it is not published yet, or no longer.
+// Failure: null or -1, with a log line; lastError as the operations leave it.
 #pragma once
 
 #include "proxy/vesk_proxy.h"
@@ -16,9 +18,8 @@
 // The longest text before the ':' of a server text; a dotted address fits.
 constexpr std::int32_t kMaxHostLength = 39;
 
-// Defaults of a server's properties, seconds.
-constexpr std::int32_t kDefaultMapCheck = 10;
-constexpr std::int32_t kDefaultProxyRetry = 600;
+// A new proxy with one reference, or null when memory or the host's locks run out.
+[[nodiscard]] veskProxy* veskProxyNew(vesk_request* req);
 
 // The `initProxy` operation: 0, or -1 with a log line. `retryInterval` stands in
 // for what the server doesn't say, in seconds; 0 means the default. On a proxy

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstring>
 
+#include "context/memory.h"
 #include "context/request_block.h"
 #include "context/text.h"
 #include "proxy/wire.h"
@@ -122,9 +122,7 @@ static void putItems(FrameWriter* out, const RequestItems& items) {
 // line and lastError. It is one byte longer than the frame.
 static char* allocateFrame(vesk_request* req, std::int64_t blockSize) {
   const std::int64_t size = blockSize + kFrameHead + 1;
-  char* buffer = nullptr;
-  if (size <= INT_MAX)
-    buffer = static_cast<char*>(req->malloc(req, static_cast<std::int32_t>(size)));
+  auto* buffer = static_cast<char*>(newBlock(req, size));
   if (buffer) return buffer;
   req->log(req, "malloc(%d) failed in sendAllHeaders", clampToInt32(size));
   req->lastError = ENOBUFS;

@@ -3,8 +3,8 @@
 #include <arpa/inet.h>
 
 #include <cerrno>
-#include <cstring>
 
+#include "context/memory.h"
 #include "context/text.h"
 #include "context/vesk_error.h"
 #include "context/vesk_mutex.h"
@@ -12,9 +12,8 @@
 
 proxyPool* initPool(vesk_request* req, veskProxy* proxy, const char* host,
                     std::int32_t port) {
-  auto* pool = static_cast<proxyPool*>(req->permMalloc(req, sizeof(proxyPool)));
+  auto* pool = static_cast<proxyPool*>(newPermZeroed(req, sizeof(proxyPool)));
   if (!pool) return nullptr;
-  std::memset(pool, 0, sizeof *pool);
   pool->address.sin_family = AF_INET;
   pool->address.sin_addr.s_addr = inet_addr(host);
   pool->address.sin_port = htons(static_cast<std::uint16_t>(port));
@@ -104,6 +103,27 @@ VeskConnection* getVeskConnectionFromPool(veskProxy* proxy, vesk_request* req) {
 
   req->trace(req, "%s pooled socket [%d] returned", proxy->name, idle->socket);
   return idle;
+}
+
+bool isPooled(const VeskConnection* connection) {
+  return connection->next != nullptr;
+}
+
+// No counter is needed: each pass that goes on has used up a pooled connection, and a
+// new one ends the loop either way.
+VeskConnection* takeConnection(veskProxy* proxy, vesk_request* req,
+                               const ConnectionTry& attempt) {
+  for (;;) {
+    VeskConnection* connection = getVeskConnectionFromPool(proxy, req);
+    if (!connection) return nullptr;
+    // Read while the record lives: a failed one is freed before anybody is told.
+    const bool pooled = isPooled(connection);
+    const std::int32_t sock = connection->socket;
+    if (attempt.run(req, proxy, sock, attempt.context)) return connection;
+    destroyVeskConnection(req, proxy, connection);
+    if (attempt.report) attempt.report(req, proxy, sock, pooled, attempt.context);
+    if (!pooled) return nullptr;
+  }
 }
 
 void returnVeskConnectionToPool(vesk_request* req, veskProxy* proxy,

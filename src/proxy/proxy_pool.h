@@ -32,6 +32,26 @@
 [[nodiscard]] VeskConnection* getVeskConnectionFromPool(veskProxy* proxy,
                                                         vesk_request* req);
 
+// Whether a connection has lain idle: it may have gone stale, and a failure on it says
+// nothing about the server.
+[[nodiscard]] bool isPooled(const VeskConnection* connection);
+
+// What to do with a connection, and how to tell that it failed.
+struct ConnectionTry {
+  // True when it went well; else lastError holds the reason.
+  bool (*run)(vesk_request* req, veskProxy* proxy, std::int32_t sock, void* context);
+  // Called when the connection of a failed try is gone; null: there is nothing to say.
+  void (*report)(vesk_request* req, veskProxy* proxy, std::int32_t sock, bool pooled,
+                 const void* context);
+  void* context;
+};
+
+// Tries connections until one does: that one, which is the caller's, or null. A pooled
+// one that fails is replaced; a failure on a new one is final. Blocks, with no lock
+// held.
+[[nodiscard]] VeskConnection* takeConnection(veskProxy* proxy, vesk_request* req,
+                                             const ConnectionTry& attempt);
+
 // Takes back a connection after PROXY_FINISH or a ping, and clears the retry
 // timer. The caller must not touch it again.
 void returnVeskConnectionToPool(vesk_request* req, veskProxy* proxy,

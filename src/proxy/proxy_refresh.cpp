@@ -6,19 +6,16 @@
 #include "proxy/proxy_pool.h"
 #include "proxy/proxy_props.h"
 
+static bool tryPing(vesk_request* req, veskProxy* proxy, std::int32_t sock,
+                    void* /*context*/) {
+  return sendPingMsg(req, proxy, sock) >= 0;
+}
+
 std::int32_t proxy_sendPing(veskProxy* proxy, vesk_request* req) {
-  // Ends: each pass that goes on has used up a pooled connection.
-  for (;;) {
-    VeskConnection* connection = getVeskConnectionFromPool(proxy, req);
-    if (!connection) return 0;
-    if (sendPingMsg(req, proxy, connection->socket) >= 0) {
-      returnVeskConnectionToPool(req, proxy, connection);
-      return 1;
-    }
-    const bool pooled = connection->next != nullptr;
-    destroyVeskConnection(req, proxy, connection);
-    if (!pooled) return 0;  // a pooled one may just have gone stale
-  }
+  VeskConnection* connection = takeConnection(proxy, req, {tryPing, nullptr, nullptr});
+  if (!connection) return 0;
+  returnVeskConnectionToPool(req, proxy, connection);
+  return 1;
 }
 
 std::int32_t proxy_isAlive(veskProxy* proxy, vesk_request* req) {

@@ -2,43 +2,8 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstring>
 
-#include "context/clock.h"
 #include "context/vesk_mutex.h"
-#include "proxy/proxy_lifecycle.h"
-#include "proxy/proxy_pool.h"
-#include "proxy/proxy_props.h"
-#include "proxy/proxy_refresh.h"
-#include "proxy/proxy_service.h"
-
-static void installOperations(veskProxy* proxy) {
-  proxy->handleRequest = proxy_handleRequest;
-  proxy->destroyInetProxy = proxy_destroyInetProxy;
-  proxy->destroyPooledSockets = proxy_destroyPooledSockets;
-  proxy->fetchProps = fetchProps;
-  proxy->initProxy = initProxy;
-  proxy->refreshMappings = proxy_refreshMappings;
-  proxy->isAlive = proxy_isAlive;
-  proxy->sendPing = proxy_sendPing;
-  proxy->addRef = proxyAddRef;
-  proxy->release = proxyRelease;
-  proxy->requestEnded = requestEnded;
-}
-
-veskProxy* veskProxyNew(vesk_request* req) {
-  auto* proxy = static_cast<veskProxy*>(req->permMalloc(req, sizeof(veskProxy)));
-  if (!proxy) return nullptr;
-  std::memset(proxy, 0, sizeof *proxy);
-  installOperations(proxy);
-  initSync(req, &proxy->lock, &proxy->lockHeld);
-  if (!proxy->lock) {
-    req->permFree(req, proxy);
-    return nullptr;
-  }
-  (void)proxyAddRef(proxy, req);  // the count is 1: the creator's reference
-  return proxy;
-}
 
 std::int32_t proxyAddRef(veskProxy* proxy, vesk_request* req) {
   SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
@@ -49,27 +14,6 @@ std::int32_t proxyRelease(veskProxy* proxy, vesk_request* req) {
   SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
   if (proxy->refCount > 0) --proxy->refCount;
   return proxy->refCount;
-}
-
-// Enters one ended request. REQUIRES: the lock of the metrics.
-static void countRequestLocked(proxyMetrics* metrics, std::int64_t now,
-                               std::int64_t startTime) {
-  metrics->lastResponseMillis = now - startTime;
-  ++metrics->requestCount;
-  if (metrics->requestCount % metrics->batchSize == 0) {
-    metrics->batchAverageMillis = (now - metrics->batchStartMillis) / metrics->batchSize;
-    metrics->batchStartMillis = now;
-  }
-  metrics->totalResponseMillis += metrics->lastResponseMillis;
-}
-
-void requestEnded(veskProxy* proxy, vesk_request* req) {
-  proxyMetrics* metrics = proxy->metrics;
-  if (!veskMetrics || !metrics) return;
-  SyncGuard guard{req, &metrics->lock, &metrics->lockHeld};
-  timeval clock;
-  gtod(&clock);
-  countRequestLocked(metrics, tvToMillis(&clock), req->startTime);
 }
 
 void setNextMapCheckTime(vesk_request* /*req*/, veskProxy* proxy, std::int64_t now) {

@@ -1,5 +1,5 @@
 // One backend server: the record, its operations, and the small functions that
-// every other file of this folder leans on.
+// every other file of this folder leans on. proxy_lifecycle.h makes one.
 //
 // Ownership: veskProxyNew gives its caller the one reference. A proxy that stands
 // in a mappings table lives as long as the table; a server that leaves is only
@@ -132,14 +132,9 @@ struct veskProxy {
 static_assert(std::is_trivial_v<veskProxy> && std::is_standard_layout_v<veskProxy>);
 static_assert(std::is_trivial_v<proxyBalance> && std::is_trivial_v<proxyMetrics>);
 
-// A new proxy with one reference, or null.
-[[nodiscard]] veskProxy* veskProxyNew(vesk_request* req);
-
-// The `addRef`, `release` and `requestEnded` operations; their contracts stand in
-// the record.
+// The `addRef` and `release` operations; their contracts stand in the record.
 std::int32_t proxyAddRef(veskProxy* proxy, vesk_request* req);
 std::int32_t proxyRelease(veskProxy* proxy, vesk_request* req);
-void requestEnded(veskProxy* proxy, vesk_request* req);
 
 // Set a timer to `now` plus its interval; an interval of 0 means kNever for the
 // mapping check and 0 for the retry. REQUIRES: `lock`.

@@ -1,9 +1,9 @@
 #include "proxy/wire.h"
 
 #include <cerrno>
-#include <climits>
 #include <cstring>
 
+#include "context/memory.h"
 #include "context/request_block.h"
 #include "context/text.h"
 
@@ -85,20 +85,13 @@ std::int32_t readWord(vesk_request* req, std::int32_t sock, veskProxy* proxy,
   return 0;
 }
 
-// Room for `length` bytes and a NUL. An allocator takes an int and gives one
-// byte for a size that has wrapped, so the largest length is refused here.
-static char* allocateText(vesk_request* req, std::int32_t length) {
-  if (length > INT_MAX - 1) return nullptr;
-  return static_cast<char*>(req->malloc(req, length + 1));
-}
-
 char* readData(std::int32_t sock, vesk_request* req, std::int32_t* outLength,
                veskProxy* proxy) {
   std::int32_t length = 0;
   if (readWord(req, sock, proxy, &length) < 0) return nullptr;
   if (length < 0) return nullptr;
 
-  RequestBlock data{req, allocateText(req, length)};
+  RequestBlock data{req, newBlock(req, std::int64_t{length} + 1)};
   if (!data.bytes) {
     req->lastError = ENOBUFS;
     return nullptr;
@@ -107,17 +100,12 @@ char* readData(std::int32_t sock, vesk_request* req, std::int32_t* outLength,
 
   data.bytes[length] = '\0';
   if (outLength) *outLength = length;
-  char* result = data.bytes;
-  data.bytes = nullptr;
-  return result;
+  return data.handOn();
 }
 
 std::int32_t writeString(vesk_request* req, std::int32_t sock, const char* text) {
-  const std::int64_t size = kWordSize + textLength(text);
-  if (size > INT_MAX) return -1;
-  const auto length = static_cast<std::int32_t>(size);
-  RequestBlock frame{req, req->malloc(req, length)};
+  const RequestBlock frame{req, newBlock(req, kWordSize + textLength(text))};
   if (!frame.bytes) return -1;
-  (void)appendString(frame.bytes, 0, text);  // fills the block to its end
+  const std::int32_t length = appendString(frame.bytes, 0, text);
   return sendBytes(req, frame.bytes, length, sock) < 0 ? -1 : 0;
 }

@@ -2,7 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <deque>
 
 #include "context/vesk_error.h"
 #include "properties/vesk_property.h"
@@ -54,6 +58,51 @@ TEST(fetchProps, onlyAFinishedAnswerCounts) {
                            [line](RecordedRequest& t) { return fetch(t, line); }),
               std::get<3>(row));
   }
+}
+
+// Every connect gives one end of a pair on whose other end the next answer waits whole.
+class RealSocket : public testing::Test {
+ protected:
+  RealSocket() {
+    answers.clear();
+    t.req->connect = [](vesk_request*, const sockaddr_in*) {
+      int pair[2] = {-1, -1};
+      EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair), 0);
+      const std::string answer = answers.empty() ? "" : answers.front();
+      if (!answers.empty()) answers.pop_front();
+      EXPECT_EQ(write(pair[1], answer.data(), answer.size()), ssize_t(answer.size()));
+      serverEnds.push_back(pair[1]);
+      return std::int32_t{pair[0]};
+    };
+    proxy = newServingProxy(t.req);
+  }
+  ~RealSocket() override {
+    (void)proxy->destroyInetProxy(proxy, t.req);
+    for (const int end : serverEnds) (void)close(end);
+    serverEnds.clear();
+  }
+  std::string fetchValue() {
+    propertyTable* table = proxy->fetchProps(t.req, proxy, "x", nullptr);
+    const char* value = getPropertyValue(table, "a");
+    const std::string told = value ? value : "none";
+    freeProperties(t.req, table);
+    return told;
+  }
+  static inline std::deque<std::string> answers;
+  static inline std::vector<int> serverEnds;
+  RecordedRequest t;
+  veskProxy* proxy;
+};
+
+// Else each later question would get the answer before its own.
+TEST_F(RealSocket, whatFollowsTheEndIsNoAnswerToTheNextQuestion) {
+  const std::string one = putProps("a=1").bytes + put(PROXY_FINISH).bytes;
+  const std::string stray = putProps("a=stray").bytes + put(PROXY_FINISH).bytes;
+  answers = {one + stray, putProps("a=2").bytes + put(PROXY_FINISH).bytes};
+  EXPECT_EQ(fetchValue(), "1");
+  EXPECT_EQ(t.logged("127.0.0.1:7001 sent 19 bytes behind PROXY_FINISH <- ["), 1);
+  EXPECT_EQ(fetchValue(), "2");
+  EXPECT_EQ(t.logged(""), 1);
 }
 
 TEST(fetchProps, withoutMemoryForTheFrameNothingIsSent) {
