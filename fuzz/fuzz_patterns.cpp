@@ -4,8 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "maptable/request_filter.h"
-#include "proxy/mapping_order.h"
+#include "patterns/pattern_match.h"
 
 static std::vector<std::string> linesOf(const std::uint8_t* data, std::size_t size) {
   std::vector<std::string> lines(1);
@@ -22,22 +21,21 @@ static std::vector<std::string> linesOf(const std::uint8_t* data, std::size_t si
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::vector<std::string> lines = linesOf(data, size);
-  FilterSubject subject{};
+  MatchSubject subject{};
   subject.uri = lines[1];
   subject.strippedPath = lines[2];
   subject.hadParameters = lines[2].find(';') != std::string::npos;
   subject.hasHost = !lines[3].empty();
   subject.host = lines[3];
-  const PatternParts parts = splitPattern(lines[0]);
+  const uriPattern pattern = splitPattern(lines[0].c_str());
   // Without a '*' in it, what matches begins with the pattern's path.
   const bool plain = lines[0].find('*') == std::string::npos;
-  const bool matched = matchPattern(parts, subject) == PatternMatch::matched;
-  if (matched && plain && !subject.uri.starts_with(parts.path)) std::abort();
-
-  std::string key = lines[0];
-  std::string other = lines[1];
-  const property first{key.data(), key.data()};
-  const property second{other.data(), other.data()};
-  if (longerThan(&first, &second) && longerThan(&second, &first)) std::abort();
+  const bool matched = matchPattern(pattern, subject) == PatternMatch::matched;
+  if (matched && plain && !subject.uri.starts_with(prefixOf(pattern))) std::abort();
+  // Head, prefix, star and tail make up the text.
+  const auto head = static_cast<std::size_t>(pattern.pathStart);
+  const std::size_t star = pattern.contains + (pattern.tailLength > 0 ? 1 : 0);
+  if (head + prefixOf(pattern).size() + tailOf(pattern).size() + star > lines[0].size())
+    std::abort();
   return 0;
 }

@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "context/vesk_mutex.h"
-#include "proxy/mapping_order.h"
 
 // A rotation that starts here lands on the first entry.
 constexpr std::int32_t kBeforeFirst = -1;
@@ -76,23 +75,36 @@ static void setAnyActive(mappingsTable* table, std::int32_t index) {
   table->mappingBalances[index]->anyActive = any;
 }
 
+// One mapping in all columns, while it is moved.
+struct MappingRow {
+  property pair;
+  proxyList* list;
+  mappingBalance* balance;
+  uriPattern pattern;
+};
+
+static MappingRow rowAt(const mappingsTable* table, std::int32_t index) {
+  return {.pair = table->mappings->entries[index],
+          .list = table->mappingProxies[index],
+          .balance = table->mappingBalances[index],
+          .pattern = table->patterns[index]};
+}
+
+static void putRow(mappingsTable* table, std::int32_t index, const MappingRow& row) {
+  table->mappings->entries[index] = row.pair;
+  table->mappingProxies[index] = row.list;
+  table->mappingBalances[index] = row.balance;
+  table->patterns[index] = row.pattern;
+}
+
 void mergeNewMapping(mappingsTable* table, vesk_request* req) {
   (void)req;  // part of the operation's form; there is nothing to report
   if (table->mappings->count < 1) return;
   std::int32_t at = table->mappings->count - 1;
-  property* entries = table->mappings->entries;
-  const property held = entries[at];
-  proxyList* list = table->mappingProxies[at];
-  mappingBalance* balance = table->mappingBalances[at];
-
-  for (; at > 0 && longerThan(&held, &entries[at - 1]) != 0; --at) {
-    entries[at] = entries[at - 1];
-    table->mappingProxies[at] = table->mappingProxies[at - 1];
-    table->mappingBalances[at] = table->mappingBalances[at - 1];
-  }
-  entries[at] = held;
-  table->mappingProxies[at] = list;
-  table->mappingBalances[at] = balance;
+  const MappingRow held = rowAt(table, at);
+  for (; at > 0 && held.pattern.rank > table->patterns[at - 1].rank; --at)
+    putRow(table, at, rowAt(table, at - 1));
+  putRow(table, at, held);
 }
 
 static void* newZeroed(vesk_request* req, std::size_t size) {
@@ -114,6 +126,7 @@ static std::int32_t linkMapping(const Join* join, const property* pair, proxyLis
   if (index < 0) return kNotFound;
   table->mappingProxies[index] = list;
   table->mappingBalances[index] = balance;
+  table->patterns[index] = splitPattern(table->mappings->entries[index].key);
   table->lastMapping = index;
   return index;
 }

@@ -2,14 +2,12 @@
 //
 // filterRequest is the connector's clock: nothing runs in the background, so each
 // call first revives and refreshes every known server, then walks the mappings in
-// order and takes the first that fits. The test of one pattern is a pure function.
+// order and takes the first that fits.
 //
 // Threads: any; tableMutex is taken by what takes a table, and held across the
 // network traffic of the refresh.
 // Failure: none; a server that can't be reached doesn't change the answer.
 #pragma once
-
-#include <string_view>
 
 #include "maptable/vesk_maptable_impl.h"
 
@@ -26,30 +24,3 @@ std::uint32_t ignoreSuffixMap(mappingsTable* table, vesk_request* req,
 // A copy of what stands before the first ';', from the request's malloc; null
 // when there is no ';' or no memory.
 [[nodiscard]] char* removePathParms(vesk_request* req, const char* text);
-
-// A pattern taken apart; all views point into it.
-struct PatternParts {
-  bool hasHost;
-  std::string_view host;    // behind the "//"
-  std::string_view path;    // the rest; the whole pattern without a host
-  std::string_view prefix;  // of the path, up to its first '*'
-  std::string_view tail;    // behind that '*', less the closing '*'
-  bool contains;            // there was a closing '*'
-};
-[[nodiscard]] PatternParts splitPattern(std::string_view pattern);
-
-// What of a request the patterns are tested against.
-struct FilterSubject {
-  std::string_view uri;
-  std::string_view strippedPath;  // the path without path parameters
-  bool hadParameters;             // the path holds a ';'
-  bool hasHost;
-  std::string_view host;  // value of the host header, port included
-  bool ignoreSuffix;      // "*.ext" patterns are passed over
-};
-
-enum class PatternMatch { no, matched, suffixIgnored, parametersIgnored };
-
-// Tests one pattern.
-[[nodiscard]] PatternMatch matchPattern(const PatternParts& pattern,
-                                        const FilterSubject& subject);

@@ -1,8 +1,9 @@
 // The connector's one routing table: which URI patterns go to the backend, and
 // which servers serve each of them.
 //
-// `mappings`, `mappingProxies` and `mappingBalances` are parallel columns. They
-// only grow: a server that leaves has flags cleared and keeps its entries.
+// `mappings`, `mappingProxies`, `mappingBalances` and `patterns` are parallel
+// columns. They only grow: a server that leaves has flags cleared and keeps its
+// entries.
 //
 // Ownership: the table owns its proxies (masterList), lists, balances and texts,
 // all from permMalloc, until mappingsTableDelete.
@@ -16,6 +17,7 @@
 #include <type_traits>
 
 #include "context/vesk_request.h"
+#include "patterns/uri_pattern.h"
 #include "properties/vesk_property.h"
 #include "proxy/vesk_proxy.h"
 
@@ -89,13 +91,14 @@ struct mappingsTable {
   propertyTable* mappings;   // pattern = target text
   proxyList* mappingProxies[kMaxMappings];
   mappingBalance* mappingBalances[kMaxMappings];
-  proxyList masterList;              // every server ever known, in order of arrival
-  std::uint32_t proxyRetryInterval;  // seconds; 0: the servers' own default
-  std::uint32_t ignoreSuffix;        // 1: "*.ext" patterns don't filter
-  char* storedServers;               // text of the store; null until known
-  char* serverStore;                 // path; null when not configured
-  char* bootstrapServer;             // "<ip>:<port>"; null when not configured
-  std::uint32_t bootstrapped;        // 1 once a bootstrap brought a new server
+  proxyList masterList;               // every server ever known, in order of arrival
+  std::uint32_t proxyRetryInterval;   // seconds; 0: the servers' own default
+  std::uint32_t ignoreSuffix;         // 1: "*.ext" patterns don't filter
+  char* storedServers;                // text of the store; null until known
+  char* serverStore;                  // path; null when not configured
+  char* bootstrapServer;              // "<ip>:<port>"; null when not configured
+  std::uint32_t bootstrapped;         // 1 once a bootstrap brought a new server
+  uriPattern patterns[kMaxMappings];  // the keys of `mappings`, taken apart
 };
 static_assert(std::is_trivial_v<mappingsTable> &&
               std::is_standard_layout_v<mappingsTable>);

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "context/text.h"
+#include "patterns/uri_pattern.h"
 
 // The entries to remove, by their index before any removal. References would not
 // do: the value of an entry that waits here may still be replaced and freed.
@@ -13,36 +13,8 @@ struct RemovalList {
 };
 static_assert(kMaxProperties <= INT16_MAX);
 
-static bool isHostQualified(const char* pattern) {
-  return pattern[0] == '/' && pattern[1] == '/';
-}
-
-// Where the path of a pattern begins: at its first '/' behind the host, if it
-// names one.
-static const char* pathPart(const char* pattern) {
-  if (!isHostQualified(pattern)) return pattern;
-  const char* host = pattern + 2;
-  return host + std::strcspn(host, "/");
-}
-
-std::int32_t prefixlen(const char* pattern) {
-  return clampToInt32(static_cast<std::int64_t>(std::strcspn(pathPart(pattern), "*")));
-}
-
-std::int32_t extlen(const char* pattern) {
-  const char* star = std::strchr(pattern, '*');
-  return star ? clampToInt32(textLength(star + 1)) : 0;
-}
-
 std::int32_t longerThan(const property* first, const property* second) {
-  const bool firstHasHost = isHostQualified(first->key);
-  const bool secondHasHost = isHostQualified(second->key);
-  if (firstHasHost != secondHasHost) return firstHasHost ? 1 : 0;
-
-  const std::int32_t firstPrefix = prefixlen(first->key);
-  const std::int32_t secondPrefix = prefixlen(second->key);
-  if (firstPrefix != secondPrefix) return firstPrefix > secondPrefix ? 1 : 0;
-  return extlen(first->key) > extlen(second->key) ? 1 : 0;
+  return patternRank(first->key) > patternRank(second->key) ? 1 : 0;
 }
 
 // The '/' before the first '*' of a pattern, or null when there is none.

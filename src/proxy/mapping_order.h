@@ -3,16 +3,11 @@
 // Ownership: tables and entries are the caller's; what sortMappings puts into a
 // table comes from permMalloc and is the table's.
 // Threads: any; no lock is taken. sortMappings needs a table that no other thread
-// sees yet; the others are pure functions.
+// sees yet; longerThan is a pure function.
 // Failure: none; without memory a pattern keeps the form that it has.
 #pragma once
 
 #include "properties/vesk_property.h"
-
-// Characters from the start of a pattern's path part to its first '*' or its end.
-[[nodiscard]] std::int32_t prefixlen(const char* pattern);
-// Characters behind the first '*' of a pattern; 0 when it has none.
-[[nodiscard]] std::int32_t extlen(const char* pattern);
 
 // 1 when `first` must stand before `second`, else 0. Reads only the keys.
 [[nodiscard]] std::int32_t longerThan(const property* first, const property* second);

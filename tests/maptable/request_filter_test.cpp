@@ -58,8 +58,7 @@ TEST_F(RequestFilter, testsAPatternByItsParts) {
   veskProxy* proxy = join("a:1", "/never=x");
   for (const MatchRow& row : kMatchRows) {
     SCOPED_TRACE(std::string(row.why) + ": " + row.pattern + " " + row.uri);
-    t.req->permFree(t.req, table->mappings->entries[0].key);
-    table->mappings->entries[0].key = t.req->permStrdup(t.req, row.pattern);
+    table->patterns[0] = splitPattern(row.pattern);
     t.req->uri = row.uri;
     t.req->path = row.path;
     t.variables.clear();
