@@ -10,6 +10,7 @@ std::int64_t tvToMillis(const timeval* time) {
   return std::int64_t{time->tv_sec} * 1000 + std::int64_t{time->tv_usec} / 1000;
 }
 
+// time is a read of the vDSO's page, with no system call: a request asks several times.
 std::int64_t wallClockSeconds(vesk_request* /*req*/) {
   return std::time(nullptr);
 }

@@ -8,6 +8,7 @@
 
 using Allocator = void* (*)(vesk_request*, std::int32_t);
 
+// The upper end alone is checked: an allocator gives one byte for what is not positive.
 static void* checkedBlock(vesk_request* req, Allocator allocate, std::int64_t size) {
   if (size > INT_MAX) return nullptr;
   return allocate(req, static_cast<std::int32_t>(size));
@@ -41,6 +42,7 @@ char* copyText(vesk_request* req, std::string_view text) {
 }
 
 const char** newTextArray(vesk_request* req, std::int64_t count) {
+  // The sum below must not leave 64 bits before newZeroed looks at it.
   if (count >= INT_MAX) return nullptr;
   const std::int64_t size = (count + 1) * std::int64_t{sizeof(char*)};
   return static_cast<const char**>(newZeroed(req, size));
@@ -58,6 +60,8 @@ char* copyPermText(vesk_request* req, std::string_view text) {
   return copyWith(req, req->permMalloc, text);
 }
 
+// permFree logs a null, for a null that is given back hides a mistake. Here it is none:
+// records are taken apart in whatever state their making broke off.
 void freePerm(vesk_request* req, void* block) {
   if (block) req->permFree(req, block);
 }
@@ -66,6 +70,7 @@ void* doMalloc(vesk_request* /*req*/, std::int32_t size) {
   return std::malloc(size > 0 ? static_cast<std::size_t>(size) : 1);
 }
 
+// Callers without a record have no way to report a null, so they get a text in any case.
 char* doStrdup(vesk_request* /*req*/, const char* text) {
   return ::strdup(text ? text : "");
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+// The bytes aren't cleared: only those between begin and end are ever read.
 void startReadAhead(vesk_request* req, veskReadAhead* ahead) {
   ahead->sock = -1;
   ahead->begin = ahead->end = 0;
@@ -39,6 +40,8 @@ ssize_t recvAhead(vesk_request* req, std::int32_t sock, void* buffer,
 
   const ssize_t result = recv(sock, ahead->bytes, sizeof ahead->bytes, 0);
   if (result <= 0) return result;
+  // A failed or empty read has left what stood here alone, so that its owner is still
+  // named.
   ahead->sock = sock;
   ahead->begin = 0;
   ahead->end = static_cast<std::int32_t>(result);

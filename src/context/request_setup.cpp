@@ -32,6 +32,7 @@ static void installAttributeOperations(vesk_request* req) {
   req->freeAttributeNames = freeAttributeNames;
 }
 
+// The same heap serves both grades here; a connector layer may give the request a pool.
 static void installAllocators(vesk_request* req) {
   req->malloc = veskMalloc;
   req->strdup = veskStrdup;
@@ -49,6 +50,8 @@ static void installSocketOperations(vesk_request* req) {
 }
 
 void init_vesk_request(vesk_request* req) {
+  // The record is a local of a stage: whatever the stack held must not pass for a
+  // pointer.
   std::memset(req, 0, sizeof *req);
   timeval now;
   gtod(&now);
@@ -64,6 +67,8 @@ void init_vesk_request(vesk_request* req) {
   installSocketOperations(req);
   req->now = wallClockSeconds;
 
+  // The six host operations stay null on purpose: a record that was never given to a
+  // connector layer must fail at once, and not answer for a browser that isn't there.
   req->connectorType = kConnectorNone;
   std::int32_t timeouts[3];
   initializeSocketTimeouts(req, timeouts);

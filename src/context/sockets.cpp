@@ -56,6 +56,8 @@ static void setSocketOptions(vesk_request* req, std::int32_t sock) {
   }
 }
 
+// Why poll ended without room to write. When even that can't be told, a refusal is the
+// likeliest: the server is then tried again after its pause.
 static std::int32_t pendingSocketError(vesk_request* req, std::int32_t sock) {
   int error = 0;
   socklen_t size = sizeof error;
@@ -70,6 +72,8 @@ static std::int32_t awaitConnect(vesk_request* req, std::int32_t sock) {
   const int ready = poll(&wait, 1, req->connectTimeout);
   if (ready == 0) return ETIMEDOUT;
   if (ready < 0) return errno;
+  // A refused connect reports a hang-up together with room to write: it is asked for
+  // first.
   if (wait.revents & POLLHUP) {
     req->trace(req, "veskConnect: POLLHUP so ECONNREFUSED");
     return ECONNREFUSED;
@@ -106,6 +110,8 @@ std::int32_t veskConnect(vesk_request* req, const sockaddr_in* address) {
   }
   setSocketOptions(req, sock);
 
+  // A signal doesn't undo a connect under way: asking again tells how far it has come.
+  // The warnings above must not count as its failure, so each pass sets the error anew.
   do {
     req->lastError = connectOnce(req, sock, address);
   } while (req->lastError == EINTR);
@@ -122,6 +128,7 @@ std::int32_t veskConnect(vesk_request* req, const sockaddr_in* address) {
   return sock;
 }
 
+// A transfer goes on behind a signal, and ends at the first error of any other kind.
 static bool wantsMore(const Transfer* transfer) {
   const std::int32_t error = transfer->req->lastError;
   return transfer->count < transfer->length && !transfer->peerClosed &&
@@ -136,6 +143,8 @@ static std::int32_t awaitReady(vesk_request* req, std::int32_t sock,
   const int count = poll(&wait, 1, limit);
   if (count == 0) return ETIMEDOUT;
   if (count < 0) return errno;
+  // The hang-up is asked for before the event: a server that has left in the middle of a
+  // conversation can't finish it, whatever bytes still wait.
   if (wait.revents & POLLHUP) {
     req->trace(req, "%s: POLLHUP so ECONNRESET", ready.caller);
     return ECONNRESET;
@@ -187,6 +196,8 @@ static std::int32_t recvPass(Transfer* transfer, void* buffer, veskProxy* proxy)
   return awaitReadable(transfer->req, transfer->sock, proxy);
 }
 
+// An error of 0 with too small a count is how callers tell the end of the stream from a
+// failure, so the field must not keep what was there before.
 std::int32_t veskRecv(vesk_request* req, std::int32_t sock, void* buffer,
                       std::int32_t length, veskProxy* proxy) {
   Transfer transfer = {req, sock, length, 0, false};
@@ -237,6 +248,7 @@ void veskCloseSocket(vesk_request* req, std::int32_t sock) {
   req->traceE(req, kTraceDetail, "veskCloseSocket [%d]", sock);
   dropReadAhead(req, sock);
   // After EPIPE the sending side is shut already.
+  // lastError stays as it is from here on: what led to the close is still to be judged.
   const bool shut = req->lastError == EPIPE || shutdown(sock, SHUT_WR) == 0;
   if (!shut && errno != ENOTCONN) reportCloseFailure(req, "shutdown failed", sock);
   if (close(sock) != 0) reportCloseFailure(req, "close fail", sock);

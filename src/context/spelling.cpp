@@ -7,6 +7,7 @@
 
 using CaseFunction = int (*)(int);
 
+// Searching on from the byte just written is safe: `to` is never `from`.
 static std::int32_t replaceAll(char* text, char from, char to) {
   if (!text) return 0;
   std::int32_t replaced = 0;
@@ -30,6 +31,7 @@ static char convertByte(char byte, CaseFunction convert) {
   return static_cast<char>(convert(static_cast<unsigned char>(byte)));
 }
 
+// `out` may be `in`: each byte is read before its place is written, and none moves.
 static void withDashes(const char* in, char* out, CaseFunction convert) {
   for (; *in; ++in) *out++ = *in == '_' ? '-' : convertByte(*in, convert);
   *out = '\0';
@@ -73,6 +75,7 @@ static void encodeInto(char* out, const char* in) {
   *out = '\0';
 }
 
+// Most URIs hold no percent sign: those cost no allocation and keep their text.
 char* EncodePercentage(vesk_request* req) {
   if (!req->uri || !std::strchr(req->uri, '%')) return nullptr;
 
@@ -80,6 +83,7 @@ char* EncodePercentage(vesk_request* req) {
   if (!text) return nullptr;
 
   encodeInto(text, req->uri);
+  // The old text is the host's own and stays with it.
   req->uri = text;
   return text;
 }

@@ -12,6 +12,7 @@ const char* orElse(const char* text, const char* absent) {
   return text ? text : absent;
 }
 
+// A number that has wrapped would name another length or count in the log than there was.
 std::int32_t clampToInt32(std::int64_t number) {
   if (number > INT_MAX) return INT_MAX;
   if (number < INT_MIN) return INT_MIN;

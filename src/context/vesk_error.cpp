@@ -7,6 +7,8 @@ constexpr int kErrorTextSize = 256;   // bytes of the buffer
 constexpr int kErrorTextLimit = 255;  // bytes that may be used, with the NUL
 
 const char* describeError(std::int32_t code) {
+  // Two codes have texts of their own; the third is told by a page only when it must, and
+  // falls to the general form.
   if (code == EVESK_PROTOCOL) return "Vesk connector protocol out of sync";
   if (code == EVESK_BUSY) return "Vesk too busy or out of memory";
 

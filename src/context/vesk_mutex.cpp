@@ -46,6 +46,8 @@ void installLockOperations(const LockOperations* operations) {
   lockOperations = operations ? operations : &kFallbackLocks;
 }
 
+// A host whose sections don't exclude is told of and not stopped: the connector can't
+// mend it, and ending the web server would be worse.
 static void reportBroken(vesk_request* req, const char* function) {
   if (req) req->log(req, "%s - detected broken mutex!", function);
 }
@@ -59,6 +61,7 @@ void initSync(vesk_request* req, void** lock, std::int32_t* held) {
 void startSync(vesk_request* req, void** lock, std::int32_t* held) {
   // Without a handle there is nothing to wait for, and the flag is unguarded.
   if (!*lock) return;
+  // The flag is looked at and written behind the entry only: outside it is not guarded.
   lockOperations->enter(*lock);
   if (*held == 1) reportBroken(req, "startSync");
   *held = 1;

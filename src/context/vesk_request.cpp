@@ -20,6 +20,7 @@ void setShuttingDown(bool on) {
   std::atomic_ref(gShutdown).store(on ? 1 : 0, std::memory_order_release);
 }
 
+// The node is made before the block is taken over: on failure the caller still owns it.
 std::int32_t keepBlock(vesk_request* req, void* block) {
   auto* node = static_cast<veskKeptBlock*>(req->malloc(req, sizeof(veskKeptBlock)));
   if (!node) return -1;
@@ -30,6 +31,7 @@ std::int32_t keepBlock(vesk_request* req, void* block) {
 
 void releaseKeptBlocks(vesk_request* req) {
   veskKeptBlock* node = req->keptBlocks;
+  // Emptied first, so that a `free` that looks at the record finds nothing half-released.
   req->keptBlocks = nullptr;
   while (node) {
     veskKeptBlock* next = node->next;

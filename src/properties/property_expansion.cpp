@@ -29,6 +29,7 @@ std::int32_t find_variable(const char* text, const char** start, const char** en
 
 static char* expandValue(Expansion* expansion, const char* value);
 
+// "{default}" asks for the default by name; without defaults it stands for itself.
 static const char* findValue(const Expansion* expansion, const char* key) {
   const char* value = getPropertyValue(expansion->table, key);
   const bool asksForDefault = !value || std::strcmp(value, "{default}") == 0;
@@ -52,6 +53,8 @@ static char* copyUnchanged(Expansion* expansion, const char* text) {
 
 // The text that a reference stands for, new; null when it stands for nothing.
 static char* resolve(Expansion* expansion, const char* name) {
+  // Counted at every level alike: values that refer to each other in width cost as much
+  // as those that do so in depth.
   --expansion->lookupsLeft;
   if (expansion->serverVariables && std::strcmp(name, "vesk.server.rootdir") == 0) {
     if (!expansion->serverName) return nullptr;
@@ -93,6 +96,7 @@ static char* replaceReference(Expansion* expansion, char* text, std::ptrdiff_t s
   char* value = resolve(expansion, text + start + 1);
   char* replaced = nullptr;
   if (!expansion->outOfMemory)
+    // The two NULs have cut the text into head, name and tail.
     replaced = joined(expansion, text, value ? value : "", text + end + 1);
   doFree(nullptr, value);
   doFree(nullptr, text);
@@ -119,6 +123,8 @@ static char* expandReferences(Expansion* expansion, char* text) {
   const char* start = nullptr;
   const char* end = nullptr;
   while (text && find_variable(text, &start, &end)) {
+    // Past a limit the references go and the text stays: a setting that can't be expanded
+    // in full is still better than none.
     if (expansion->lookupsLeft == 0 || expansion->depth > kMaxExpansionDepth) {
       removeReferences(text);
       return text;
@@ -130,6 +136,7 @@ static char* expandReferences(Expansion* expansion, char* text) {
 
 static char* expandValue(Expansion* expansion, const char* value) {
   char* text = copyUnchanged(expansion, value ? value : "");
+  // The depth counts what is open and not what was: siblings don't add up.
   ++expansion->depth;
   text = expandReferences(expansion, text);
   --expansion->depth;

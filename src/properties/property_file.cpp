@@ -29,6 +29,7 @@ struct Parser {
   Extent value;    // raw: escapes and carriage returns still in it
 };
 
+// A comment without a line end is the text's end.
 static Line skipComment(Parser* parser) {
   const char* end = std::strchr(parser->at, '\n');
   if (!end) return Line::last;
@@ -111,6 +112,8 @@ static Line addParsedPair(Parser* parser) {
     return Line::lost;
   }
   req->trace(req, "  %.100s = %.200s", key, value);
+  // A full table has told of the pair; the rest of the text is read all the same, since
+  // further lines may still be worth their trace.
   if (addProperty1(req, parser->table, key, value) < 0) {
     req->permFree(req, key);
     req->permFree(req, value);
@@ -141,6 +144,7 @@ propertyTable* parseProperties(vesk_request* req, const char* text) {
 // Bytes of an open file; 0 when it can't be told; -1 for what holds no text.
 static std::int64_t sizeOfFile(std::FILE* file) {
   struct stat status;
+  // A folder opens like a file, and fails only at the read.
   if (fstat(fileno(file), &status) == 0 && S_ISDIR(status.st_mode)) return -1;
   if (std::fseek(file, 0, SEEK_END) != 0) return 0;
   const long size = std::ftell(file);
@@ -151,6 +155,7 @@ static std::int64_t sizeOfFile(std::FILE* file) {
 static bool readWhole(std::FILE* file, char* bytes, std::int64_t size) {
   if (std::fseek(file, 0, SEEK_SET) != 0) return false;
   const std::size_t count = std::fread(bytes, 1, static_cast<std::size_t>(size), file);
+  // A file that shrank between the two calls gives fewer bytes than its size.
   bytes[count] = '\0';
   return count > 0;
 }
@@ -186,6 +191,7 @@ propertyTable* loadProperties(vesk_request* req, const char* path) {
 }
 
 propertyTable* loadProperties1(const char* path) {
+  // The forms without a record serve callers outside any request: plain heap, no log.
   vesk_request silent;
   init_allocators(&silent);
   return loadProperties(&silent, path);

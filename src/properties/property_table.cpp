@@ -4,6 +4,7 @@
 #include "context/request_setup.h"
 #include "properties/vesk_property.h"
 
+// From the front: of a key that a server sent twice, the first one counts.
 static std::int32_t findProperty(const propertyTable* table, const char* key) {
   for (std::int32_t index = 0; index < table->count; ++index) {
     if (std::strcmp(table->entries[index].key, key) == 0) return index;
@@ -16,6 +17,8 @@ const char* getPropertyValue(const propertyTable* table, const char* key) {
   return index < 0 ? nullptr : table->entries[index].value;
 }
 
+// Columns elsewhere are parallel to the pairs, so the table never grows: what doesn't fit
+// is told and left out.
 static bool isFull(vesk_request* req, const propertyTable* table, const char* key,
                    const char* value) {
   if (table->count < kMaxProperties) return false;
@@ -37,6 +40,8 @@ static std::int32_t replaceValue(vesk_request* req, propertyTable* table,
 
 static std::int32_t addCopies(vesk_request* req, propertyTable* table, const char* key,
                               const char* value) {
+  // Both copies are made before the table is touched: a pair is there whole or not at
+  // all.
   char* keyCopy = req->permStrdup(req, key);
   if (!keyCopy) return -1;
   char* valueCopy = req->permStrdup(req, value);
@@ -80,6 +85,7 @@ std::int32_t removePropertyByIndex(vesk_request* req, propertyTable* table,
   freePerm(req, pair->value);
 
   const std::int32_t later = table->count - index - 1;
+  // Order is meaning here, for sorted mappings above all: the rest moves up.
   std::memmove(pair, pair + 1, static_cast<std::size_t>(later) * sizeof(property));
   table->entries[--table->count] = {.key = nullptr, .value = nullptr};
   return table->count;
@@ -87,6 +93,8 @@ std::int32_t removePropertyByIndex(vesk_request* req, propertyTable* table,
 
 std::int32_t removeProperty(vesk_request* req, propertyTable* table, const char* key,
                             const char* value) {
+  // Setting first finds the pair, and makes one where there is none: so the outcome is
+  // the same whether the key was there, and the result always counts a removal.
   const std::int32_t index = setProperty(req, table, key, value);
   return index < 0 ? -1 : removePropertyByIndex(req, table, index);
 }

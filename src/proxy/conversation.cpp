@@ -78,10 +78,12 @@ Next onPutClusterSeq(Conversation* talk) {
   }
   req->traceE(req, talk->kind->sequenceTraceFlag, "PROXY_PUT_CLUSTER_SEQ <- [%d] seq %d",
               talk->sock, number);
+  // The last number counts: a server may send a newer one while it answers.
   if (talk->sequence) *talk->sequence = number;
   return Next::readCommand;
 }
 
+// A dozen rows at most: a walk is as quick as any table.
 static const CommandRow* findRow(const ConversationKind* kind, std::int32_t command) {
   for (std::size_t i = 0; i < kind->count; ++i)
     if (kind->rows[i].command == command) return &kind->rows[i];
@@ -140,6 +142,7 @@ std::int32_t runConversation(Conversation* talk) {
     talk->kind->abandon(talk);
     destroyVeskConnection(talk->req, talk->proxy, talk->connection);
   }
+  // Whoever still looks must not find a record that another thread may use by now.
   talk->connection = nullptr;
   return finished ? 0 : -1;
 }

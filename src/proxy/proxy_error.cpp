@@ -20,6 +20,8 @@ struct ErrorMessages {
   const char* errorMessage;   // what the page shows
 };
 
+// The page names no server and no error number: a browser's user can do nothing with
+// either, and an attacker can.
 constexpr ErrorMessages kErrorMessages[] = {
     {ECONNRESET, "Vesk unexpectedly closed connection", "Vesk closed connection"},
     {EPIPE, "Vesk unexpectedly closed connection", "Vesk closed connection"},
@@ -38,6 +40,7 @@ constexpr ErrorMessages kErrorMessages[] = {
 constexpr ErrorMessages kOtherError = {0, "Vesk Connector protocol error",
                                        "Vesk Connector Protocol Error"};
 
+// What has no row is the protocol's fault as far as a browser is concerned.
 static const ErrorMessages& messagesFor(std::int32_t error) {
   for (const ErrorMessages& row : kErrorMessages)
     if (row.error == error) return row;
@@ -49,6 +52,8 @@ static void sendPage(vesk_request* req, char* page, const char* message) {
       std::snprintf(page, kPageSize, "%s<P><B>%s.</B>", kPageText, message);
   req->setStatus(req, kServiceUnavailable, "Server Error");
   req->addHeader(req, "content-type", "text/html");
+  // The page is the last word of this request: responseStarted is set even where it could
+  // not be written, so that the host doesn't add a page of its own behind half of one.
   (void)req->writeClient(req, page, length);  // there is nobody else to tell
   req->responseStarted = 1;
 }
@@ -56,11 +61,13 @@ static void sendPage(vesk_request* req, char* page, const char* message) {
 void proxyerror(vesk_request* req, veskProxy* proxy) {
   const std::int32_t error = req->lastError;
   const ErrorMessages& messages = messagesFor(error);
+  // A browser that has gone can't be shown a page, and it is no event for the log.
   if (error == EVESK_CLIENT_DOWN) {
     req->trace(req, "proxyerror: EVESK_CLIENT_DOWN: statusMsg: %s, errorMsg: %s",
                messages.statusMessage, messages.errorMessage);
     return;
   }
+  // Another server may still answer: a page now would stand in front of that answer.
   if (req->deferError) {
     req->log(req, "%s deferred error: %s : %d: %s", proxy ? proxy->name : "<null>",
              messages.errorMessage, error, describeError(error));

@@ -20,6 +20,7 @@ struct ServerAddress {
   std::int32_t port;
 };
 
+// In field order. Nobody else writes these but a test.
 static void installOperations(veskProxy* proxy) {
   proxy->handleRequest = proxy_handleRequest;
   proxy->destroyInetProxy = proxy_destroyInetProxy;
@@ -38,6 +39,7 @@ veskProxy* veskProxyNew(vesk_request* req) {
   auto* proxy = static_cast<veskProxy*>(newPermZeroed(req, sizeof(veskProxy)));
   if (!proxy) return nullptr;
   installOperations(proxy);
+  // A proxy without a lock would let two threads into its pool: better none.
   initSync(req, &proxy->lock, &proxy->lockHeld);
   if (!proxy->lock) {
     req->permFree(req, proxy);
@@ -59,6 +61,7 @@ static std::int32_t parseServer(const char* server, ServerAddress* out) {
   return 0;
 }
 
+// The rest of the field is cleared: names are compared over their whole length.
 static void copyName(veskProxy* proxy, const char* server) {
   const std::size_t length = strnlen(server, kProxyNameSize - 1);
   std::memcpy(proxy->name, server, length);
@@ -77,6 +80,8 @@ static std::int32_t applyProps(veskProxy* proxy, vesk_request* req,
   return 0;
 }
 
+// The record is filled only as far as the server answered; destroyInetProxy copes with
+// every state, so a failure needs no way back here.
 static std::int32_t setUpFromServer(veskProxy* proxy, vesk_request* req,
                                     std::int32_t retryInterval) {
   if (veskMetrics) {
@@ -110,6 +115,7 @@ static std::int32_t setUp(veskProxy* proxy, vesk_request* req, const char* serve
     req->log(req, "Invalid server %.200s. Please use <ip>:<port> notation", server);
     return -1;
   }
+  // The pool comes first: all that follows talks to the server through it.
   std::int32_t result = makePool(proxy, req, address);
   if (result == 0 && !temp) result = setUpFromServer(proxy, req, retryInterval);
   if (result < 0) req->log(req, "could not initialize proxy for %s", proxy->name);
@@ -144,6 +150,7 @@ static void destroyBalance(veskProxy* proxy, vesk_request* req) {
 }
 
 std::int32_t proxy_destroyInetProxy(veskProxy* proxy, vesk_request* req) {
+  // The lock is left before the proxy goes: its record holds it.
   const std::int32_t left = proxy->release(proxy, req);
   if (left > 0) return left;
   destroyPool(proxy, req);

@@ -41,6 +41,8 @@ static std::int32_t attributeSize(vesk_request* req, const char* name) {
   return std::max(req->getAttributeSize(req, name), 0);
 }
 
+// Two passes, one that measures and one that writes: the frame is one block, and its
+// length stands in front. Both must see the same values, so they are fetched once.
 static std::int64_t attributesSize(const RequestItems& items) {
   vesk_request* req = items.req;
   std::int64_t total = 0;
@@ -62,6 +64,7 @@ static std::int64_t fetchVariables(RequestItems* items) {
   return total;
 }
 
+// A name without its value would shift all that follows: both arrays, or none.
 static std::int64_t headersSize(const vesk_request* req) {
   if (!req->headerNames || !req->headerValues) return 0;
   std::int64_t total = 0;
@@ -94,6 +97,7 @@ static void putAttributes(FrameWriter* out, const RequestItems& items) {
 }
 
 static void freeVariables(const RequestItems& items) {
+  // Also those that are null: freeHeader is the host's to judge.
   for (const char* value : items.variables) items.req->freeHeader(items.req, value);
 }
 
@@ -160,6 +164,7 @@ std::int32_t buildRequest(vesk_request* req, char** outFrame, const char* extra)
   putItemWord(&out, PROXY_SERVICE_40);
   putItemWord(&out, frameSize - kFrameHead);
   putItems(&out, items);
+  // Only a host whose values change between the passes could bring this about.
   if (out.position != frameSize)
     req->log(req, "sendAllHeaders end %d should be %d", out.position, frameSize);
   *outFrame = out.buffer;
@@ -169,6 +174,7 @@ std::int32_t buildRequest(vesk_request* req, char** outFrame, const char* extra)
 std::int32_t sendPostData(vesk_request* req, std::int32_t wanted,
                           const VeskConnection* connection) {
   req->trace(req, "  getPostData content-length: %d", wanted);
+  // A server may ask for any number; one frame holds this much, and it asks again.
   const std::int32_t most = std::clamp(wanted, 0, kMaxBodyBytes);
   RequestBlock frame{req, req->malloc(req, kFrameHead + most)};
   if (!frame.bytes) return 0;
@@ -177,6 +183,7 @@ std::int32_t sendPostData(vesk_request* req, std::int32_t wanted,
       std::min(req->getPostData(req, frame.bytes + kFrameHead, most), most);
   req->trace(req, "getPostData returned %d", count);
   putWord(frame.bytes, PROXY_PUT_DATA);
+  // The count goes out as it is: -1 tells the server that the browser broke off.
   putWord(frame.bytes + kWordSize, count);
   // The frame goes out all the same: what follows is the server's decision.
   if (count < 0) req->log(req, "sendPostData: error reading from client");
@@ -199,6 +206,7 @@ static char* endOfValue(char* value) {
 char* nextHeader(char* text, char** outName, char** outValue) {
   char* colon = std::strstr(text, ": ");
   if (!colon) return nullptr;
+  // The text is the connector's own copy: cutting it in place costs no allocation.
   *colon = '\0';
   char* value = colon + 2;
   char* end = endOfValue(value);

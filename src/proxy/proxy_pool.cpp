@@ -81,6 +81,7 @@ static void noteConnectFailure(vesk_request* req, veskProxy* proxy) {
 }
 
 static VeskConnection* connectNew(vesk_request* req, veskProxy* proxy) {
+  // On a copy: no lock is held while a connect lasts.
   const sockaddr_in address = proxy->pool->address;
   const std::int32_t sock = req->connect(req, &address);
   VeskConnection* connection = sock < 0 ? nullptr : newPingedConnection(req, proxy, sock);
@@ -132,6 +133,7 @@ void returnVeskConnectionToPool(vesk_request* req, veskProxy* proxy,
   const std::int32_t sock = connection->socket;
   {
     SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
+    // A connection that comes back whole is the proof that the server can be reached.
     setProxyRetryTime(proxy, 0);
     connection->next = proxy->pool->freeConnections;
     proxy->pool->freeConnections = connection;
@@ -156,6 +158,7 @@ static void noteLostConnectionLocked(vesk_request* req, veskProxy* proxy,
     setProxyRetryTime(proxy, 0);
   }
   if (spoilsIdleConnections(req->lastError)) proxy->destroyPooledSockets(req, proxy);
+  // A server that lost a connection may have been started anew, with other mappings.
   if (proxy->mapCheckInterval != 0) setMapCheckTime(proxy, now - 1);
 }
 
@@ -172,6 +175,9 @@ void destroyVeskConnection(vesk_request* req, veskProxy* proxy,
   req->permFree(req, connection);
 }
 
+// A server that reset one connection has reset them all, or will: each would cost a
+// request its first try. The lock stays held, since the list must not be seen
+// half-closed.
 void proxy_destroyPooledSockets(vesk_request* req, veskProxy* proxy) {
   if (!proxy->pool || !proxy->pool->freeConnections) return;
   req->traceE(req, kTraceDetail, "%s freeing pooled sockets", proxy->name);

@@ -30,6 +30,7 @@ static Next onPutProps(Conversation* talk) {
 static Next onBusy(Conversation* talk) {
   vesk_request* req = talk->req;
   req->log(req, "Vesk unable to fetch %.250s <- [%d], proxy busy", talk->set, talk->sock);
+  // No connection failed: the idle ones of this server stay.
   req->lastError = EVESK_BUSY;
   return Next::abort;
 }
@@ -41,11 +42,13 @@ constexpr CommandRow kPropsCommands[] = {
     {PROXY_PUT_CLUSTER_SEQ, nullptr, onPutClusterSeq},
 };
 
+// lastError stays as it is: nobody shows a page about properties.
 static void refuseCommand(Conversation* talk) {
   talk->req->log(talk->req, "Unexpected command %d <- [%d] while fetching %.250s",
                  talk->command, talk->sock, talk->set);
 }
 
+// A set has no end of its own to tell anybody.
 static void finishProps(Conversation* /*talk*/) {}
 
 static void abandonProps(Conversation* talk) {
@@ -90,6 +93,7 @@ propertyTable* fetchProps(vesk_request* req, veskProxy* proxy, const char* set,
     return nullptr;
   }
   req->trace(req, "PROXY_GET_PROPS(%.250s) -> [%d]", set, talk.sock);
+  // Null here is no failure of the line: the server had nothing to say.
   if (runConversation(&talk) == 0) return talk.answer;
   freeProperties(req, talk.answer);
   return nullptr;

@@ -91,11 +91,14 @@ static void noteFailedRefresh(veskProxy* proxy, vesk_request* req, std::int64_t 
 }
 
 std::int32_t proxy_refreshMappings(veskProxy* proxy, vesk_request* req) {
+  // One reading of the clock for all that is decided here, so that the parts agree.
   const std::int64_t now = req->now(req);
   if (!isRefreshDue(proxy, now)) return 1;
   if (!claimRefresh(proxy, req, now)) return -1;
 
   req->trace(req, "refreshing mappings for %s", proxy->name);
+  // An empty set would take every mapping from a server that may only be starting up: the
+  // old ones stay.
   propertyTable* table = fetchProps(req, proxy, "servlet-mappings", nullptr);
   if (!table || table->count == 0) {
     freeProperties(req, table);

@@ -16,6 +16,7 @@ static Next onGetHeader(Conversation* talk) {
   RequestBlock name{req, readOperand(talk, nullptr)};
   if (!name.bytes) return Next::abort;
   const char* value = req->getHeader(req, name.bytes);
+  // The value is the host's, and goes back whether it could be sent or not.
   const std::int32_t result = writeString(req, talk->sock, value);
   req->freeHeader(req, value);
   return result < 0 ? Next::abort : Next::readCommand;
@@ -75,6 +76,8 @@ static Next onPutClient(Conversation* talk) {
   RequestBlock body{req, readOperand(talk, &length)};
   if (!body.bytes) return Next::abort;
   const std::int32_t result = req->writeClient(req, body.bytes, length);
+  // Also after a failed write: part of the block may have gone out, and no page may
+  // follow it as if it were the first.
   req->responseStarted = 1;
   if (result != -1) return Next::readCommand;
   req->lastError = EVESK_CLIENT_DOWN;
@@ -82,6 +85,7 @@ static Next onPutClient(Conversation* talk) {
   return givenUp ? Next::abort : Next::readCommand;
 }
 
+// The body is read only when the server asks: what it leaves unread stays the host's.
 static Next onGetData(Conversation* talk) {
   vesk_request* req = talk->req;
   std::int32_t wanted = 0;
@@ -117,6 +121,7 @@ static Next onSetAttribute(Conversation* talk) {
   const char* keptName = name.bytes;
   const char* keptValue = value.bytes;
   if (keep(&name) < 0 || keep(&value) < 0) return Next::abort;
+  // setAttribute has no result; a list that hasn't grown tells that it failed.
   const veskAttribute* before = req->attributes;
   req->setAttribute(req, keptName, keptValue, length);
   if (req->attributes == before) {  // no memory for the node
@@ -127,6 +132,7 @@ static Next onSetAttribute(Conversation* talk) {
   return Next::readCommand;
 }
 
+// A busy server is well: its connection is dropped, and no idle one with it.
 static Next onBusy(Conversation* talk) {
   talk->req->lastError = EVESK_BUSY;
   return Next::abort;
@@ -138,6 +144,8 @@ static Next onPutLoadValue(Conversation* talk) {
   std::int32_t word = 0;
   if (readNumber(talk, &word) < 0) return Next::abort;
   const std::int64_t weight = static_cast<std::uint32_t>(word);
+  // Without a lock: whoever chooses sees the old weight or the new one, and both were
+  // true.
   setProxyWeight(talk->proxy, weight);
   req->trace(req, "    load val: %i", word);  // the 32 bits as the format takes them
   return Next::readCommand;

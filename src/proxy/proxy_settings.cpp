@@ -52,6 +52,7 @@ static void readIntervals(veskProxy* proxy, vesk_request* req, const propertyTab
   setProxyRetryTime(proxy, 0);
 }
 
+// Told per server, since the limits of the request that set it up are the ones in force.
 static void traceTimeouts(const veskProxy* proxy, vesk_request* req) {
   constexpr std::int32_t kMillisPerSecond = 1000;
   req->traceE(req, kTraceState, "%s socket timeouts (c%d/r%d/s%d) secs", proxy->name,
@@ -77,6 +78,7 @@ static std::int32_t readBalance(veskProxy* proxy, vesk_request* req,
                                 const propertyTable* props) {
   auto* balance = static_cast<proxyBalance*>(newPermZeroed(req, sizeof(proxyBalance)));
   if (!balance) return -1;
+  // Hung in before it is filled: destroying the proxy frees it from here on.
   proxy->balance = balance;
   balance->active = 1;
   balance->weight = numberOr(props, "weight", 1);

@@ -10,6 +10,7 @@ std::int32_t proxyAddRef(veskProxy* proxy, vesk_request* req) {
   return ++proxy->refCount;
 }
 
+// Never below 0: the table releases until 0 and then destroys, whatever was counted.
 std::int32_t proxyRelease(veskProxy* proxy, vesk_request* req) {
   SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
   if (proxy->refCount > 0) --proxy->refCount;
@@ -21,6 +22,7 @@ void setNextMapCheckTime(vesk_request* /*req*/, veskProxy* proxy, std::int64_t n
   setMapCheckTime(proxy, interval != 0 ? now + interval : kNever);
 }
 
+// An interval of 0 switches the timed retry off, and a timer of 0 says "not marked".
 void setNextProxyRetryTime(vesk_request* /*req*/, veskProxy* proxy, std::int64_t now) {
   const std::int32_t interval = proxy->proxyRetryInterval;
   setProxyRetryTime(proxy, interval != 0 ? now + interval : 0);
@@ -32,6 +34,8 @@ std::int32_t isVeskServerUnreachable(const vesk_request* req, std::int32_t conne
     case EHOSTDOWN:
     case EHOSTUNREACH:
       return 1;
+      // While connecting, these two mean that nobody is there. On a connection that
+      // served before they say only that this one is gone.
     case EPIPE:
     case ETIMEDOUT:
       return connecting != 0 ? 1 : 0;
@@ -52,6 +56,7 @@ static void storeNumber(std::int64_t* field, std::int64_t number) {
   std::atomic_ref<std::int64_t>(*field).store(number, std::memory_order_relaxed);
 }
 
+// A temp proxy stands in no list, so nobody may take it for one in service.
 bool isProxyActive(const veskProxy* proxy) {
   if (!proxy->balance) return false;
   return std::atomic_ref<std::uint32_t>(proxy->balance->active)

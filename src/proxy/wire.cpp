@@ -16,6 +16,7 @@ const VariableName VARIABLE_NAMES[kVariableCount] = {
     {35, "AUTH_TYPE"},
 };
 
+// Byte by byte: neither side's order nor alignment plays a part.
 void putWord(char* at, std::int32_t word) {
   const auto bits = static_cast<std::uint32_t>(word);
   at[0] = static_cast<char>(bits >> 24U);
@@ -36,6 +37,7 @@ std::int32_t appendWord(char* buffer, std::int32_t position, std::int32_t word) 
   return position + kWordSize;
 }
 
+// The caller has added up the same lengths in 64 bits and sized the buffer by them.
 std::int32_t appendString(char* buffer, std::int32_t position, const char* text) {
   const auto length = static_cast<std::int32_t>(textLength(text));
   position = appendWord(buffer, position, length);
@@ -43,6 +45,8 @@ std::int32_t appendString(char* buffer, std::int32_t position, const char* text)
   return position + length;
 }
 
+// The operation may send less than asked for; a result of 0 would repeat for ever, and
+// ends the loop as a failure.
 std::int32_t sendBytes(vesk_request* req, const char* buffer, std::int32_t length,
                        std::int32_t sock) {
   std::int32_t sent = 0;
@@ -70,6 +74,8 @@ std::int32_t readFully(vesk_request* req, char* buffer, std::int32_t length,
     req->trace(req, "read/len/total %d/%d/%d", result, length, total);
   }
   if (total == length) return 0;
+  // The socket layer takes a close for the end of a stream, which it is. Here an element
+  // is missing, and that is a failure like a reset.
   if (result == 0) {
     req->lastError = ECONNRESET;
     req->traceE(req, kTraceState, "readFully: [%d] peer closed connection", sock);
@@ -89,6 +95,7 @@ char* readData(std::int32_t sock, vesk_request* req, std::int32_t* outLength,
                veskProxy* proxy) {
   std::int32_t length = 0;
   if (readWord(req, sock, proxy, &length) < 0) return nullptr;
+  // lastError stays 0: it was no failure of the line, and the page says "protocol error".
   if (length < 0) return nullptr;
 
   RequestBlock data{req, newBlock(req, std::int64_t{length} + 1)};
@@ -98,6 +105,7 @@ char* readData(std::int32_t sock, vesk_request* req, std::int32_t* outLength,
   }
   if (readFully(req, data.bytes, length, sock, proxy) < 0) return nullptr;
 
+  // Texts of the protocol have no NUL of their own, and every user takes them as C texts.
   data.bytes[length] = '\0';
   if (outLength) *outLength = length;
   return data.handOn();
