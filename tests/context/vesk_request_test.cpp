@@ -8,7 +8,6 @@
 #include "context/attributes.h"
 #include "context/clock.h"
 #include "context/request_setup.h"
-#include "context/vesk_error.h"
 #include "support/recorded_request.h"
 
 TEST(request, freshRecordsAreUsableAndSilent) {
@@ -33,23 +32,6 @@ TEST(request, freshRecordsAreUsableAndSilent) {
       req->free(req, block);
     }
   }
-}
-
-TEST(request, copiesThatFailNameTheirFamily) {
-  RecordedRequest t;
-  vesk_request plain;
-  init_vesk_request(&plain);
-  plain.rq = &t;
-  plain.log = t.req->log;
-  plain.malloc = [](vesk_request*, std::int32_t) -> void* { return nullptr; };
-  plain.permMalloc = plain.malloc;
-
-  EXPECT_EQ(plain.strdup(&plain, "abc"), nullptr);
-  EXPECT_EQ(plain.permStrdup(&plain, "abcde"), nullptr);
-  plain.free(&plain, nullptr);
-
-  EXPECT_EQ(t.all(),
-            "log: strdup(3) failed!\nlog: perm_strdup(5) failed!\nlog: free(null) !\n");
 }
 
 TEST(attributes, newestOfANameIsFoundAndBothAreNamed) {
@@ -113,11 +95,4 @@ TEST(attributes, newestOfANameIsFoundInALongListWithAndWithoutItsIndex) {
     t.req->freeAttributes(t.req);
     EXPECT_EQ(t.leaks(), 0);
   }
-}
-
-TEST(describeError, givesConstantTextsAndTheLibrarysForTheRest) {
-  EXPECT_STREQ(describeError(EVESK_BUSY), "Vesk too busy or out of memory");
-  EXPECT_STREQ(describeError(EVESK_PROTOCOL), "Vesk connector protocol out of sync");
-  EXPECT_STREQ(describeError(EVESK_CLIENT_DOWN), "-12 Unknown error -12");
-  EXPECT_STREQ(describeError(0), "0 Success");
 }
