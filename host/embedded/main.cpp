@@ -15,7 +15,9 @@
 #include "embedded/error_log.h"
 #include "embedded/http_exchange.h"
 #include "embedded/server.h"
-#include "layer/server_hooks.h"
+#include "layer/critical_sections.h"
+#include "layer/process_settings.h"
+#include "layer/restart_callbacks.h"
 #include "layer/stages.h"
 
 namespace host {

@@ -14,7 +14,8 @@
 
 #include "httpd/config.h"
 #include "httpd/mod_nsapi.h"
-#include "layer/server_hooks.h"
+#include "layer/process_settings.h"
+#include "layer/restart_callbacks.h"
 
 APLOG_USE_MODULE(nsapi);
 

@@ -8,10 +8,12 @@
 #include <cstring>
 #include <string>
 
+#include "layer/critical_sections.h"
 #include "layer/parameters.h"
 #include "layer/pool.h"
+#include "layer/process_settings.h"
 #include "layer/request.h"
-#include "layer/server_hooks.h"
+#include "layer/restart_callbacks.h"
 #include "layer/uri.h"
 
 namespace host {

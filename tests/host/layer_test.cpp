@@ -9,7 +9,6 @@
 #include "layer/directive.h"
 #include "layer/parameters.h"
 #include "layer/request.h"
-#include "layer/server_hooks.h"
 #include "layer/stages.h"
 #include "layer/uri.h"
 
