@@ -2,11 +2,11 @@
 
 #include <arpa/inet.h>
 
-#include <charconv>
-#include <iterator>
+#include <cstdint>
 #include <set>
 
 #include "layer/builtins.h"
+#include "layer/text.h"
 
 namespace host {
 
@@ -27,17 +27,12 @@ struct Reader {
 };
 
 static bool isBlank(char c) {
-  return c == ' ' || c == '\t';
+  return kBlanks.find(c) != std::string_view::npos;
 }
 
+// A file from another system may have a carriage return at the end of its lines.
 static std::string_view trimmed(std::string_view text) {
-  while (!text.empty() && (isBlank(text.front()) || text.front() == '\r')) {
-    text.remove_prefix(1);
-  }
-  while (!text.empty() && (isBlank(text.back()) || text.back() == '\r')) {
-    text.remove_suffix(1);
-  }
-  return text;
+  return trimmed(text, " \t\r");
 }
 
 static bool joinLine(std::vector<LogicalLine>* lines, int number, std::string_view line) {
@@ -87,11 +82,6 @@ static std::string valueOf(std::string_view text) {
   return std::string(trimmed(text));
 }
 
-static bool parseNumber(std::string_view text, int* number) {
-  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), *number);
-  return !text.empty() && error == std::errc{} && end == text.data() + text.size();
-}
-
 static bool isAddress(const std::string& address) {
   in6_addr binary{};
   if (inet_pton(AF_INET, address.c_str(), &binary) == 1) return true;
@@ -101,11 +91,12 @@ static bool isAddress(const std::string& address) {
 
 static std::string readListen(Reader* reader, const std::string& value,
                               const std::string& where) {
-  std::size_t colon = value.rfind(':');
-  int port = -1;
-  bool good = colon != std::string::npos && isAddress(value.substr(0, colon)) &&
-              parseNumber(value.substr(colon + 1), &port) && port >= 0 &&
-              port <= kMaxPort;
+  const std::size_t colon = value.rfind(':');
+  bool good = colon != std::string::npos && isAddress(value.substr(0, colon));
+  if (good) {
+    const std::int64_t port = numberOf(std::string_view(value).substr(colon + 1));
+    good = port >= 0 && port <= kMaxPort;
+  }
   if (!good) return "Listen needs ADDRESS:PORT, not \"" + value + "\"";
   reader->config->listeners.emplace_back(value, where);
   return {};
@@ -136,11 +127,11 @@ static std::string readDirectoryIndex(Reader* reader, const std::string& value,
 
 static std::string readThreads(Reader* reader, const std::string& value,
                                const std::string&) {
-  int threads = 0;
-  if (!parseNumber(value, &threads) || threads < 1 || threads > kMaxThreads) {
+  const std::int64_t threads = numberOf(value);
+  if (threads < 1 || threads > kMaxThreads) {
     return "Threads needs a number from 1 to " + std::to_string(kMaxThreads);
   }
-  reader->config->threads = threads;
+  reader->config->threads = static_cast<int>(threads);
   return {};
 }
 
@@ -237,7 +228,7 @@ static std::string readObjectEnd(Reader* reader) {
 static std::string readLine(Reader* reader, const LogicalLine& line) {
   std::string where = at(reader->file, line.number);
   std::string_view text = line.text;
-  std::string_view name = text.substr(0, text.find_first_of(" \t"));
+  std::string_view name = text.substr(0, text.find_first_of(kBlanks));
   text.remove_prefix(name.size());
   if (name == "<Object") return readObjectStart(reader, trimmed(text), where);
   if (name == "</Object>") return readObjectEnd(reader);
@@ -254,9 +245,7 @@ static std::string readLine(Reader* reader, const LogicalLine& line) {
 // DirectoryIndex may stand behind the line that uses it.
 static std::string completeStages(Config* config) {
   for (auto& [stage, directive] : config->stages) {
-    const std::string& function = *directive.find("fn");
-    if (function != "document-root" && function != "document_root") continue;
-    std::string reason = completeDocumentRoot(&directive, config->directoryIndex);
+    std::string reason = completeBuiltin(&directive, config->directoryIndex);
     if (!reason.empty()) return directive.where + ": " + reason;
   }
   return {};

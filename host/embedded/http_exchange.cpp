@@ -11,6 +11,8 @@
 
 #include "embedded/client_input.h"
 #include "layer/parameters.h"
+#include "layer/status.h"
+#include "layer/text.h"
 #include "layer/uri.h"
 
 namespace host {
@@ -50,16 +52,6 @@ static bool headIsWhole(const mg_request_info* info) {
   return headEndsBehind(info->http_headers[info->num_headers - 1].value);
 }
 
-static std::string_view trimmed(std::string_view text) {
-  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) {
-    text.remove_prefix(1);
-  }
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) {
-    text.remove_suffix(1);
-  }
-  return text;
-}
-
 static std::string lowerCase(std::string_view text) {
   std::string lower(text);
   for (char& c : lower) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
@@ -74,7 +66,8 @@ static bool addHeaders(pblock* headers, const mg_request_info* info) {
   for (int i = 0; i < info->num_headers; ++i) {
     const mg_header& header = info->http_headers[i];
     std::string name = lowerCase(header.name);
-    if (!add(headers, name.c_str(), std::string(trimmed(header.value)))) return false;
+    if (!add(headers, name.c_str(), std::string(trimmed(header.value, kBlanks))))
+      return false;
   }
   return true;
 }
@@ -103,16 +96,17 @@ static bool addRequestLine(pblock* reqpb, const mg_request_info* info,
 
 int HttpExchange::readHead(HostRequest* request) {
   keepAlive_ = wantsKeepAlive();
-  if (!headIsWhole(info_)) return info_->num_headers < MG_MAX_HEADERS ? 400 : 431;
+  if (!headIsWhole(info_))
+    return info_->num_headers < MG_MAX_HEADERS ? kBadRequest : kHeadTooLarge;
   int status = body_.open(info_);
   if (status) return status;
   std::string uri;
-  if (!info_->request_uri || !decodeUri(rawPath(info_), &uri)) return 400;
-  if (uri.empty() || (uri.front() != '/' && uri != "*")) return 400;
+  if (!info_->request_uri || !decodeUri(rawPath(info_), &uri)) return kBadRequest;
+  if (uri.empty() || (uri.front() != '/' && uri != "*")) return kBadRequest;
   bool filled = addRequestLine(request->reqpb, info_, uri) &&
                 addHeaders(request->headers, info_) &&
                 add(request->session.client, "ip", info_->remote_addr);
-  return filled ? 0 : 500;
+  return filled ? 0 : kServerError;
 }
 
 bool HttpExchange::send(const char* bytes, std::size_t size) {

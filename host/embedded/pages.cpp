@@ -11,6 +11,8 @@
 
 #include "embedded/response.h"
 #include "layer/parameters.h"
+#include "layer/status.h"
+#include "layer/text.h"
 #include "layer/uri.h"
 
 namespace host {
@@ -66,25 +68,7 @@ static void setHeader(HostRequest* request, const char* name, std::string_view v
 static bool start(HostRequest* request, int status, const char* reason) {
   request->status_num = static_cast<short>(status);
   request->reason = reason;
-  request->responseStarted = true;
-  request->senthdrs = 1;
-  return request->exchange->startResponse(request) == REQ_PROCEED;
-}
-
-static std::string escaped(std::string_view text) {
-  std::string html;
-  for (char c : text) {
-    if (c == '&') {
-      html += "&amp;";
-    } else if (c == '<') {
-      html += "&lt;";
-    } else if (c == '>') {
-      html += "&gt;";
-    } else {
-      html += c;
-    }
-  }
-  return html;
+  return startResponse(request) == REQ_PROCEED;
 }
 
 // Drops the headers that told about the response that isn't sent.
@@ -94,16 +78,15 @@ static void keepErrorHeaders(pblock* headers) {
   for (pb_entry* entry = headers->ht[0]; entry;) {
     const char* name = entry->param->name;
     entry = entry->next;
-    bool keep = std::any_of(std::begin(kKept), std::end(kKept), [name](auto kept) {
-      return strcasecmp(name, kept.data()) == 0;
-    });
+    bool keep = std::any_of(std::begin(kKept), std::end(kKept),
+                            [name](auto kept) { return equalsNoCase(name, kept); });
     if (!keep) freeParameter(findParameter(headers, name, true));
   }
 }
 
 void sendErrorPage(HostRequest* request, int status, const char* reason) {
   std::string title =
-      std::to_string(status) + " " + escaped(reason ? reason : usualReason(status));
+      std::to_string(status) + " " + htmlOf(reason ? reason : usualReason(status));
   std::string page = "<!DOCTYPE html>\n<html><head><title>" + title +
                      "</title></head>\n<body><h1>" + title + "</h1></body></html>\n";
   keepErrorHeaders(request->srvhdrs);
@@ -145,11 +128,11 @@ static bool sendOpenFile(HostRequest* request, const std::string& path, int file
   std::string modified = httpTime(status.st_mtim.tv_sec);
   setHeader(request, "etag", tag);
   setHeader(request, "last-modified", modified);
-  if (clientHasIt(request, tag, modified)) return !start(request, 304, nullptr);
+  if (clientHasIt(request, tag, modified)) return !start(request, kNotModified, nullptr);
   const char* type = findValue(request->srvhdrs, "content-type");
   if (!type) setHeader(request, "content-type", contentType(path));
   setHeader(request, "content-length", std::to_string(status.st_size));
-  return !start(request, 200, nullptr) || copyFile(request, file, status.st_size);
+  return !start(request, kOk, nullptr) || copyFile(request, file, status.st_size);
 }
 
 // A folder without its closing slash: relative links in its index need it.
@@ -163,13 +146,13 @@ static void redirectToFolder(HostRequest* request) {
   location += "/";
   if (query != std::string_view::npos) location += raw.substr(query);
   setHeader(request, "location", location);
-  sendErrorPage(request, 301, nullptr);
+  sendErrorPage(request, kMovedPermanently, nullptr);
 }
 
 static bool sendFound(HostRequest* request, const std::string& path, int file) {
   struct stat status {};
   if (fstat(file, &status) < 0) {
-    sendErrorPage(request, 404, nullptr);
+    sendErrorPage(request, kNotFound, nullptr);
     return true;
   }
   if (S_ISDIR(status.st_mode) && path.back() != '/') {
@@ -177,7 +160,7 @@ static bool sendFound(HostRequest* request, const std::string& path, int file) {
     return true;
   }
   if (!S_ISREG(status.st_mode)) {
-    sendErrorPage(request, 404, nullptr);
+    sendErrorPage(request, kNotFound, nullptr);
     return true;
   }
   return sendOpenFile(request, path, file, status);
@@ -191,13 +174,13 @@ static bool isReadMethod(const HostRequest* request) {
 bool sendStaticFile(HostRequest* request, const std::string& path) {
   const char* uri = findValue(request->reqpb, "uri");
   if (path.empty() || !uri || uriIsEvil(uri)) {
-    sendErrorPage(request, 404, nullptr);
+    sendErrorPage(request, kNotFound, nullptr);
     return true;
   }
   // Opening a FIFO must not wait for a writer.
   int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
   if (file < 0) {
-    sendErrorPage(request, errno == EACCES ? 403 : 404, nullptr);
+    sendErrorPage(request, errno == EACCES ? kForbidden : kNotFound, nullptr);
     return true;
   }
   bool whole = true;
@@ -205,7 +188,7 @@ bool sendStaticFile(HostRequest* request, const std::string& path) {
     whole = sendFound(request, path, file);
   } else {
     setHeader(request, "allow", "GET, HEAD");
-    sendErrorPage(request, 405, nullptr);
+    sendErrorPage(request, kMethodNotAllowed, nullptr);
   }
   (void)close(file);
   return whole;

@@ -3,11 +3,12 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
 #include <string_view>
 
 #include "embedded/client_input.h"
+#include "layer/status.h"
+#include "layer/text.h"
 
 namespace host {
 
@@ -18,23 +19,14 @@ constexpr std::int64_t kMaxDrain = 1 << 20;
 // Digits of a chunk's size that can't overflow it.
 constexpr std::size_t kMaxSizeDigits = 15;
 
+// Two readers that take different bytes for a blank could disagree on where a
+// body ends, so only this one is.
 static std::string_view trimmed(std::string_view text) {
-  while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
-  while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
-  return text;
-}
-
-static bool parseNumber(std::string_view text, int base, std::int64_t* number) {
-  bool digits = !text.empty() && text.front() != '-';
-  auto [end, error] =
-      std::from_chars(text.data(), text.data() + text.size(), *number, base);
-  return digits && error == std::errc{} && end == text.data() + text.size();
+  return trimmed(text, " ");
 }
 
 static bool isWord(const char* value, std::string_view word) {
-  std::string_view text = trimmed(value);
-  return text.size() == word.size() &&
-         strncasecmp(text.data(), word.data(), word.size()) == 0;
+  return equalsNoCase(trimmed(value), word);
 }
 
 int RequestBody::open(const mg_request_info* info) {
@@ -43,17 +35,18 @@ int RequestBody::open(const mg_request_info* info) {
   for (int i = 0; i < info->num_headers; ++i) {
     const mg_header& header = info->http_headers[i];
     if (strcasecmp(header.name, "Content-Length") == 0) {
-      if (counted || !parseNumber(trimmed(header.value), 10, &left_)) return 400;
+      left_ = numberOf(trimmed(header.value));
+      if (counted || left_ < 0) return kBadRequest;
       counted = true;
     } else if (strcasecmp(header.name, "Transfer-Encoding") == 0) {
-      if (chunked_ || !http11 || !isWord(header.value, "chunked")) return 400;
+      if (chunked_ || !http11 || !isWord(header.value, "chunked")) return kBadRequest;
       chunked_ = true;
     } else if (strcasecmp(header.name, "Expect") == 0 && http11) {
-      if (!isWord(header.value, "100-continue")) return 417;
+      if (!isWord(header.value, "100-continue")) return kExpectationFailed;
       continueWaits_ = true;
     }
   }
-  if (chunked_ && counted) return 400;
+  if (chunked_ && counted) return kBadRequest;
   ended_ = !chunked_ && left_ == 0;
   return 0;
 }
@@ -96,7 +89,8 @@ bool RequestBody::openChunk() {
   text.remove_suffix(2);
   std::size_t digits = std::min(text.find(';'), text.size());
   std::size_t end = trimmed(text.substr(0, digits)).size();
-  if (end > kMaxSizeDigits || !parseNumber(text.substr(0, end), 16, &left_)) return false;
+  left_ = end > kMaxSizeDigits ? -1 : numberOf(text.substr(0, end), 16);
+  if (left_ < 0) return false;
   input.erase(end, text.size() - end);
   chunkLine_ = static_cast<std::int64_t>(end + 2);
   return true;

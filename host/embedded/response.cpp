@@ -4,19 +4,16 @@
 
 #include <algorithm>
 #include <cctype>
-#include <charconv>
 #include <cstdio>
 
-#include "layer/request.h"
+#include "layer/status.h"
+#include "layer/text.h"
 
 namespace host {
 
 // A block leaves in slices of this size, so that the time limit of a write
 // covers a slice and copying a slice behind the head stays cheap.
 constexpr std::size_t kSlice = 65536;
-
-constexpr int kNoContent = 204;
-constexpr int kNotModified = 304;
 
 // What stands for itself in a header name besides letters and digits.
 constexpr std::string_view kNameMarks = "!#$%&'*+-.^_`|~";
@@ -27,13 +24,6 @@ std::string httpTime(std::int64_t seconds) {
   (void)gmtime_r(&when, &utc);
   char text[40];
   return {text, strftime(text, sizeof(text), "%a, %d %b %Y %H:%M:%S GMT", &utc)};
-}
-
-static bool equalsNoCase(std::string_view a, std::string_view b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
-    return std::tolower(static_cast<unsigned char>(x)) ==
-           std::tolower(static_cast<unsigned char>(y));
-  });
 }
 
 static bool isNameByte(char c) {
@@ -64,14 +54,6 @@ static bool canBeSent(std::string_view name, std::string_view value) {
          isValue(value);
 }
 
-static std::int64_t parseLength(std::string_view value) {
-  std::int64_t length = 0;
-  auto [end, error] =
-      std::from_chars(value.data(), value.data() + value.size(), length, 10);
-  bool whole = error == std::errc{} && end == value.data() + value.size();
-  return whole && length >= 0 ? length : -1;
-}
-
 // Headers that say how this connection carries the response, or that the host
 // gives itself.
 static bool belongsToHost(std::string_view name) {
@@ -96,7 +78,7 @@ static void takeHeader(ResponseHead* head, const pb_param* param, bool lengthAll
   } else if (equalsNoCase(name, "content-length")) {
     // The first one that can be one counts.
     bool first = head->length < 0 && lengthAllowed;
-    if (first) head->length = parseLength(value);
+    if (first) head->length = numberOf(value);
     if (first && head->length >= 0) putHeader(&head->text, name, value);
   } else if (!belongsToHost(name)) {
     putHeader(&head->text, name, value);
@@ -104,9 +86,7 @@ static void takeHeader(ResponseHead* head, const pb_param* param, bool lengthAll
 }
 
 static Framing framingOf(int status, const ResponseHead& head, const HeadSettings& s) {
-  if (s.headRequest || status == kNoContent || status == kNotModified) {
-    return Framing::none;
-  }
+  if (s.headRequest || isHeadOnly(status)) return Framing::none;
   if (head.length >= 0) return Framing::counted;
   return s.http11 ? Framing::chunked : Framing::untilClose;
 }

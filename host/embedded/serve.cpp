@@ -5,6 +5,7 @@
 
 #include "embedded/pages.h"
 #include "layer/parameters.h"
+#include "layer/request_setup.h"
 
 namespace host {
 

@@ -11,6 +11,7 @@
 #include "httpd/mod_nsapi.h"
 #include "layer/builtins.h"
 #include "layer/directive.h"
+#include "layer/functions.h"
 
 namespace host {
 
@@ -53,14 +54,9 @@ static std::string absolutePath(const cmd_parms* cmd, const std::string& path) {
 }
 
 // Relative paths count from ServerRoot, as those of httpd's own directives do.
-static std::string completePath(const cmd_parms* cmd, FuncPtr function, Directive* d) {
-  const char* name = function == loadModules    ? "shlib"
-                     : function == documentRoot ? "root"
-                                                : nullptr;
-  const std::string* path = name ? d->find(name) : nullptr;
-  if (path) d->set(name, absolutePath(cmd, *path));
-  // mod_dir finds index files by the names that httpd is told.
-  return function == documentRoot ? completeDocumentRoot(d, "") : "";
+static void completePath(const cmd_parms* cmd, const Builtin& builtin, Directive* d) {
+  const std::string* path = builtin.path ? d->find(builtin.path) : nullptr;
+  if (path) d->set(builtin.path, absolutePath(cmd, *path));
 }
 
 static std::string readDirective(const cmd_parms* cmd, const char* text, Directive* d) {
@@ -68,9 +64,10 @@ static std::string readDirective(const cmd_parms* cmd, const char* text, Directi
              std::to_string(cmd->directive->line_num);
   std::string reason = parseParameters(text, d);
   if (!reason.empty()) return reason;
-  const std::string* name = d->find("fn");
-  FuncPtr function = name ? findFunction(*name) : nullptr;
-  return function ? completePath(cmd, function, d) : "";
+  const Builtin* builtin = builtinOf(functionOf(*d));
+  if (builtin) completePath(cmd, *builtin, d);
+  // Without names of index files: mod_dir finds those by what httpd is told.
+  return completeBuiltin(d, "");
 }
 
 // Null for an empty reason. httpd keeps the text as long as the process.
@@ -80,13 +77,13 @@ static const char* answer(cmd_parms* cmd, const std::string& reason) {
 }
 
 static std::string checkRunsOnce(const Directive& d) {
-  const std::string* name = d.find("fn");
-  FuncPtr function = name ? findFunction(*name) : nullptr;
-  if (!function || function == loadModules) return {};
+  FuncPtr function = functionOf(d);
+  const Builtin* builtin = builtinOf(function);
+  if (!function || (builtin && builtin->runsWhenRead)) return {};
   auto [place, fresh] = initPlaces().emplace(function, d.where);
   if (fresh) return {};
-  return "\"" + *name + "\" runs once in a process, and stands in " + place->second +
-         " already";
+  return "\"" + *d.find("fn") + "\" runs once in a process, and stands in " +
+         place->second + " already";
 }
 
 static std::string addInitLine(cmd_parms* cmd, const char* text) {

@@ -14,7 +14,7 @@
 #include "httpd/mod_nsapi.h"
 #include "httpd/process.h"
 #include "httpd/response.h"
-#include "layer/parameters.h"
+#include "layer/status.h"
 
 APLOG_USE_MODULE(nsapi);
 
@@ -92,7 +92,7 @@ int HttpdExchange::startResponse(HostRequest* request) {
   // The head must not go out: the refusal takes its place.
   if (refusal_ != 0 || r_->connection->aborted) return REQ_ABORTED;
   left_ = putHead(r_, request);
-  if (!r_->header_only && !AP_STATUS_IS_HEADER_ONLY(r_->status)) return REQ_PROCEED;
+  if (!r_->header_only && !isHeadOnly(r_->status)) return REQ_PROCEED;
   left_ = 0;
   return REQ_NOACTION;
 }

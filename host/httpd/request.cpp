@@ -10,6 +10,8 @@
 
 #include "httpd/mod_nsapi.h"
 #include "layer/parameters.h"
+#include "layer/request_setup.h"
+#include "layer/stages.h"
 
 namespace host {
 
@@ -73,7 +75,7 @@ bool putPaths(RequestState* state, request_rec* r) {
   // Behind a path that doesn't exist, `path_info` is only the rest of the URI.
   bool behindFile = r->finfo.filetype == APR_REG && r->path_info && *r->path_info;
   if (behindFile && !add(vars, "path-info", r->path_info)) return false;
-  if (findValue(vars, "ppath") || findValue(vars, "path")) return true;
+  if (pathOf(vars)) return true;
   const char* path = apr_pstrcat(r->pool, r->filename, r->path_info, nullptr);
   return add(vars, "ppath", path) && add(vars, "path", path) &&
          add(vars, "ntrans-base", ap_context_document_root(r));

@@ -7,11 +7,11 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
 #include <iterator>
 
 #include "httpd/mod_nsapi.h"
+#include "layer/status.h"
+#include "layer/text.h"
 
 APLOG_USE_MODULE(nsapi);
 
@@ -21,27 +21,14 @@ namespace host {
 constexpr const char* kOwnHeaders[] = {
     "date", "server", "keep-alive", "trailer", "transfer-encoding", "upgrade", "status"};
 
-static bool is(const char* name, const char* wanted) {
-  return strcasecmp(name, wanted) == 0;
-}
-
 static bool belongsToHttpd(const char* name) {
   return std::any_of(std::begin(kOwnHeaders), std::end(kOwnHeaders),
-                     [name](const char* own) { return is(name, own); });
+                     [name](const char* own) { return equalsNoCase(name, own); });
 }
 
 static bool canBeSent(const pb_param* param) {
   return *param->name && !*ap_scan_http_token(param->name) &&
          !*ap_scan_http_field_content(param->value);
-}
-
-// -1 for a text that is no length.
-static std::int64_t parseLength(const char* text) {
-  if (*text < '0' || *text > '9') return -1;
-  char* end = nullptr;
-  errno = 0;
-  long long length = std::strtoll(text, &end, 10);
-  return errno != 0 || *end != '\0' ? -1 : length;
 }
 
 static void dropHeader(request_rec* r, const pb_param* param) {
@@ -52,12 +39,12 @@ static void dropHeader(request_rec* r, const pb_param* param) {
 static void putHeader(request_rec* r, const pb_param* param, std::int64_t* length) {
   if (!canBeSent(param)) {
     dropHeader(r, param);
-  } else if (is(param->name, "content-type")) {
+  } else if (equalsNoCase(param->name, "content-type")) {
     ap_set_content_type(r, apr_pstrdup(r->pool, param->value));
-  } else if (is(param->name, "content-length")) {
-    if (*length < 0) *length = parseLength(param->value);
-  } else if (is(param->name, "connection")) {
-    if (is(param->value, "close")) r->connection->keepalive = AP_CONN_CLOSE;
+  } else if (equalsNoCase(param->name, "content-length")) {
+    if (*length < 0) *length = numberOf(param->value);
+  } else if (equalsNoCase(param->name, "connection")) {
+    if (equalsNoCase(param->value, "close")) r->connection->keepalive = AP_CONN_CLOSE;
   } else if (!belongsToHttpd(param->name)) {
     apr_table_addn(r->headers_out, apr_pstrdup(r->pool, param->name),
                    apr_pstrdup(r->pool, param->value));
@@ -89,7 +76,8 @@ void putErrorHead(request_rec* r, const HostRequest* request) {
   for (const pb_entry* entry = request->srvhdrs->ht[0]; entry; entry = entry->next) {
     const pb_param* param = entry->param;
     bool describesBody = strncasecmp(param->name, "content-", 8) == 0;
-    if (describesBody || belongsToHttpd(param->name) || is(param->name, "connection")) {
+    if (describesBody || belongsToHttpd(param->name) ||
+        equalsNoCase(param->name, "connection")) {
       continue;
     }
     if (!canBeSent(param)) {

@@ -14,16 +14,13 @@
 #include "layer/process_settings.h"
 #include "layer/request.h"
 #include "layer/restart_callbacks.h"
+#include "layer/status.h"
 #include "layer/uri.h"
 
 namespace host {
 
 // Longer log lines are formatted on the heap.
 constexpr int kLogLineSize = 2048;
-
-// Statuses that can stand in the head of a final response.
-constexpr int kFirstStatus = 200;
-constexpr int kLastStatus = 999;
 
 // A reason is one line of this many bytes at most.
 constexpr std::size_t kMaxReason = 1000;
@@ -160,10 +157,7 @@ static int apiStartResponse(Session* sn, Request* rq) {
   if (!sn || !rq) return REQ_ABORTED;
   HostRequest* request = requestOf(rq);
   if (request->translateOnly || request->responseStarted) return REQ_ABORTED;
-  request->responseStarted = true;
-  rq->senthdrs = 1;
-  if (rq->status_num == 0) rq->status_num = kFirstStatus;
-  return request->exchange->startResponse(request);
+  return startResponse(request);
 }
 
 // Keeps a reason from ending the status line before its time.
@@ -181,9 +175,10 @@ static void apiStatus(Session*, Request* rq, int status, const char* reason) {
   if (!rq) return;
   if (status < kFirstStatus || status > kLastStatus) {
     char message[64];
-    (void)std::snprintf(message, sizeof(message), "status %d replaced by 500", status);
+    (void)std::snprintf(message, sizeof(message), "status %d replaced by %d", status,
+                        kServerError);
     requestOf(rq)->exchange->log(LOG_FAILURE, "protocol_status", requestOf(rq), message);
-    status = 500;
+    status = kServerError;
     reason = nullptr;
   }
   rq->status_num = static_cast<short>(status);

@@ -1,71 +1,25 @@
 #include "layer/builtins.h"
 
-#include <dlfcn.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
-#include <string_view>
-#include <vector>
+#include <iterator>
+#include <new>
 
+#include "layer/functions.h"
 #include "layer/parameters.h"
 #include "layer/request.h"
-#include "layer/stages.h"
+#include "layer/text.h"
 #include "layer/uri.h"
 
 namespace host {
 
-// Takes the next word of a list, which any of the separators ends.
-static std::string_view takeWord(std::string_view* list, const char* separators) {
-  std::size_t start = list->find_first_not_of(separators);
-  list->remove_prefix(start == std::string_view::npos ? list->size() : start);
-  std::string_view word = list->substr(0, list->find_first_of(separators));
-  list->remove_prefix(word.size());
-  return word;
-}
-
-static int initFailed(pblock* pb, const std::string& reason) {
+static int loadModules(pblock* pb, Session*, Request*) {
+  const std::string reason = loadModule(findValue(pb, "shlib"), findValue(pb, "funcs"));
+  if (reason.empty()) return REQ_PROCEED;
   (void)addParameter(pb, "error", reason.c_str());  // without it: "failed"
   return REQ_ABORTED;
-}
-
-// dlsym looks for the exact name first: a name in the file may be spelled with
-// dashes only where the function has underscores.
-static std::string registerSymbol(void* module, std::string_view name) {
-  std::string symbol(name);
-  for (char& c : symbol) c = c == '-' ? '_' : c;
-  void* address = dlsym(module, symbol.c_str());
-  if (!address) return "there is no function \"" + symbol + "\" in the module";
-  registerFunction(name, reinterpret_cast<FuncPtr>(address));
-  return {};
-}
-
-static std::vector<void*>& loadedModules() {
-  static std::vector<void*> modules;
-  return modules;
-}
-
-void unloadModules() {
-  for (void* module : loadedModules()) (void)dlclose(module);
-  loadedModules().clear();
-}
-
-int loadModules(pblock* pb, Session*, Request*) {
-  const char* file = findValue(pb, "shlib");
-  const char* names = findValue(pb, "funcs");
-  if (!file || !names) return initFailed(pb, "load-modules needs shlib and funcs");
-  // Without a slash, the loader would look in the system's folders only.
-  std::string path = file;
-  if (path.find('/') == std::string::npos) path.insert(0, "./");
-  void* module = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (!module) return initFailed(pb, std::string("can't load module: ") + dlerror());
-  loadedModules().push_back(module);
-  std::string_view list = names;
-  for (auto name = takeWord(&list, ", \t"); !name.empty();
-       name = takeWord(&list, ", \t")) {
-    std::string reason = registerSymbol(module, name);
-    if (!reason.empty()) return initFailed(pb, reason.append(" ").append(path));
-  }
-  return REQ_PROCEED;
 }
 
 static bool isFile(const std::string& path) {
@@ -74,8 +28,8 @@ static bool isFile(const std::string& path) {
 }
 
 static std::string withIndexFile(const std::string& folder, std::string_view names) {
-  for (auto name = takeWord(&names, " \t"); !name.empty();
-       name = takeWord(&names, " \t")) {
+  for (auto name = takeWord(&names, kBlanks); !name.empty();
+       name = takeWord(&names, kBlanks)) {
     std::string path = folder + std::string(name);
     if (isFile(path)) return path;
   }
@@ -95,7 +49,7 @@ static bool replaceParameter(pblock* pb, const char* name, const std::string& va
   return addParameter(pb, name, value.c_str()) != nullptr;
 }
 
-int documentRoot(pblock* pb, Session*, Request* rq) try {
+static int documentRoot(pblock* pb, Session*, Request* rq) try {
   const char* root = findValue(pb, "root");
   const char* uri = findValue(rq->reqpb, "uri");
   if (!root || !uri) return REQ_NOACTION;
@@ -109,10 +63,57 @@ int documentRoot(pblock* pb, Session*, Request* rq) try {
   return REQ_ABORTED;
 }
 
-int forceType(pblock* pb, Session*, Request* rq) {
+static int forceType(pblock* pb, Session*, Request* rq) {
   const char* type = findValue(pb, "type");
   if (!type || findValue(rq->srvhdrs, "content-type")) return REQ_NOACTION;
   return addParameter(rq->srvhdrs, "content-type", type) ? REQ_NOACTION : REQ_ABORTED;
+}
+
+// A line is judged before its function runs: what stands under `needs` is there.
+constexpr Builtin kBuiltins[] = {
+    {"load-modules", loadModules, true, "shlib", {"shlib", "funcs"}},
+    {"document-root", documentRoot, false, "root", {"root", nullptr}},
+    {"force-type", forceType, false, nullptr, {"type", nullptr}},
+};
+
+template <typename Fits>
+static const Builtin* findBuiltin(Fits fits) {
+  const auto* row = std::find_if(std::begin(kBuiltins), std::end(kBuiltins), fits);
+  return row == std::end(kBuiltins) ? nullptr : row;
+}
+
+const Builtin* builtinOf(FuncPtr function) {
+  return findBuiltin([function](const Builtin& row) { return row.function == function; });
+}
+
+FuncPtr findFunction(std::string_view name) {
+  if (FuncPtr registered = registeredFunction(name)) return registered;
+  const std::string key = functionKey(name);
+  const Builtin* builtin =
+      findBuiltin([&key](const Builtin& row) { return functionKey(row.name) == key; });
+  return builtin ? builtin->function : nullptr;
+}
+
+FuncPtr functionOf(const Directive& directive) {
+  const std::string* name = directive.find("fn");
+  return name ? findFunction(*name) : nullptr;
+}
+
+static std::string lackOf(const Builtin& builtin, const Directive& directive) {
+  std::string needed;
+  bool lacks = false;
+  for (const char* name : builtin.needs) {
+    if (!name) break;
+    needed.append(needed.empty() ? " needs " : " and ").append(name);
+    lacks = lacks || !directive.find(name);
+  }
+  return lacks ? std::string(builtin.name) + needed : "";
+}
+
+std::string misuseOf(const Builtin& builtin, const Directive& directive, bool inInit) {
+  if (builtin.runsWhenRead == inInit) return lackOf(builtin, directive);
+  return "\"" + *directive.find("fn") + "\" " +
+         (inInit ? "has no place in Init" : "belongs into Init");
 }
 
 std::string absoluteFolder(const std::string& path) {
@@ -124,11 +125,13 @@ std::string absoluteFolder(const std::string& path) {
   return folder;
 }
 
-std::string completeDocumentRoot(Directive* directive, const std::string& indexNames) {
-  const std::string* root = directive->find("root");
-  if (!root) return "document-root needs root";
-  std::string folder = absoluteFolder(*root);
-  if (folder.empty()) return "root \"" + *root + "\" is not a folder";
+std::string completeBuiltin(Directive* directive, const std::string& indexNames) {
+  const Builtin* builtin = builtinOf(functionOf(*directive));
+  if (!builtin || builtin->function != documentRoot) return {};
+  if (std::string reason = lackOf(*builtin, *directive); !reason.empty()) return reason;
+  const std::string root = *directive->find("root");
+  const std::string folder = absoluteFolder(root);
+  if (folder.empty()) return "root \"" + root + "\" is not a folder";
   directive->set("root", folder);
   if (!directive->find("index")) directive->set("index", indexNames);
   return {};

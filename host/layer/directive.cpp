@@ -1,5 +1,7 @@
 #include "layer/directive.h"
 
+#include "layer/text.h"
+
 namespace host {
 
 const std::string* Directive::find(std::string_view name) const {
@@ -19,7 +21,7 @@ void Directive::set(std::string_view name, std::string value) {
 }
 
 static bool isBlank(char c) {
-  return c == ' ' || c == '\t';
+  return kBlanks.find(c) != std::string_view::npos;
 }
 
 static void skipBlanks(std::string_view* text) {
@@ -58,7 +60,7 @@ static std::string takeValue(std::string_view* text, std::string_view name,
     if (takeQuoted(text, value)) return {};
     return "the value of \"" + std::string(name) + "\" has no closing quote";
   }
-  *value = text->substr(0, text->find_first_of(" \t"));
+  *value = text->substr(0, text->find_first_of(kBlanks));
   text->remove_prefix(value->size());
   if (value->empty()) return "\"" + std::string(name) + "\" has no value";
   if (value->find('"') == std::string::npos) return {};

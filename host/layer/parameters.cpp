@@ -9,19 +9,6 @@
 
 namespace host {
 
-void* requestMemory(std::int64_t size) {
-  HostRequest* request = currentRequest();
-  return request ? request->pool.allocate(size) : allocateUnpooled(size);
-}
-
-char* requestText(const char* text) {
-  if (!text) return nullptr;
-  std::size_t size = std::strlen(text) + 1;
-  void* copy = requestMemory(static_cast<std::int64_t>(size));
-  if (copy) std::memcpy(copy, text, size);
-  return static_cast<char*>(copy);
-}
-
 // A block and the one bucket that it has.
 struct BlockWithBucket {
   pblock block;

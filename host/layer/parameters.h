@@ -10,8 +10,6 @@
 // Errors: null when memory is short or the block is full; nothing has changed.
 #pragma once
 
-#include <cstdint>
-
 #include "nsapi.h"
 
 namespace host {
@@ -42,9 +40,5 @@ void freeParameter(pb_param* param);
 // The block as name="value" pairs with blanks between, in new memory of the
 // request that goes back through releasePoolBlock. A text before is put first.
 [[nodiscard]] char* writeParameters(const pblock* pb, const char* before);
-
-// Memory of the running request, or unpooled memory outside one.
-[[nodiscard]] void* requestMemory(std::int64_t size);
-[[nodiscard]] char* requestText(const char* text);
 
 }  // namespace host

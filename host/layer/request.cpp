@@ -1,9 +1,8 @@
 #include "layer/request.h"
 
-#include <algorithm>
-#include <iterator>
+#include <cstring>
 
-#include "layer/parameters.h"
+#include "layer/status.h"
 
 namespace host {
 
@@ -21,81 +20,24 @@ RunningRequest::~RunningRequest() {
   threadRequest = outer_;
 }
 
-bool openRequest(HostRequest* request, Exchange* exchange) {
-  request->vars = newParameters();
-  request->reqpb = newParameters();
-  request->loadhdrs = 0;
-  request->headers = newParameters();
-  request->senthdrs = 0;
-  request->srvhdrs = newParameters();
-  request->status_num = 0;
-  request->input = netbuf{exchange, 0, 0, 0, 0, nullptr, nullptr};
-  request->session = Session{newParameters(), exchange, &request->input, 1, in_addr{}};
-  request->exchange = exchange;
-  request->reason = nullptr;
-  request->responseStarted = false;
-  request->overfull = false;
-  request->translateOnly = false;
-  return request->vars && request->reqpb && request->headers && request->srvhdrs &&
-         request->session.client;
+void* requestMemory(std::int64_t size) {
+  HostRequest* request = currentRequest();
+  return request ? request->pool.allocate(size) : allocateUnpooled(size);
 }
 
-struct ReasonRow {
-  int status;
-  const char* reason;
-};
+char* requestText(const char* text) {
+  if (!text) return nullptr;
+  std::size_t size = std::strlen(text) + 1;
+  void* copy = requestMemory(static_cast<std::int64_t>(size));
+  if (copy) std::memcpy(copy, text, size);
+  return static_cast<char*>(copy);
+}
 
-// Ascending, for the search.
-constexpr ReasonRow kReasons[] = {
-    {200, "OK"},
-    {201, "Created"},
-    {202, "Accepted"},
-    {203, "Non-Authoritative Information"},
-    {204, "No Content"},
-    {205, "Reset Content"},
-    {206, "Partial Content"},
-    {300, "Multiple Choices"},
-    {301, "Moved Permanently"},
-    {302, "Found"},
-    {303, "See Other"},
-    {304, "Not Modified"},
-    {305, "Use Proxy"},
-    {307, "Temporary Redirect"},
-    {308, "Permanent Redirect"},
-    {400, "Bad Request"},
-    {401, "Unauthorized"},
-    {402, "Payment Required"},
-    {403, "Forbidden"},
-    {404, "Not Found"},
-    {405, "Method Not Allowed"},
-    {406, "Not Acceptable"},
-    {407, "Proxy Authentication Required"},
-    {408, "Request Timeout"},
-    {409, "Conflict"},
-    {410, "Gone"},
-    {411, "Length Required"},
-    {412, "Precondition Failed"},
-    {413, "Content Too Large"},
-    {414, "URI Too Long"},
-    {415, "Unsupported Media Type"},
-    {416, "Range Not Satisfiable"},
-    {417, "Expectation Failed"},
-    {422, "Unprocessable Content"},
-    {429, "Too Many Requests"},
-    {431, "Request Header Fields Too Large"},
-    {500, "Internal Server Error"},
-    {501, "Not Implemented"},
-    {502, "Bad Gateway"},
-    {503, "Service Unavailable"},
-    {504, "Gateway Timeout"},
-    {505, "HTTP Version Not Supported"},
-};
-
-const char* usualReason(int status) {
-  const auto* row =
-      std::lower_bound(std::begin(kReasons), std::end(kReasons), status,
-                       [](const ReasonRow& r, int wanted) { return r.status < wanted; });
-  return row != std::end(kReasons) && row->status == status ? row->reason : "Status";
+int startResponse(HostRequest* request) {
+  request->responseStarted = true;
+  request->senthdrs = 1;
+  if (request->status_num == 0) request->status_num = kOk;
+  return request->exchange->startResponse(request);
 }
 
 }  // namespace host

@@ -1,13 +1,16 @@
 // One request: the published records, and what the layer keeps beside them.
 //
-// A web server makes a HostRequest, opens it, fills `reqpb`, `headers` and the
-// session's `client`, and runs its stages while a RunningRequest names it as
-// the thread's request: all request memory comes from its pool.
+// A web server makes a HostRequest, opens it (request_setup.h), fills `reqpb`,
+// `headers` and the session's `client`, and runs its stages while a
+// RunningRequest names it as the thread's request: all request memory comes from
+// its pool.
 //
 // Ownership: the web server's. The pool owns every block and text in it.
 // Threads: the one that runs the request. No lock.
-// Errors: false when memory is short.
+// Errors: null when memory is short.
 #pragma once
+
+#include <cstdint>
 
 #include "layer/exchange.h"
 #include "layer/pool.h"
@@ -29,10 +32,6 @@ struct HostRequest : Request {
   bool translateOnly;    // made to translate a URI; there is no client for it
 };
 
-// Prepares the records with empty blocks. REQUIRES: `request` runs on this
-// thread (RunningRequest), or is a scratch request of the one that does.
-[[nodiscard]] bool openRequest(HostRequest* request, Exchange* exchange);
-
 // The request that this thread runs, or null.
 [[nodiscard]] HostRequest* currentRequest();
 
@@ -48,7 +47,13 @@ class RunningRequest {
   HostRequest* outer_;
 };
 
-// The usual reason of a status, or "Status" for one that has none.
-[[nodiscard]] const char* usualReason(int status);
+// Memory of the running request, or unpooled memory outside one. Both go back
+// through releasePoolBlock, or with the request.
+[[nodiscard]] void* requestMemory(std::int64_t size);
+[[nodiscard]] char* requestText(const char* text);
+
+// Marks the response as started and hands its head to the web server; a status
+// of 0 becomes 200. What the exchange gives. REQUIRES: none was started.
+int startResponse(HostRequest* request);
 
 }  // namespace host

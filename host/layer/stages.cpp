@@ -1,46 +1,14 @@
 #include "layer/stages.h"
 
 #include <algorithm>
-#include <map>
 #include <utility>
 
 #include "layer/builtins.h"
 #include "layer/parameters.h"
 #include "layer/request.h"
+#include "layer/request_setup.h"
 
 namespace host {
-
-using FunctionMap = std::map<std::string, FuncPtr, std::less<>>;
-
-static std::string functionKey(std::string_view name) {
-  std::string key(name);
-  std::replace(key.begin(), key.end(), '-', '_');
-  return key;
-}
-
-static FunctionMap builtins() {
-  return {{"load_modules", loadModules},
-          {"document_root", documentRoot},
-          {"force_type", forceType}};
-}
-
-static FunctionMap& functions() {
-  static FunctionMap map = builtins();
-  return map;
-}
-
-void registerFunction(std::string_view name, FuncPtr function) {
-  functions()[functionKey(name)] = function;
-}
-
-void forgetFunctions() {
-  functions() = builtins();
-}
-
-FuncPtr findFunction(std::string_view name) {
-  auto found = functions().find(functionKey(name));
-  return found == functions().end() ? nullptr : found->second;
-}
 
 static bool wordMatches(std::string_view word, std::string_view value) {
   if (!word.empty() && word.back() == '*') {
@@ -86,23 +54,16 @@ static pblock* blockOf(const Directive& directive) {
   return block;
 }
 
-// A built-in function that its line can't use; a plug-in judges its own.
-std::string Stages::misuse(const Line& line) {
-  const std::string& name = *line.directive.find("fn");
-  if (line.function == loadModules)
-    return line.init ? "" : "\"" + name + "\" belongs into Init";
-  if (line.function != documentRoot && line.function != forceType) return {};
-  if (line.init) return "\"" + name + "\" has no place in Init";
-  const bool lacksType = line.function == forceType && !line.directive.find("type");
-  return lacksType ? "\"" + name + "\" needs type" : "";
-}
-
 std::string Stages::findAll(Line* line) {
   const std::string* name = line->directive.find("fn");
   if (!name) return "the directive has no fn";
   line->function = findFunction(*name);
   if (!line->function) return "unknown function \"" + *name + "\"";
-  if (std::string reason = misuse(*line); !reason.empty()) return reason;
+  const Builtin* builtin = builtinOf(line->function);
+  if (builtin) {
+    std::string reason = misuseOf(*builtin, line->directive, line->init);
+    if (!reason.empty()) return reason;
+  }
   line->parameters = blockOf(line->directive);
   if (!line->parameters) return "out of memory";
   line->type = findValue(line->parameters, "type");
@@ -110,11 +71,16 @@ std::string Stages::findAll(Line* line) {
   return {};
 }
 
-// A module must be there before the lines that name its functions are judged,
-// so load-modules runs here and not in runInits.
+static bool runsWhenRead(FuncPtr function) {
+  const Builtin* builtin = builtinOf(function);
+  return builtin && builtin->runsWhenRead;
+}
+
+// A module must be there before the lines that name its functions are judged, so
+// load-modules runs here and not in runInits.
 std::string Stages::prepareLine(Line* line) {
   std::string reason = findAll(line);
-  if (reason.empty() && line->function == loadModules) reason = runInit(line);
+  if (reason.empty() && runsWhenRead(line->function)) reason = runInit(line);
   return reason;
 }
 
@@ -171,7 +137,7 @@ std::string Stages::runInit(Line* line) {
 
 std::string Stages::runInits() {
   for (Line& line : inits_) {
-    if (line.function == loadModules) continue;
+    if (runsWhenRead(line.function)) continue;
     std::string reason = runInit(&line);
     if (!reason.empty()) return line.directive.where + ": " + reason;
   }
@@ -199,15 +165,19 @@ int Stages::runStage(Stage stage, Session* sn, Request* rq) const {
   return REQ_NOACTION;
 }
 
+char* pathOf(const pblock* vars) {
+  char* path = findValue(vars, "ppath");
+  return path ? path : findValue(vars, "path");
+}
+
 char* Stages::translate(const char* uri, Session* sn) const {
   HostRequest scratch;
   if (!openRequest(&scratch, static_cast<Exchange*>(sn->csd))) return nullptr;
   scratch.translateOnly = true;
   if (!addParameter(scratch.reqpb, "uri", uri)) return nullptr;
-  int result = runStage(Stage::nameTrans, sn, &scratch);
+  const int result = runStage(Stage::nameTrans, sn, &scratch);
   if (result != REQ_PROCEED && result != REQ_NOACTION) return nullptr;
-  char* path = findValue(scratch.vars, "ppath");
-  return path ? path : findValue(scratch.vars, "path");
+  return pathOf(scratch.vars);
 }
 
 }  // namespace host

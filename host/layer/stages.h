@@ -1,5 +1,5 @@
-// Functions by name, and the directives that run them: at start-up, and in the
-// stages of each request.
+// The directives that run functions: at start-up, and in the stages of each
+// request.
 //
 // A web server collects its directives in a Stages: all of them first, and then
 // prepare; or each one prepared as it is read. It calls runInits before the
@@ -25,19 +25,13 @@ namespace host {
 enum class Stage { nameTrans, objectType, service };
 constexpr int kStages = 3;
 
-// Adds a function under a name, or replaces it. A dash in the name counts as an
-// underscore, as in lookups.
-void registerFunction(std::string_view name, FuncPtr function);
-
-// Forgets every function but the built-in ones. REQUIRES: no Stages is in use.
-void forgetFunctions();
-
-// The function of that name, or null.
-[[nodiscard]] FuncPtr findFunction(std::string_view name);
-
 // True when a pattern takes a value: "a/b" itself, "a/*" all that begins with
 // "a/", "(x|y)" what x or y takes.
 [[nodiscard]] bool patternMatches(std::string_view pattern, std::string_view value);
+
+// The path that NameTrans functions have left among a request's variables, or
+// null.
+[[nodiscard]] char* pathOf(const pblock* vars);
 
 class Stages {
  public:
@@ -85,7 +79,6 @@ class Stages {
     const char* type = nullptr;    // null: any content type, also none
     const char* method = nullptr;  // null: any method
   };
-  static std::string misuse(const Line& line);
   static std::string findAll(Line* line);
   static std::string prepareLine(Line* line);
   std::string keepPrepared(std::deque<Line>* lines, Directive directive);

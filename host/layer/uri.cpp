@@ -1,13 +1,8 @@
 #include "layer/uri.h"
 
-namespace host {
+#include "layer/text.h"
 
-static int hexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
+namespace host {
 
 // The byte that the two digits behind a '%' stand for, or -1.
 static int encodedByte(std::string_view digits) {

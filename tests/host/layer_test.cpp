@@ -7,8 +7,9 @@
 #include <vector>
 
 #include "layer/directive.h"
+#include "layer/functions.h"
 #include "layer/parameters.h"
-#include "layer/request.h"
+#include "layer/request_setup.h"
 #include "layer/stages.h"
 #include "layer/uri.h"
 
@@ -233,7 +234,7 @@ TEST(stages, functionsThatNobodyCanRunThereAreRefused) {
       {{}, "fn=force_type type=a/b", "\"force_type\" has no place in Init"},
       {Stage::objectType, "fn=load-modules shlib=x.so funcs=a",
        "\"load-modules\" belongs into Init"},
-      {Stage::objectType, "fn=force-type", "\"force-type\" needs type"},
+      {Stage::objectType, "fn=force-type", "force-type needs type"},
       {Stage::nameTrans, "fn=nobody", "unknown function \"nobody\""}};
   for (const auto& [stage, text, reason] : rows) {
     Stages stages;
