@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "embedded/client_input.h"
-#include "embedded/serve.h"
+#include "embedded/run_request.h"
 
 namespace host {
 
@@ -23,7 +23,7 @@ static ServerState* stateOf(mg_connection* connection) {
 static int onRequest(mg_connection* connection) {
   ServerState* state = stateOf(connection);
   ++state->running;
-  int status = serveRequest(state, connection);
+  int status = runRequest(state, connection);
   --state->running;
   return status;
 }

@@ -17,15 +17,12 @@
 #include "httpd/process.h"
 #include "httpd/request.h"
 #include "httpd/response.h"
+#include "layer/judge.h"
 #include "layer/parameters.h"
 
 namespace host {
 
 constexpr char kHandler[] = "nsapi";
-constexpr char kInternalType[] = "vesk-internal/";
-
-// A status that tells of success can't stand on a page about a failure.
-constexpr int kFirstRedirect = 300;
 
 static const Stages* stagesOf(request_rec* r) {
   const ServerConfig* config = configOf(r->server);
@@ -33,9 +30,9 @@ static const Stages* stagesOf(request_rec* r) {
 }
 
 static int failure(request_rec* r, const HostRequest& request) {
-  if (request.status_num < kFirstRedirect) return HTTP_INTERNAL_SERVER_ERROR;
-  putErrorHead(r, &request);
-  return request.status_num;
+  const FailureHead head = failureHead(request.status_num, request.reason);
+  if (head.recorded) putErrorHead(r, &request);
+  return head.status;
 }
 
 static int translate(request_rec* r, const Stages& stages) {
@@ -43,11 +40,15 @@ static int translate(request_rec* r, const Stages& stages) {
   if (!state) return HTTP_INTERNAL_SERVER_ERROR;
   HostRequest& request = state->request;
   RunningStage running(&request);
-  int result = stages.runStage(Stage::nameTrans, &request.session, &request);
-  if (result == REQ_NOACTION) return DECLINED;
-  if (result != REQ_PROCEED) return failure(r, request);
-  const char* path = findValue(request.vars, "ppath");
-  if (!path) path = findValue(request.vars, "path");
+  switch (judgeStage(stages.runStage(Stage::nameTrans, &request.session, &request))) {
+    case StageVerdict::declined:
+      return DECLINED;
+    case StageVerdict::failed:
+      return failure(r, request);
+    case StageVerdict::done:
+      break;
+  }
+  const char* path = pathOf(request.vars);
   if (!path) return DECLINED;
   r->filename = apr_pstrdup(r->pool, path);
   return OK;
@@ -70,17 +71,15 @@ static void claim(RequestState* state, request_rec* r) {
 // A type that an ObjectType function has set, for httpd's own handling.
 static void putType(request_rec* r, const HostRequest& request) {
   const char* type = findValue(request.srvhdrs, "content-type");
-  bool internal =
-      type && std::strncmp(type, kInternalType, sizeof(kInternalType) - 1) == 0;
-  if (type && !internal) ap_set_content_type(r, apr_pstrdup(r->pool, type));
+  if (type && !isInternalType(type)) ap_set_content_type(r, apr_pstrdup(r->pool, type));
 }
 
 static int runTypeStage(RequestState* state, request_rec* r, const Stages& stages) {
   HostRequest& request = state->request;
   RunningStage running(&request);
   if (!putPaths(state, r)) return HTTP_INTERNAL_SERVER_ERROR;
-  int result = stages.runStage(Stage::objectType, &request.session, &request);
-  if (result != REQ_PROCEED && result != REQ_NOACTION) return failure(r, request);
+  const int result = stages.runStage(Stage::objectType, &request.session, &request);
+  if (judgeStage(result) == StageVerdict::failed) return failure(r, request);
   if (stages.serves(&request)) {
     claim(state, r);
   } else {
@@ -120,19 +119,25 @@ static int giveBack(RequestState* state, request_rec* r) {
   return DECLINED;
 }
 
+// A refusal of httpd's own comes first: it has kept the head from going out, and
+// the plug-in knows only that its response failed.
 static int answer(RequestState* state, request_rec* r, int result) {
   HostRequest& request = state->request;
-  bool aborted = result != REQ_PROCEED && result != REQ_NOACTION;
   if (state->exchange.refusal() && r->bytes_sent == 0) return state->exchange.refusal();
-  if (!request.responseStarted && aborted) return failure(r, request);
-  if (!request.responseStarted && result == REQ_NOACTION) return giveBack(state, r);
-  if (!request.responseStarted) {
-    // Served without a body: the head is still to be sent.
-    request.responseStarted = true;
-    if (request.status_num == 0) request.status_num = HTTP_OK;
-    (void)state->exchange.startResponse(&request);
+  const Answer verdict = judgeService({result, request.responseStarted});
+  switch (verdict) {
+    case Answer::none:
+      return giveBack(state, r);
+    case Answer::failure:
+      return failure(r, request);
+    case Answer::bare:
+      (void)startResponse(&request);
+      break;
+    case Answer::whole:
+    case Answer::broken:
+      break;
   }
-  state->exchange.finish(!aborted);
+  state->exchange.finish(verdict != Answer::broken);
   return OK;
 }
 

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "layer/builtins.h"
+#include "layer/judge.h"
 #include "layer/parameters.h"
 #include "layer/request.h"
 #include "layer/request_setup.h"
@@ -129,7 +130,7 @@ bool Stages::serves(const Request* rq) const {
 
 std::string Stages::runInit(Line* line) {
   int result = line->function(line->parameters, nullptr, nullptr);
-  if (result != REQ_ABORTED && result != REQ_EXIT) return {};
+  if (!initFails(result)) return {};
   const char* reason = findValue(line->parameters, "error");
   if (reason) return reason;
   return "\"" + *line->directive.find("fn") + "\" failed";
@@ -176,7 +177,7 @@ char* Stages::translate(const char* uri, Session* sn) const {
   scratch.translateOnly = true;
   if (!addParameter(scratch.reqpb, "uri", uri)) return nullptr;
   const int result = runStage(Stage::nameTrans, sn, &scratch);
-  if (result != REQ_PROCEED && result != REQ_NOACTION) return nullptr;
+  if (judgeStage(result) == StageVerdict::failed) return nullptr;
   return pathOf(scratch.vars);
 }
 

@@ -4,6 +4,8 @@
 
 #include <cstring>
 
+#include "layer/request_setup.h"
+
 static FailingHost* current;
 static nsapi_dispatch_t* const real = __nsapi30_table;
 static nsapi_dispatch_t failing;

@@ -7,7 +7,7 @@
 #include <tuple>
 
 #include "failing_host.h"
-#include "layer/server_hooks.h"
+#include "layer/restart_callbacks.h"
 #include "maptable/vesk_maptable_impl.h"
 #include "nsapi/extension.h"
 #include "nsapi/response_path.h"
