@@ -11,9 +11,6 @@
 
 #include "nsapi/host_objects.h"
 
-constexpr std::int32_t kFound = 302;
-constexpr std::int32_t kServiceUnavailable = 503;
-
 const char* errorUrl = nullptr;
 
 void setStatus(vesk_request* req, std::int32_t status, const char* reason) {
@@ -23,6 +20,11 @@ void setStatus(vesk_request* req, std::int32_t status, const char* reason) {
     status = kFound;
   }
   protocol_status(sessionOf(req), rq, status, reason);
+}
+
+int refuse(vesk_request* req, std::int32_t status, const char* reason) {
+  req->setStatus(req, status, reason);
+  return REQ_ABORTED;
 }
 
 static void replaceHeader(pblock* headers, const char* name, const char* value) {

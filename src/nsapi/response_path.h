@@ -12,8 +12,18 @@
 // line. Written before the first request.
 extern const char* errorUrl;
 
+// The statuses that the connector gives by itself.
+constexpr std::int32_t kFound = 302;
+constexpr std::int32_t kBadRequest = 400;
+constexpr std::int32_t kForbidden = 403;
+constexpr std::int32_t kInternalError = 500;
+constexpr std::int32_t kServiceUnavailable = 503;
+
 // Records the status; a 503 becomes a 302 to errorUrl where that is set.
 void setStatus(vesk_request* req, std::int32_t status, const char* reason);
+
+// The same through the record, for a stage that gives up: REQ_ABORTED.
+[[nodiscard]] int refuse(vesk_request* req, std::int32_t status, const char* reason);
 
 // Records one response header; the caller keeps both texts. A header replaces an
 // earlier one of its name, but for cookies; "server" and "date" are dropped, for

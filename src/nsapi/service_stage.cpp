@@ -9,17 +9,8 @@
 #include "nsapi/host_log.h"
 #include "nsapi/host_objects.h"
 #include "nsapi/nsapi_request.h"
+#include "nsapi/response_path.h"
 #include "nsapi/ssl_attributes.h"
-
-constexpr std::int32_t kBadRequest = 400;
-constexpr std::int32_t kForbidden = 403;
-constexpr std::int32_t kInternalError = 500;
-constexpr std::int32_t kServiceUnavailable = 503;
-
-static int refuse(vesk_request* req, std::int32_t status, const char* reason) {
-  req->setStatus(req, status, reason);
-  return REQ_ABORTED;
-}
 
 // REQ_PROCEED when the URI may go to a server.
 static int checkUri(vesk_request* req) {

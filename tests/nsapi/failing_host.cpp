@@ -23,7 +23,10 @@ static auto counted(Allocate allocate, std::int64_t* blocks) -> decltype(allocat
 }
 
 static pb_param* insert(const char* name, const char* value, pblock* block) {
-  if (isDue(&current->failInsertion)) return nullptr;
+  if (isDue(&current->failInsertion)) {
+    current->failInsertion = current->failsForGood ? 1 : 0;
+    return nullptr;
+  }
   pb_param* param = real->f_pblock_nvinsert(name, value, block);
   if (!current->insertsInFront) return param;
   pb_entry** place = &block->ht[0];

@@ -30,6 +30,7 @@ class FailingHost {
   // The call of this number from now on fails; 0: none does.
   std::int64_t failAllocation = 0;
   std::int64_t failInsertion = 0;
+  bool failsForGood = false;    // so do all insertions behind it
   bool insertsInFront = false;  // new parameters go to the front of their block
   std::int64_t poolBlocks = 0;  // given out by the functions of the table, not yet back
   std::int64_t permBlocks = 0;

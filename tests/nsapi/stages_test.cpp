@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <map>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -72,29 +73,54 @@ class Stages : public testing::Test {
     set(host.request.srvhdrs, "content-type", type);
     return veskservice(nullptr, &host.request.session, &host.request);
   }
+  // What the filter stage leaves for the next one.
+  std::string marks() {
+    return FailingHost::get(host.request.reqpb, "uri") + " " +
+           FailingHost::get(host.request.vars, "vesk-proxy-target") + " " +
+           FailingHost::get(host.request.srvhdrs, "content-type");
+  }
   FailingHost host;
   mappingsTable table{};
 };
 
 TEST_F(Stages, filterMarksWhatIsTheBackends) {
-  // The physical path is preferred, and without memory the URI stays the folder's.
-  set(host.request.vars, "ppath", "/real/i.jsp");
-  host.failAllocation = 1;
-  EXPECT_EQ(filter(), REQ_NOACTION);
-  EXPECT_EQ(play.filtered, "/app/ /real/i.jsp1");
-  EXPECT_EQ(FailingHost::get(host.request.reqpb, "uri"), "/app/");
-  EXPECT_EQ(FailingHost::get(host.request.vars, "vesk-proxy-target"), "0");
-
-  set(host.request.vars, "ppath", nullptr);
-  set(host.request.vars, "vesk-proxy-target", nullptr);
   set(host.request.srvhdrs, "content-type", "text/html");
   play.filterResult = 12;
   EXPECT_EQ(filter(), REQ_NOACTION);
   EXPECT_EQ(play.filtered, "/app/ /docs/app/index.jsp1");
-  EXPECT_EQ(FailingHost::get(host.request.reqpb, "uri"), "/app/index.jsp");
-  EXPECT_EQ(FailingHost::get(host.request.vars, "vesk-proxy-target"), "12");
-  EXPECT_EQ(FailingHost::get(host.request.srvhdrs, "content-type"),
-            "vesk-internal/target");
+  EXPECT_EQ(marks(), "/app/index.jsp 12 vesk-internal/target");
+
+  set(host.request.srvhdrs, "content-type", nullptr);
+  set(host.request.vars, "ppath", "/real/i.jsp");
+  EXPECT_EQ(filter(), REQ_NOACTION);
+  EXPECT_EQ(play.filtered, "/app/index.jsp /real/i.jsp1") << "the physical path first";
+}
+
+// Whatever the host can't put into its blocks, it must not be left with a request
+// that it would answer by itself.
+TEST_F(Stages, filterRefusesWhatTheHostCannotMark) {
+  // The insertion that fails, whether all behind it do, and what comes of it.
+  const std::tuple<int, bool, int, const char*> rows[] = {
+      {1, false, REQ_NOACTION, "/app/ 0 vesk-internal/target"},
+      {1, true, REQ_ABORTED, "- - -"},
+      {2, false, REQ_ABORTED, "/app/index.jsp - vesk-internal/target"},
+      {3, false, REQ_ABORTED, "/app/index.jsp 0 -"},
+      {4, false, REQ_NOACTION, "/app/index.jsp 0 vesk-internal/target"},
+  };
+  for (const bool inFront : {false, true}) {
+    host.insertsInFront = inFront;
+    for (const auto& [failing, forGood, result, left] : rows) {
+      set(host.request.reqpb, "uri", "/app/");
+      set(host.request.vars, "vesk-proxy-target", nullptr);
+      set(host.request.srvhdrs, "content-type", "text/html");
+      host.request.status_num = 0;
+      host.failInsertion = failing;
+      host.failsForGood = forGood;
+      EXPECT_EQ(filter(), result) << failing;
+      EXPECT_EQ(marks(), left) << failing;
+      EXPECT_EQ(host.request.status_num, result == REQ_ABORTED ? 500 : 0) << failing;
+    }
+  }
 }
 
 TEST_F(Stages, filterLeavesEverythingElseUntouched) {
@@ -189,22 +215,33 @@ TEST_F(Stages, serviceResultFollowsOutcomeAndStatus) {
   EXPECT_EQ(service("vesk-internal/x"), REQ_PROCEED) << "a page turned into a redirect";
 }
 
-TEST_F(Stages, secureServiceWithoutMemoryAnswersAndReleasesEverything) {
+// Each allocation of the two stages fails once: what goes out is whole, and what was
+// taken is given back.
+TEST_F(Stages, anyAllocationMayFail) {
+  const std::string rest =
+      " 0 javax.servlet.request.X509Certificate="
+      "-----BEGIN CERTIFICATE-----\nMIIC\n-----END CERTIFICATE-----\n\n"
+      " javax.servlet.request.key_size=256";
   host.client.globals.Vsecurity_active = 1;
   set(host.request.session.client, "keysize", "256");
   set(host.request.vars, "auth-cert", "MIIC");
-  for (int failing = 1; failing <= 6; ++failing) {
+  std::map<std::string, int> outcomes;
+  for (int failing = 1; host.failAllocation == 0; ++failing) {
+    set(host.request.reqpb, "uri", "/app/");
+    set(host.request.vars, "vesk-proxy-target", nullptr);
+    play.served.clear();
+    host.request.status_num = 0;
     host.failAllocation = failing;
-    EXPECT_EQ(service("vesk-internal/x"), REQ_ABORTED) << failing;
-    EXPECT_EQ(host.request.status_num, 500);
-    EXPECT_EQ(play.served, "") << failing;
+    EXPECT_EQ(filter(), REQ_NOACTION);
+    const int result = veskservice(nullptr, &host.request.session, &host.request);
+    EXPECT_EQ(host.permBlocks, 0) << failing;
+    ++outcomes[std::to_string(result) + " " + std::to_string(host.request.status_num) +
+               " " + play.served];
   }
-  host.request.status_num = 0;
-  EXPECT_EQ(service("vesk-internal/x"), REQ_PROCEED);
-  EXPECT_EQ(play.served,
-            "/app/ -1 javax.servlet.request.X509Certificate="
-            "-----BEGIN CERTIFICATE-----\nMIIC\n-----END CERTIFICATE-----\n\n"
-            " javax.servlet.request.key_size=256");
+  EXPECT_THAT(outcomes, testing::ElementsAre(
+                            testing::Pair("-1 500 ", 6),  // arrays and attributes
+                            testing::Pair("0 0 /app/" + rest, 1),  // the file's name
+                            testing::Pair("0 0 /app/index.jsp" + rest, 4)));
 }
 
 class Init : public testing::Test {
