@@ -37,15 +37,14 @@ static const char* spelled(bool on) {
   return on ? "true" : "false";
 }
 
-// A number from -`most` to `most`; text without digits is 0. A negative time-out
-// means that the wait has no limit.
-static std::int32_t parseNumber(const char* option, const char* value,
+// A number from `least` to `most`; text without digits is 0.
+static std::int32_t parseNumber(const char* option, const char* value, std::int32_t least,
                                 std::int32_t most) {
   constexpr int kDecimal = 10;
   vesk_request* req = &globalRequest;
   const long number = std::strtol(value, nullptr, kDecimal);
-  if (number >= -most && number <= most) return static_cast<std::int32_t>(number);
-  const std::int32_t nearest = number < 0 ? -most : most;
+  if (number >= least && number <= most) return static_cast<std::int32_t>(number);
+  const std::int32_t nearest = number < least ? least : most;
   req->log(req, "%s %.100s is out of range, using %d", option, value, nearest);
   return nearest;
 }
@@ -53,7 +52,9 @@ static std::int32_t parseNumber(const char* option, const char* value,
 static void readTimeout(pblock* pb, const char* option, std::int32_t* millis) {
   vesk_request* req = &globalRequest;
   const char* value = pblock_findval(option, pb);
-  if (value) *millis = parseNumber(option, value, kMaxSeconds) * kMillisPerSecond;
+  // A negative time-out means that the wait has no limit.
+  if (value)
+    *millis = parseNumber(option, value, -kMaxSeconds, kMaxSeconds) * kMillisPerSecond;
   req->trace(req, "%s %d", option, *millis / kMillisPerSecond);
 }
 
@@ -68,8 +69,10 @@ static void readAllocOption(pblock* pb) {
 static std::uint32_t readRetryInterval(pblock* pb) {
   vesk_request* req = &globalRequest;
   const char* value = pblock_findval("proxyretryinterval", pb);
+  // A pause below nothing would have every request try a dead server first, while
+  // all others wait for that.
   const std::int32_t seconds =
-      value ? parseNumber("proxyretryinterval", value, INT_MAX) : 0;
+      value ? parseNumber("proxyretryinterval", value, 0, INT_MAX) : 0;
   req->trace(req, "proxyretryinterval %d", seconds);
   return static_cast<std::uint32_t>(seconds);
 }

@@ -6,9 +6,13 @@
 #include <cctype>
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <string_view>
 
+#include "context/memory.h"
+#include "context/request_block.h"
+#include "context/text.h"
 #include "nsapi/host_objects.h"
 
 const char* errorUrl = nullptr;
@@ -53,6 +57,14 @@ static void replaceConnection(vesk_request* req, const char* name, const char* v
   replaceHeader(requestOf(req)->srvhdrs, "connection", value);
 }
 
+// The decimal number that a text begins with, as it is written there.
+static std::string_view numberIn(const char* text) {
+  text += std::strspn(text, " \f\n\r\t\v");
+  if (*text == '+') ++text;
+  const std::size_t sign = *text == '-' ? 1 : 0;
+  return {text, sign + std::strspn(text + sign, "0123456789")};
+}
+
 static void replaceContentLength(vesk_request* req, const char* name, const char* value) {
   constexpr int kDecimal = 10;
   req->trace(req, "   (special) %s: %.20s", name, value);
@@ -63,10 +75,10 @@ static void replaceContentLength(vesk_request* req, const char* name, const char
     (void)pblock_nninsert("content-length", static_cast<int>(length), headers);
     return;
   }
-  // The host's number is an int, and a longer body must not get a wrong length.
-  char text[24];
-  (void)std::snprintf(text, sizeof text, "%lld", length);
-  replaceHeader(headers, "content-length", text);
+  // The host's number is an int, and a longer body must not get a wrong length; nor
+  // must a number that 64 bits can't hold pass for the nearest one that they can.
+  const RequestBlock text{req, copyText(req, numberIn(value))};
+  replaceHeader(headers, "content-length", orElse(text.bytes, value));
 }
 
 // Parameters behind the media type, such as a charset, keep their case.

@@ -157,7 +157,7 @@ TEST_F(Stages, serviceForwardsHeadersAndTheStoredTarget) {
   for (const auto& [text, index] : {std::pair{"7", "7"},
                                     {"9999999999", "2147483647"},
                                     {"-9999999999", "-2147483648"},
-                                    {"a", "0"}}) {
+                                    {"abc", "0"}}) {
     set(host.request.vars, "vesk-proxy-target", text);
     EXPECT_EQ(service("vesk-internal/target"), REQ_PROCEED);
     EXPECT_EQ(play.served, "/app/ " + std::string(index) + " b=\"1\" a=\"1\" cc=\"1\"");
@@ -301,14 +301,15 @@ TEST_F(Init, functionsOfAStageAreRefusedThere) {
 TEST_F(Init, numbersOutOfRangeAreMovedToTheNearest) {
   init(
       "verbose=true traceflags=7z connecttimeout=99999999999999999999 sendtimeout=-1 "
-      "recvtimeout=-2147484 proxyretryinterval=2147483648");
+      "recvtimeout=-2147484 proxyretryinterval=-1");
   EXPECT_EQ(veskEnabledTraceFlags, 0u);
   EXPECT_THAT(soTimeouts, testing::ElementsAre(2147483000, -1000, -2147483000));
   ASSERT_NE(getMappingsTable(), nullptr);
-  EXPECT_EQ(getMappingsTable()->proxyRetryInterval, 2147483647u);
+  EXPECT_EQ(getMappingsTable()->proxyRetryInterval, 0u);
   EXPECT_EQ(host.client.logged("recvtimeout -2147484 is out of range, using -2147483"),
             1);
-  EXPECT_EQ(host.client.logged(" is out of range, using 2147483"), 2);
+  EXPECT_EQ(host.client.logged(" is out of range, using 2147483"), 1);
+  EXPECT_EQ(host.client.logged("proxyretryinterval -1 is out of range, using 0"), 1);
   EXPECT_EQ(host.client.logged("serverstore <null>"), 1);
 }
 

@@ -25,6 +25,8 @@ HEADERS = {
     "the media type is lowered, its parameters not": (
         wire.header("Content-Type", "TEXT/HTML; Charset=UTF-8"),
         {"content-type": ["text/html; Charset=UTF-8"]}),
+    "a length that no number holds is none": (
+        wire.header("content-length", "9" * 20), {"content-length": []}),
     "a line end in a value makes no header": (
         wire.header("X-A", "1\r\nX-Evil: 2"), {"X-Evil": []}),
 }
