@@ -140,7 +140,7 @@ static void parseAndSortMappings(benchmark::State& state) {
   const std::string text = mappingText(state.range(0));
   for (auto _ : state) {
     propertyTable* table = parseProperties(&req, text.c_str());
-    sortMappings(&req, table);
+    (void)sortMappings(&req, table);
     freeProperties(&req, table);
   }
 }

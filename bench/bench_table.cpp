@@ -184,7 +184,7 @@ static void sortNew(benchmark::State& state) {
     state.PauseTiming();
     propertyTable* table = parseProperties(&req, text.c_str());
     state.ResumeTiming();
-    sortMappings(&req, table);
+    (void)sortMappings(&req, table);
     state.PauseTiming();
     freeProperties(&req, table);
     state.ResumeTiming();

@@ -71,7 +71,7 @@ static void converse(vesk_request* req, veskProxy* proxy, bool service) {
     return;
   }
   propertyTable* table = proxy->fetchProps(req, proxy, "servlet-mappings", nullptr);
-  if (table) sortMappings(req, table);
+  if (table) (void)sortMappings(req, table);
   freeProperties(req, table);
 }
 

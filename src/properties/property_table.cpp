@@ -27,8 +27,8 @@ static bool isFull(vesk_request* req, const propertyTable* table, const char* ke
 }
 
 // The copy is made before the old value goes, so that a failure changes nothing.
-static std::int32_t replaceValue(vesk_request* req, propertyTable* table,
-                                 std::int32_t index, const char* value) {
+std::int32_t replaceValue(vesk_request* req, propertyTable* table, std::int32_t index,
+                          const char* value) {
   property* pair = &table->entries[index];
   if (std::strcmp(pair->value, value) == 0) return index;
   char* copy = req->permStrdup(req, value);
@@ -38,8 +38,9 @@ static std::int32_t replaceValue(vesk_request* req, propertyTable* table,
   return index;
 }
 
-static std::int32_t addCopies(vesk_request* req, propertyTable* table, const char* key,
-                              const char* value) {
+std::int32_t addCopies(vesk_request* req, propertyTable* table, const char* key,
+                       const char* value) {
+  if (isFull(req, table, key, value)) return -1;
   // Both copies are made before the table is touched: a pair is there whole or not at
   // all.
   char* keyCopy = req->permStrdup(req, key);
@@ -62,7 +63,6 @@ std::int32_t setProperty(vesk_request* req, propertyTable* table, const char* ke
   }
   const std::int32_t index = findProperty(table, key);
   if (index >= 0) return replaceValue(req, table, index, value);
-  if (isFull(req, table, key, value)) return -1;
   return addCopies(req, table, key, value);
 }
 

@@ -49,6 +49,14 @@ void freeProperties(vesk_request* req, propertyTable* table);  // null is accept
 [[nodiscard]] std::int32_t setProperty(vesk_request* req, propertyTable* table,
                                        const char* key, const char* value);
 
+// The two halves of setProperty, for a caller that has looked the key up already: a
+// new value for the pair at a valid index, and copies of both texts at the end, where
+// no pair has that key yet. Results as those of setProperty.
+[[nodiscard]] std::int32_t replaceValue(vesk_request* req, propertyTable* table,
+                                        std::int32_t index, const char* value);
+[[nodiscard]] std::int32_t addCopies(vesk_request* req, propertyTable* table,
+                                     const char* key, const char* value);
+
 // Appends a pair and takes over both texts: its index, or -1 with a log line when
 // the table is full; then the texts stay the caller's.
 [[nodiscard]] std::int32_t addProperty1(vesk_request* req, propertyTable* table,

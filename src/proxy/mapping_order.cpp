@@ -1,17 +1,33 @@
 #include "proxy/mapping_order.h"
 
-#include <cstdint>
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 
+#include "context/memory.h"
+#include "context/text.h"
 #include "patterns/uri_pattern.h"
+#include "properties/property_index.h"
 
-// The entries to remove, by their index before any removal. References would not
-// do: the value of an entry that waits here may still be replaced and freed.
-struct RemovalList {
-  std::int32_t count;
-  std::int16_t indexes[kMaxProperties];
+// Entries that are put in order together: few enough for the stack, and enough that
+// the walks over those before them don't count.
+constexpr std::int32_t kChunk = 256;
+
+// One table on its way into matching order.
+struct Sorting {
+  vesk_request* req;
+  propertyTable* table;
+  propertyIndex index;
+  // Entries that are to go, since another one has taken over their value. Until then
+  // they are found like all others: the value of one that waits may be replaced.
+  propertyMarks doubles;
 };
-static_assert(kMaxProperties <= INT16_MAX);
+
+// An entry with its place in the order, which takes a walk over the text to find.
+struct RankedEntry {
+  property pair;
+  std::uint64_t rank;
+};
 
 std::int32_t longerThan(const property* first, const property* second) {
   return patternRank(first->key) > patternRank(second->key) ? 1 : 0;
@@ -26,9 +42,8 @@ static const char* slashBeforeStar(const char* pattern) {
 
 // A copy of a pattern without the character at `left`, from permMalloc, or null.
 static char* copyWithout(vesk_request* req, const char* pattern, const char* left) {
-  const std::size_t size = std::strlen(pattern);  // one less, and a NUL
-  if (size > static_cast<std::size_t>(INT32_MAX)) return nullptr;
-  auto* copy = static_cast<char*>(req->permMalloc(req, static_cast<std::int32_t>(size)));
+  const auto size = static_cast<std::size_t>(textLength(pattern));  // one less, and a NUL
+  auto* copy = static_cast<char*>(newPermBlock(req, static_cast<std::int64_t>(size)));
   if (!copy) return nullptr;
   const auto before = static_cast<std::size_t>(left - pattern);
   std::memcpy(copy, pattern, before);
@@ -36,76 +51,101 @@ static char* copyWithout(vesk_request* req, const char* pattern, const char* lef
   return copy;
 }
 
-// Rewrites one entry. True when it has become double: then another entry has
-// taken over its value, and this one is to be removed. Without memory the entry
-// stays as it is, which is a pattern in its own right.
-static bool convertEntry(vesk_request* req, propertyTable* table, property* entry) {
+// Rewrites one entry. False when memory runs out: without its '/' the pattern matches
+// what its server means, with it next to nothing, so the set is of no use then.
+static bool convertEntry(Sorting* sorting, std::int32_t at) {
+  vesk_request* req = sorting->req;
+  property* entry = &sorting->table->entries[at];
   const char* slash = slashBeforeStar(entry->key);
-  if (!slash) return false;
+  if (!slash) return true;
   char* newKey = copyWithout(req, entry->key, slash);
   if (!newKey) return false;
 
   req->trace(req, "mapping converted from %s to %s=%s", entry->key, newKey, entry->value);
-  if (!getPropertyValue(table, newKey)) {
+  const std::int32_t known = findIndexed(&sorting->index, newKey);
+  if (known < 0) {
+    leaveIndexed(&sorting->index, at);
     req->permFree(req, entry->key);
     entry->key = newKey;
-    return false;
+    enterIndexed(&sorting->index, at);
+    return true;
   }
-  const bool handedOver = setProperty(req, table, newKey, entry->value) >= 0;
   req->permFree(req, newKey);
-  return handedOver;
+  markProperty(&sorting->doubles, at);
+  return replaceValue(req, sorting->table, known, entry->value) >= 0;
 }
 
-static void convertEntries(vesk_request* req, propertyTable* table,
-                           RemovalList* removals) {
-  for (std::int32_t i = 0; i < table->count; ++i)
-    if (convertEntry(req, table, &table->entries[i]))
-      removals->indexes[removals->count++] = static_cast<std::int16_t>(i);
+static bool convertEntries(Sorting* sorting) {
+  for (std::int32_t i = 0; i < sorting->table->count; ++i)
+    if (!convertEntry(sorting, i)) return false;
+  return true;
 }
 
-static void removeEntries(vesk_request* req, propertyTable* table,
-                          const RemovalList& removals) {
-  for (std::int32_t i = 0; i < removals.count; ++i) {
-    const std::int32_t index = removals.indexes[i] - i;  // i entries are gone
-    const property& entry = table->entries[index];
-    req->trace(req, "removed mapping %s=%s", entry.key, entry.value);
-    (void)removePropertyByIndex(req, table, index);  // the new count tells nothing
+static void dropDoubles(const Sorting& sorting) {
+  vesk_request* req = sorting.req;
+  property* entries = sorting.table->entries;
+  std::int32_t kept = 0;
+  for (std::int32_t i = 0; i < sorting.table->count; ++i) {
+    if (!isMarked(sorting.doubles, i)) {
+      entries[kept++] = entries[i];
+      continue;
+    }
+    req->trace(req, "removed mapping %s=%s", entries[i].key, entries[i].value);
+    req->permFree(req, entries[i].key);
+    req->permFree(req, entries[i].value);
+  }
+  sorting.table->count = kept;
+}
+
+// Takes the entries behind the sorted ones, in order among themselves.
+static void takeChunk(const propertyTable* table, std::int32_t start, RankedEntry* chunk,
+                      std::int32_t count) {
+  for (std::int32_t i = 0; i < count; ++i) {
+    const property pair = table->entries[start + i];
+    const RankedEntry entry = {.pair = pair, .rank = patternRank(pair.key)};
+    std::int32_t at = i;
+    for (; at > 0 && chunk[at - 1].rank < entry.rank; --at) chunk[at] = chunk[at - 1];
+    chunk[at] = entry;
   }
 }
 
-// The place of an entry among the sorted ones before it: behind all that it is
-// not longer than, so that equal ones keep their order.
-static std::int32_t placeOf(const propertyTable* table, const property& entry,
-                            std::int32_t sorted) {
-  std::int32_t low = 0;
-  std::int32_t high = sorted;
-  while (low < high) {
-    const std::int32_t middle = low + (high - low) / 2;
-    if (longerThan(&entry, &table->entries[middle])) {
-      high = middle;
+// Merges them into the sorted ones, from the back: what is equal stays behind.
+static void mergeChunk(propertyTable* table, std::int32_t sorted,
+                       const RankedEntry* chunk, std::int32_t count) {
+  property* entries = table->entries;
+  while (count > 0) {
+    property* to = &entries[sorted + count - 1];
+    const RankedEntry& last = chunk[count - 1];
+    if (sorted > 0 && patternRank(entries[sorted - 1].key) < last.rank) {
+      *to = entries[--sorted];
     } else {
-      low = middle + 1;
+      *to = last.pair;
+      --count;
     }
   }
-  return low;
 }
 
-// Insertion sort; the place is searched by halves, since a comparison reads both
-// patterns to their end.
 static void sortEntries(propertyTable* table) {
-  for (std::int32_t i = 1; i < table->count; ++i) {
-    const property entry = table->entries[i];
-    const std::int32_t place = placeOf(table, entry, i);
-    std::memmove(&table->entries[place + 1], &table->entries[place],
-                 static_cast<std::size_t>(i - place) * sizeof(property));
-    table->entries[place] = entry;
+  RankedEntry chunk[kChunk];
+  for (std::int32_t sorted = 0; sorted < table->count;) {
+    const std::int32_t count = std::min(kChunk, table->count - sorted);
+    takeChunk(table, sorted, chunk, count);
+    mergeChunk(table, sorted, chunk, count);
+    sorted += count;
   }
 }
 
-void sortMappings(vesk_request* req, propertyTable* table) {
-  RemovalList removals;
-  removals.count = 0;
-  convertEntries(req, table, &removals);
-  removeEntries(req, table, removals);
+std::int32_t sortMappings(vesk_request* req, propertyTable* table) {
+  Sorting sorting;
+  sorting.req = req;
+  sorting.table = table;
+  sorting.doubles = {};
+  indexProperties(&sorting.index, table);
+  if (!convertEntries(&sorting)) {
+    req->lastError = ENOBUFS;
+    return -1;
+  }
+  dropDoubles(sorting);
   sortEntries(table);
+  return 0;
 }

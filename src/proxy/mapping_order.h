@@ -4,7 +4,7 @@
 // table comes from permMalloc and is the table's.
 // Threads: any; no lock is taken. sortMappings needs a table that no other thread
 // sees yet; longerThan is a pure function.
-// Failure: none; without memory a pattern keeps the form that it has.
+// Failure: -1 with lastError ENOBUFS when memory runs out.
 #pragma once
 
 #include "properties/vesk_property.h"
@@ -13,6 +13,7 @@
 [[nodiscard]] std::int32_t longerThan(const property* first, const property* second);
 
 // Rewrites '/path/*' as '/path*', drops what that makes double, and sorts the
-// table by longerThan, in place and stable. The new patterns are allocated with
-// permMalloc; one for which there is no memory stays as it is and is sorted so.
-void sortMappings(vesk_request* req, propertyTable* table);
+// table by longerThan, in place and stable: 0, or -1; then the table is neither sorted
+// nor free of doubles, and only good to be freed. The new patterns come from permMalloc.
+// 48 KiB of stack.
+[[nodiscard]] std::int32_t sortMappings(vesk_request* req, propertyTable* table);

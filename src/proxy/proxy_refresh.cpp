@@ -70,7 +70,6 @@ static propertyTable* swapMappings(veskProxy* proxy, vesk_request* req,
 }
 
 static void installMappings(veskProxy* proxy, vesk_request* req, propertyTable* table) {
-  sortMappings(req, table);
   req->trace(req, "installing new mappings for %s count: %d", proxy->name, table->count);
   propertyTable* old = swapMappings(proxy, req, table);
   if (!old) return;
@@ -90,6 +89,16 @@ static void noteFailedRefresh(veskProxy* proxy, vesk_request* req, std::int64_t 
               seconds);
 }
 
+// The server's mappings in matching order, or null. An empty set counts as none: it
+// would take every mapping from a server that may only be starting up.
+static propertyTable* fetchMappings(veskProxy* proxy, vesk_request* req) {
+  propertyTable* table = fetchProps(req, proxy, "servlet-mappings", nullptr);
+  if (!table) return nullptr;
+  if (table->count > 0 && sortMappings(req, table) == 0) return table;
+  freeProperties(req, table);
+  return nullptr;
+}
+
 std::int32_t proxy_refreshMappings(veskProxy* proxy, vesk_request* req) {
   // One reading of the clock for all that is decided here, so that the parts agree.
   const std::int64_t now = req->now(req);
@@ -97,11 +106,8 @@ std::int32_t proxy_refreshMappings(veskProxy* proxy, vesk_request* req) {
   if (!claimRefresh(proxy, req, now)) return -1;
 
   req->trace(req, "refreshing mappings for %s", proxy->name);
-  // An empty set would take every mapping from a server that may only be starting up: the
-  // old ones stay.
-  propertyTable* table = fetchProps(req, proxy, "servlet-mappings", nullptr);
-  if (!table || table->count == 0) {
-    freeProperties(req, table);
+  propertyTable* table = fetchMappings(proxy, req);
+  if (!table) {
     noteFailedRefresh(proxy, req, now);
     return -1;
   }
