@@ -1,6 +1,7 @@
 # Compiler settings shared by all targets.
 #   vesk_warnings   warnings and sanitizers: link it into everything
-#   vesk_connector  on top of that, what ships inside somebody's web server
+#   vesk_hardened   on top of that, what ships inside somebody's web server
+#   vesk_connector  on top of that, the connector, which needs no C++ runtime
 add_library(vesk_warnings INTERFACE)
 target_compile_options(vesk_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2 -Wundef -Wcast-qual
@@ -18,7 +19,18 @@ if(VESK_FUZZERS)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 
+# What a peer sends is read here with the web server's rights. Sanitizers bring
+# checks of their own, and fortified functions need the optimiser.
+add_library(vesk_hardened INTERFACE)
+target_link_libraries(vesk_hardened INTERFACE vesk_warnings)
+if(NOT VESK_SANITIZE)
+  set(optimised "$<CONFIG:Release,RelWithDebInfo,MinSizeRel>")
+  target_compile_options(vesk_hardened INTERFACE -fstack-protector-strong
+    $<${optimised}:-U_FORTIFY_SOURCE> $<${optimised}:-D_FORTIFY_SOURCE=2>)
+  target_link_options(vesk_hardened INTERFACE LINKER:-z,relro LINKER:-z,now)
+endif()
+
 add_library(vesk_connector INTERFACE)
-target_link_libraries(vesk_connector INTERFACE vesk_warnings)
+target_link_libraries(vesk_connector INTERFACE vesk_hardened)
 target_compile_options(vesk_connector INTERFACE -fvisibility=hidden
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions;-fno-rtti;-fvisibility-inlines-hidden>)

@@ -1,19 +1,33 @@
 #!/bin/sh
-# Usage: check_symbols.sh NM OBJECT
-# The connector's object exports its four entry points, and imports the host's
-# table and otherwise only versioned symbols of the C and C++ runtime.
-nm=$1
-object=$2
+# Usage: check_symbols.sh OBJECT EXPORTS LIBRARIES IMPORTS
+# Checks a shared object that a web server loads; the last three are extended regular
+# expressions. It exports EXPORTS and nothing else, needs no shared library but
+# LIBRARIES, and imports only IMPORTS besides what those bring under a version. It is
+# bound as a whole when it is loaded, its stacks are guarded, and functions that fill
+# a buffer are told its size.
+object=$1
 
-exports=$("$nm" -D --defined-only "$object" | awk '{print $NF}' | sort | tr '\n' ' ')
-if [ "$exports" != "veskend veskfilter veskinit veskservice " ]; then
-  echo "exported: $exports"
+fail() {
+  echo "$object: $*"
   exit 1
-fi
+}
 
-strong=$("$nm" -D --undefined-only "$object" | awk '$1 == "U" {print $2}')
-foreign=$(echo "$strong" | grep -vE '@(GLIBC|GLIBCXX|CXXABI|GCC)_' | tr '\n' ' ')
-if [ "$foreign" != "__nsapi30_table " ]; then
-  echo "imported besides the runtime: $foreign"
-  exit 1
-fi
+# Those of the names on standard input that aren't allowed.
+others() {
+  grep -vxE "$1" | xargs
+}
+
+exports=$(nm -D --defined-only "$object" | awk '{print $NF}' | sort | xargs)
+echo "$exports" | grep -qxE "$2" || fail "exports $exports"
+
+dynamic=$(readelf -Wd "$object")
+foreign=$(echo "$dynamic" | sed -n 's/.*(NEEDED).*\[\(.*\)\.so.*/\1/p' | others "$3")
+[ -z "$foreign" ] || fail "needs $foreign"
+echo "$dynamic" | grep -qE '\(FLAGS_1\).* NOW' || fail "is not bound when it is loaded"
+
+imports=$(nm -D --undefined-only "$object" | awk '$1 == "U" {print $2}')
+foreign=$(echo "$imports" | grep -v '@' | others "$4")
+[ -z "$foreign" ] || fail "imports $foreign"
+for guard in __stack_chk_fail '__[a-z]*printf_chk'; do
+  echo "$imports" | grep -qE "^$guard@" || fail "has no $guard"
+done
