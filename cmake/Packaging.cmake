@@ -10,6 +10,17 @@ endforeach()
 install(FILES README.md CHANGES.md docs/httpd.md
         DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/vesk-connector" OPTIONAL)
 
+# With Ninja, cpack builds nothing by itself: a folder in which only some targets
+# were built would have nothing to install for the others.
+set(shipped veskconnector vesk-host vesk-backend)
+if(TARGET mod_nsapi)
+  list(APPEND shipped mod_nsapi)
+endif()
+list(JOIN shipped " " shipped)
+set(CPACK_VERBATIM_VARIABLES ON)
+set(CPACK_INSTALL_COMMANDS
+  "\"${CMAKE_COMMAND}\" --build \"${PROJECT_BINARY_DIR}\" --target ${shipped}")
+
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME vesk-connector)
 set(CPACK_PACKAGE_VENDOR Vesk)
