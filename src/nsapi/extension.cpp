@@ -17,6 +17,7 @@ constexpr int kBuildNumber = 108785;
 
 mappingsTable* pMappingsTable = nullptr;
 
+// Released and acquired: a stage that finds the table finds it as veskinit left it.
 mappingsTable* getMappingsTable() {
   return std::atomic_ref(pMappingsTable).load(std::memory_order_acquire);
 }
@@ -25,6 +26,8 @@ void setMappingsTable(mappingsTable* table) {
   std::atomic_ref(pMappingsTable).store(table, std::memory_order_release);
 }
 
+// Without memory for a table the pointer stays null: every request is then answered
+// as without one, and the web server goes on with all else that it serves.
 static void makeTable(const TableOptions* options) {
   mappingsTable* table = mappingsTableNew(&globalRequest, options->serverStore,
                                           options->bootstrap, options->retryInterval);
@@ -36,12 +39,17 @@ int veskinit(pblock* pb, Session* /*sn*/, Request* /*rq*/) {
   // A host that restarts within one process comes here again after veskend.
   setShuttingDown(false);
   installHostLocks();
+  // The record's log operations are chosen when it is made, and its allocators too: the
+  // trace options come before it, `apialloc` behind it, for what start-up takes must
+  // outlive every request.
   readTraceOptions(pb);
   init_nsapi_request(&globalRequest, nullptr, nullptr, nullptr);
   setLogLevel(LOG_INFORM);
   globalRequest.log(&globalRequest, "%s %d.%d (Build %d) NSAPI Extension - %s %s", "Vesk",
                     kVersionMajor, kVersionMinor, kBuildNumber, __DATE__, __TIME__);
 
+  // From here to LOG_WARN the lines report the options; all that follows is what an
+  // operator should see at the level that web servers log by default.
   TableOptions options;
   readServiceOptions(pb, &options);
   setLogLevel(LOG_WARN);
@@ -66,6 +74,7 @@ int veskservice(pblock* pb, Session* sn, Request* rq) {
 }
 
 void veskend(void* /*data*/) {
+  // First of all, for a thread that waits for a server holds up everything else.
   setShuttingDown(true);
   setLogLevel(LOG_INFORM);
   globalRequest.trace(&globalRequest, "Vesk connector exiting");

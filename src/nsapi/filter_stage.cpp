@@ -19,6 +19,7 @@ static void readPath(vesk_request* req) {
 // The index of the request's mapping, or -1 when it is left to the host.
 static std::int32_t findMapping(mappingsTable* table, vesk_request* req) {
   const char* type = pblock_findval("content-type", requestOf(req)->srvhdrs);
+  // Typed already, by the configuration or by this stage: what was decided stands.
   if (isInternalType(type)) return -1;
   if (!table) {
     req->trace(req, "veskfilter: internal error, no mapping table");
@@ -30,6 +31,8 @@ static std::int32_t findMapping(mappingsTable* table, vesk_request* req) {
     req->trace(req, "no URI, declining request");
     return -1;
   }
+  // 1: `ignoresuffixmap` counts here and only here. What the configuration itself has
+  // typed for the connector is served by suffix, whatever the option says.
   return table->filterRequest(table, req, 1);
 }
 

@@ -13,6 +13,7 @@ static bool beginsWith(const char* text, const char* beginning) {
 // What lies behind the folder in a path below the base. The folder is the longest
 // tail of the URI that the path goes on with: the rest of the URI may be mapped.
 static const char* behindFolder(const char* rest, const char* uri) {
+  // The longest first: of /b/b/ the shorter tail matches as well, and leaves too much.
   for (const char* tail = uri; tail && *tail; tail = std::strchr(tail + 1, '/')) {
     if (beginsWith(rest, tail)) return rest + std::strlen(tail);
   }
@@ -21,6 +22,7 @@ static const char* behindFolder(const char* rest, const char* uri) {
 
 // The part of the path that the URI lacks.
 static const char* fileInFolder(const char* uri, const char* path, const char* base) {
+  // Nothing tells what a host without a path would serve: the folder's URI it is.
   if (!path) return "";
   const char* rest = nullptr;
   if (base && beginsWith(path, base))
@@ -28,6 +30,7 @@ static const char* fileInFolder(const char* uri, const char* path, const char* b
   else
     rest = std::strrchr(path, '/');
   if (!rest) return "";
+  // The URI brings the slash along.
   return *rest == '/' ? rest + 1 : rest;
 }
 

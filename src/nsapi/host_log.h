@@ -1,8 +1,11 @@
 // Log lines through the host: the log operations of a record.
 //
 // A line carries the record's logPrefix as the function name, and `loglevel` as
-// the degree. Threads: any; each call formats in its own frame and allocates
-// nothing. A text of more than 1020 characters is cut.
+// the degree. A text of more than 1020 characters is cut.
+//
+// Ownership: the caller keeps all texts. Threads: any; each call formats in its own
+// frame and allocates nothing. No lock: what order lines have is the host's.
+// Failure: none that a caller could see; a line may be missing.
 #pragma once
 
 #include "context/vesk_request.h"

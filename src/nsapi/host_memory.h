@@ -1,8 +1,11 @@
 // The host's two kinds of memory as allocators of a record: the running request's
 // pool, and what lasts until it is released.
 //
-// A block goes back through the family that gave it. Threads: any.
+// Ownership: a block is the caller's and goes back through the family that gave it; the
+// host takes back what is left in the pool when the request has ended.
+// Threads: any; a block of the pool belongs to the request's own.
 // Failure: null, with a log line where this layer can tell what was asked for.
+// Units: bytes.
 #pragma once
 
 #include "context/vesk_request.h"

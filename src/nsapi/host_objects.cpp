@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+// By exact case: a host passes its configuration's spelling on as it is, and another
+// spelling is another type.
 bool isInternalType(const char* type) {
   constexpr char kPrefix[] = "vesk-internal/";
   return type && std::strncmp(type, kPrefix, sizeof kPrefix - 1) == 0;

@@ -10,10 +10,13 @@
 #include "context/text.h"
 #include "nsapi/response_path.h"
 
+// `verbose` is about the flags that there are; the mask has room for more.
 constexpr std::uint64_t kAllTraceFlags = 0xFFFFFFFF;
 constexpr std::int32_t kMillisPerSecond = 1000;
 constexpr std::int32_t kMaxSeconds = INT_MAX / kMillisPerSecond;
 
+// The switches for the log want the very word, those for the service take any case. A
+// configuration may rest on either: where "TRUE" has been off, it stays off.
 static bool isExactlyTrue(const char* value) {
   return value && std::strcmp(value, "true") == 0;
 }
@@ -26,6 +29,7 @@ void readTraceOptions(pblock* pb) {
   const bool verbose = isExactlyTrue(pblock_findval("verbose", pb));
   veskNSAPIVerbose = verbose ? 1 : 0;
   veskEnabledTraceFlags = verbose ? kAllTraceFlags : 0;
+  // Behind `verbose`, for it narrows down what that has switched on.
   const char* flags = pblock_findval("traceflags", pb);
   if (flags) veskEnabledTraceFlags = static_cast<std::uint64_t>(hexstrtol(flags));
   // The record for start-up is made next, and keeps the lasting memory.
@@ -37,7 +41,8 @@ static const char* spelled(bool on) {
   return on ? "true" : "false";
 }
 
-// A number from `least` to `most`; text without digits is 0.
+// A number from `least` to `most`; text without digits is 0. One that doesn't fit moves
+// to the nearest that does: wrapped, it could say the opposite of what was meant.
 static std::int32_t parseNumber(const char* option, const char* value, std::int32_t least,
                                 std::int32_t most) {
   constexpr int kDecimal = 10;
@@ -55,9 +60,12 @@ static void readTimeout(pblock* pb, const char* option, std::int32_t* millis) {
   // A negative time-out means that the wait has no limit.
   if (value)
     *millis = parseNumber(option, value, -kMaxSeconds, kMaxSeconds) * kMillisPerSecond;
+  // What is in force, so that the defaults show as well.
   req->trace(req, "%s %d", option, *millis / kMillisPerSecond);
 }
 
+// Anything but the two words leaves the setting: a slip must not move all memory of all
+// requests from one heap to the other.
 static void readAllocOption(pblock* pb) {
   vesk_request* req = &globalRequest;
   const char* value = pblock_findval("apialloc", pb);
@@ -89,6 +97,7 @@ void readServiceOptions(pblock* pb, TableOptions* options) {
   req->trace(req, "bootstrap %.511s", orElse(options->bootstrap, "<null>"));
   options->retryInterval = readRetryInterval(pb);
 
+  // Set afresh, for a host may restart within one process with other options.
   initializeSocketTimeouts(req, soTimeouts);
   readTimeout(pb, "connecttimeout", &soTimeouts[0]);
   readTimeout(pb, "recvtimeout", &soTimeouts[2]);

@@ -4,6 +4,7 @@
 // life of the process. Threads: the start-up thread, before the first request.
 // Failure: none; a value that makes no sense is taken as far as it goes, and one
 // out of range is moved to the nearest, with a log line.
+// Units: the options have seconds, soTimeouts milliseconds.
 #pragma once
 
 #include <nsapi.h>

@@ -12,7 +12,8 @@
 #include "nsapi/request_variables.h"
 #include "nsapi/response_path.h"
 
-// The client's TCP port; 0 when the host can't tell.
+// The client's TCP port; 0 when the host can't tell, which is no reason to have no
+// record: the port only names the request in the log.
 static int clientPort(Session* sn) {
   sockaddr_in address;
   std::memset(&address, 0, sizeof address);

@@ -1,6 +1,8 @@
 // The request's body, as the client sends it.
 //
+// Ownership: the buffer is the caller's; what it takes leaves the host's.
 // Threads: the request's own. The record must have its session.
+// Failure: -1. Units: bytes.
 #pragma once
 
 #include "context/vesk_request.h"

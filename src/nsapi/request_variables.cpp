@@ -22,7 +22,8 @@ struct EquivalentName {
   const char* hostName;
 };
 
-// What the host calls the same thing.
+// What the host calls the same thing. A server knows requests as CGI programs do; the
+// host has each fact once, under a name of its own, in one of four blocks.
 static const EquivalentName nesequivHeaders[] = {
     {"CONTENT_LENGTH", "content-length"},
     {"CONTENT_TYPE", "content-type"},
@@ -48,8 +49,13 @@ static const EquivalentName nesequivHeaders[] = {
     {"REMOTE_ADDR", "ip"},
 };
 
-// The special variables. `name` is the caller's spelling, for the trace line.
+// The special variables: facts that no block has. `name` is the caller's spelling, for
+// the trace line.
+//
+// What is built here comes from the host's pool, whatever `apialloc` says: nobody gives
+// a value back, and the pool ends with the request.
 
+// Secure or not is the host's setting: the API doesn't tell about one connection.
 static const char* serverPortSecure(vesk_request* req, const char* name) {
   auto* value = static_cast<char*>(nsapi_malloc(req, 2));
   if (!value) return nullptr;
@@ -59,6 +65,8 @@ static const char* serverPortSecure(vesk_request* req, const char* name) {
   return value;
 }
 
+// The path of what stands behind the page in the URI: without that there is none, and
+// the page's own is no answer.
 static const char* pathTranslated(vesk_request* req, const char* name) {
   const char* info = pblock_findval("path-info", requestOf(req)->vars);
   if (!info || !*info) return nullptr;
@@ -67,6 +75,8 @@ static const char* pathTranslated(vesk_request* req, const char* name) {
   return value;
 }
 
+// 0: the host doesn't verify the name, which would cost a second look-up, and each can
+// block the request for seconds.
 static const char* remoteHost(vesk_request* req, const char* name) {
   const char* value = session_dns_lookup(sessionOf(req), 0);
   if (value) req->trace(req, "   %s: %.100s", name, value);
@@ -122,6 +132,8 @@ static constexpr SpecialVariable kSpecialVariables[] = {
     {"HTTPS", https},
 };
 
+// In upper case with underscores, whatever the spelling asked for: `server-port` means
+// the port, and not a header that a client made up.
 static const SpecialVariable* findSpecial(const char* name) {
   for (const SpecialVariable& special : kSpecialVariables) {
     if (std::strcmp(special.name, name) == 0) return &special;
@@ -129,6 +141,8 @@ static const SpecialVariable* findSpecial(const char* name) {
   return nullptr;
 }
 
+// The client's headers come last: a client must not overrule what the host knows of
+// the request. An empty value counts as none, so that it can't hide one further on.
 const char* getOtherHeader(vesk_request* req, const char* name) {
   const Request* rq = requestOf(req);
   const struct {
@@ -148,6 +162,7 @@ const char* getOtherHeader(vesk_request* req, const char* name) {
   return nullptr;
 }
 
+// The rows are few next to the parameters that each search of the blocks goes through.
 static const char* findEquivalent(vesk_request* req, const char* variable) {
   for (const EquivalentName& row : nesequivHeaders) {
     if (std::strcmp(row.variable, variable) == 0)
@@ -157,7 +172,8 @@ static const char* findEquivalent(vesk_request* req, const char* variable) {
 }
 
 // Searches the blocks in every spelling. `work` holds the name in upper case with
-// underscores, and is used up.
+// underscores, and is used up. The spelling of CGI comes first, and with it the host's
+// own name for the same thing: else a client's header in another spelling would win.
 static const char* searchSpellings(vesk_request* req, const char* name, char* work) {
   const char* value = getOtherHeader(req, work);
   if (!value) value = findEquivalent(req, work);
@@ -190,11 +206,14 @@ static const char* resolve(vesk_request* req, const char* name, char* work) {
 
 const char* getHeader(vesk_request* req, const char* name) {
   const Request* rq = requestOf(req);
+  // As spelled by the caller, and before all else: a server that asks for a header in the
+  // client's own spelling wants that header, also where the name means something here.
   const char* sent = rq && rq->headers ? pblock_findval(name, rq->headers) : nullptr;
   if (sent) {
     req->trace(req, "   %.100s: %.200s", name, sent);
     return sent;
   }
+  // All spellings are as long as the name, so one buffer serves them in turn.
   const RequestBlock work{req, newBlock(req, textLength(name) + 1)};
   return work.bytes ? resolve(req, name, work.bytes) : nullptr;
 }
@@ -202,7 +221,8 @@ const char* getHeader(vesk_request* req, const char* name) {
 char* getRealPath(vesk_request* req, const char* uri) {
   const Request* rq = requestOf(req);
   const char* ownUri = pblock_findval("uri", rq->reqpb);
-  // The host has translated this request's own URI already.
+  // The host has translated this request's own URI already; once more would run all its
+  // name functions again, and each may block.
   const bool own = ownUri && std::strcmp(ownUri, uri) == 0;
   const char* label = own ? "shortcut" : "translated";
   const char* path = own ? pblock_findval("path", rq->vars)
@@ -211,6 +231,7 @@ char* getRealPath(vesk_request* req, const char* uri) {
     req->trace(req, "   %s getRealPath(%.200s) = null", label, uri);
     return nullptr;
   }
+  // A copy, for the caller gives it back with `free`, and one of the two is the host's.
   req->trace(req, "   %s getRealPath(%.200s) = %.200s", label, uri, path);
   return req->strdup(req, path);
 }

@@ -17,6 +17,8 @@
 
 const char* errorUrl = nullptr;
 
+// Every 503 is redirected, a server's own too: to a browser they mean the same, and the
+// site has one page for it.
 void setStatus(vesk_request* req, std::int32_t status, const char* reason) {
   Request* rq = requestOf(req);
   if (status == kServiceUnavailable && errorUrl) {
@@ -31,19 +33,24 @@ int refuse(vesk_request* req, std::int32_t status, const char* reason) {
   return REQ_ABORTED;
 }
 
+// The host adds what it is given: two of a name would both go out.
 static void replaceHeader(pblock* headers, const char* name, const char* value) {
   dropParameter(name, headers);
   (void)pblock_nvinsert(name, value, headers);
 }
 
-// One way to treat a header. `name` is the caller's spelling.
+// One way to treat a header. `name` is the caller's spelling. Headers that the host
+// looks at by itself are stored in lower case, as it knows them; any other under the
+// name that came, for a client may care for its spelling.
 using HeaderTreatment = void (*)(vesk_request* req, const char* name, const char* value);
 
+// Each is a header by itself, and can't be joined with another.
 static void insertCookie(vesk_request* req, const char* name, const char* value) {
   req->trace(req, "   (insert)  %s: %.200s", name, value);
   (void)pblock_nvinsert("set-cookie", value, requestOf(req)->srvhdrs);
 }
 
+// The browser talks to the web server: its name and its clock stand.
 static void suppressServer(vesk_request* req, const char* name, const char* value) {
   req->trace(req, "   (suppressed) %s: %.80s", name, value);
 }
@@ -52,6 +59,7 @@ static void suppressDate(vesk_request* req, const char* name, const char* value)
   req->trace(req, "   (suppressed) %s: %.20s", name, value);
 }
 
+// What the server wants of its browser's connection is the host's to carry out.
 static void replaceConnection(vesk_request* req, const char* name, const char* value) {
   req->trace(req, "   (special) %s: %.40s", name, value);
   replaceHeader(requestOf(req)->srvhdrs, "connection", value);
@@ -81,7 +89,8 @@ static void replaceContentLength(vesk_request* req, const char* name, const char
   replaceHeader(headers, "content-length", orElse(text.bytes, value));
 }
 
-// Parameters behind the media type, such as a charset, keep their case.
+// Hosts compare types byte by byte. Parameters behind the media type, such as a
+// charset, keep their case.
 static void lowerMediaType(char* text) {
   for (; *text && *text != ';'; ++text)
     *text = static_cast<char>(std::tolower(static_cast<unsigned char>(*text)));
@@ -93,6 +102,7 @@ static void replaceContentType(vesk_request* req, const char* /*name*/,
   pblock* headers = requestOf(req)->srvhdrs;
   char* lowered = req->strdup(req, value);
   if (!lowered) {
+    // A type in capitals is better than none: browsers guess where there is none.
     req->log(req, "addHeader: no memory, content-type stays as it came");
     replaceHeader(headers, "content-type", value);
     return;
@@ -123,12 +133,15 @@ static constexpr HeaderRow kHeaderRows[] = {
 
 void addHeader(vesk_request* req, const char* name, const char* value) {
   HeaderTreatment treat = replaceOther;
+  // In any case, for a server writes names as it likes.
   for (const HeaderRow& row : kHeaderRows) {
     if (strcasecmp(row.name, name) == 0) treat = row.treat;
   }
   treat(req, name, value);
 }
 
+// Whatever keeps the body away, a HEAD or a client that has left, the server's answer
+// must be read to its end: its connection is needed again.
 static void startResponse(vesk_request* req) {
   const int result = protocol_start_response(sessionOf(req), requestOf(req));
   if (result != REQ_NOACTION && result != REQ_ABORTED) return;
@@ -139,9 +152,11 @@ static void startResponse(vesk_request* req) {
 
 std::int32_t writeClient(vesk_request* req, const char* buffer, std::int32_t length) {
   if (!req->responseStarted && !req->noClientOutput) startResponse(req);
+  // One write: the host's function takes all or fails. A length of 0 only starts.
   if (!req->noClientOutput && length != 0 &&
       net_write(sessionOf(req)->csd, buffer, length) < 0) {
     req->lastError = errno;
+    // Counted, and no more: the conversation decides how many it takes.
     ++req->clientWriteFailures;
     return -1;
   }

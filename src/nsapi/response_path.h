@@ -1,9 +1,12 @@
 // The response: status and headers are recorded with the host first, then the
 // host sends them, then body bytes go to the client.
 //
-// Threads: the request's own. The record must have its session and request.
 // A write that the host wants no body for is dropped with success, so that the
 // server's response is read to its end.
+// Ownership: the caller keeps all texts; the host copies what it needs.
+// Threads: the request's own. The record must have its session and request.
+// Failure: only a write tells; a status or header that the host has no memory for is
+// missing in its response. Units: bytes.
 #pragma once
 
 #include "context/vesk_request.h"

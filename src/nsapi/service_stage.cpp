@@ -18,11 +18,15 @@ static int checkUri(vesk_request* req) {
     req->log(req, "veskservice: request without URI refused");
     return refuse(req, kBadRequest, "Request has no URI.");
   }
+  // A server trusts what its web server lets through.
   if (!util_uri_is_evil(const_cast<char*>(req->uri))) return REQ_PROCEED;
   req->setStatus(req, kForbidden, "Requested URI contains insecure path characters.");
   req->log(req, "veskservice: evil uri \"%s\" ignored", req->uri);
   return REQ_ABORTED;
 }
+
+// The API has no function that lists a block; its records are published, and every
+// host has them in this form.
 
 // One bucket of the client's headers: how many there are. With `names` and
 // `values` it stores them there.
@@ -48,7 +52,8 @@ static std::int64_t walkHeaders(const pblock* headers, const char** names,
   return count;
 }
 
-// The texts stay the host's. 0, or -1 when memory runs out.
+// The texts stay the host's: a request costs two arrays, however long its headers are.
+// 0, or -1 when memory runs out.
 static std::int32_t collectHeaders(vesk_request* req) {
   const pblock* headers = requestOf(req)->headers;
   const std::int64_t count = walkHeaders(headers, nullptr, nullptr);
@@ -65,6 +70,7 @@ static void freeTextArray(vesk_request* req, const char*** array) {
   *array = nullptr;
 }
 
+// In this order: attributes refer to kept blocks.
 static void releaseCollected(vesk_request* req) {
   freeTextArray(req, &req->headerNames);
   freeTextArray(req, &req->headerValues);
@@ -82,6 +88,8 @@ static std::int32_t storedTarget(const vesk_request* req) {
   return clampToInt32(std::strtol(text, nullptr, kDecimal));
 }
 
+// Once a part of the answer has gone out, no other can follow it: neither an error page
+// of the host's nor the file behind the URI.
 static int judgeOutcome(vesk_request* req, std::int32_t outcome) {
   if (outcome >= 0 || req->responseStarted) return REQ_PROCEED;
   if (outcome == kRequestNotOurs) {
@@ -110,6 +118,8 @@ static int forwardAndRelease(vesk_request* req, mappingsTable* table) {
   constexpr std::int32_t kFirstErrorStatus = 400;
   int result = forwardRequest(req, table);
   releaseCollected(req);
+  // A host writes its access log and error pages by the status; a result that speaks of
+  // success beside it would confuse both. A redirect in place of a 503 is a success.
   const Request* rq = requestOf(req);
   if (rq->status_num >= kFirstErrorStatus) result = REQ_ABORTED;
   req->trace(req, "veskservice[exit]: return status %d and req status %d", rq->status_num,
@@ -128,7 +138,8 @@ int runServiceStage(mappingsTable* table, pblock* pb, Session* sn, Request* rq) 
     return refuse(&req, kServiceUnavailable,
                   "Could not connect to Vesk server or invalid web server configuration "
                   "for Vesk.");
-  // The response's type must come from the backend.
+  // The response's type must come from the backend. This is before the checks below, so
+  // that the marker shows in no answer of the host's own.
   dropParameter("content-type", rq->srvhdrs);
 
   if (checkUri(&req) != REQ_PROCEED) return REQ_ABORTED;

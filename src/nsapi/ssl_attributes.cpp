@@ -9,16 +9,19 @@
 #include "context/text.h"
 #include "nsapi/host_objects.h"
 
-// Bytes that a certificate's frame takes, with the NUL.
+// Bytes that a certificate's frame takes, with the NUL: readers of PEM want the first
+// and the last line in this very form.
 constexpr std::int64_t kCertificateFrameSize = 57;
 
-// `size` leaves out the NUL.
+// `size` leaves out the NUL. The operation has no result: a list that stayed as it was
+// is how it tells that memory ran out.
 static std::int32_t addText(vesk_request* req, const char* name, const char* text) {
   const veskAttribute* before = req->attributes;
   req->setAttribute(req, name, text, static_cast<std::int32_t>(textLength(text)));
   return req->attributes == before ? -1 : 0;
 }
 
+// The host's text outlives the request's attributes, so there is no copy.
 static std::int32_t addKeySize(vesk_request* req) {
   const char* size = pblock_findval("keysize", sessionOf(req)->client);
   if (!size || !*size) {
@@ -55,6 +58,8 @@ static std::int32_t addCertificate(vesk_request* req) {
 }
 
 std::int32_t addSslAttributes(vesk_request* req) {
+  // The host says whether it is secure, not whether this connection is: so either may
+  // be missing, and a request without them is still a good one.
   req->trace(req, "Using SSL");
   if (addKeySize(req) < 0) return -1;
   return addCertificate(req);
