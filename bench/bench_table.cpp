@@ -8,6 +8,7 @@
 #include "context/request_setup.h"
 #include "maptable/membership.h"
 #include "maptable/selection.h"
+#include "maptable/table_lifecycle.h"
 #include "maptable/vesk_maptable_impl.h"
 #include "proxy/mapping_order.h"
 #include "proxy/proxy_lifecycle.h"

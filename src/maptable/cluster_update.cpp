@@ -4,6 +4,7 @@
 #include "maptable/membership.h"
 #include "maptable/server_join.h"
 #include "maptable/server_store.h"
+#include "proxy/proxy_props.h"
 
 // One update that has its list.
 struct ClusterUpdate {

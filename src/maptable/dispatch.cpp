@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "context/text.h"
 #include "context/vesk_error.h"
 #include "context/vesk_mutex.h"
 #include "maptable/cluster_update.h"
@@ -80,10 +81,6 @@ static bool chooseProxy(Dispatch* dispatch, veskProxy** proxy) {
   return chooseProxyLocked(dispatch, proxy);
 }
 
-static const char* orNull(const char* text) {
-  return text ? text : "<null>";
-}
-
 static void reportNoServer(const Dispatch* dispatch) {
   vesk_request* req = dispatch->req;
   req->deferError = 0;
@@ -92,8 +89,8 @@ static void reportNoServer(const Dispatch* dispatch) {
   req->log(req,
            "NO servers reachable in cluster, start your bootstrap server %s or one of "
            "the servers in your store file %s",
-           orNull(dispatch->table->bootstrapServer),
-           orNull(dispatch->table->serverStore));
+           orElse(dispatch->table->bootstrapServer, "<null>"),
+           orElse(dispatch->table->serverStore, "<null>"));
 }
 
 static std::int32_t forward(const Dispatch* dispatch, veskProxy* proxy) {

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "context/memory.h"
 #include "context/vesk_mutex.h"
 
 // A rotation that starts here lands on the first entry.
@@ -107,11 +108,6 @@ void mergeNewMapping(mappingsTable* table, vesk_request* req) {
   putRow(table, at, held);
 }
 
-static void* newZeroed(vesk_request* req, std::size_t size) {
-  void* block = req->permMalloc(req, static_cast<std::int32_t>(size));
-  return block ? std::memset(block, 0, size) : nullptr;
-}
-
 // A list of this one server and its balance under a new key: the index, or -1.
 // Both blocks stay the caller's on failure.
 static std::int32_t linkMapping(const Join* join, const property* pair, proxyList* list,
@@ -135,11 +131,12 @@ static std::int32_t linkMapping(const Join* join, const property* pair, proxyLis
 // balance, or null with nothing changed. A full table logs what it refuses.
 static mappingBalance* createMapping(const Join* join, const property* pair) {
   vesk_request* req = join->req;
-  auto* balance = static_cast<mappingBalance*>(newZeroed(req, sizeof(mappingBalance)));
+  auto* balance =
+      static_cast<mappingBalance*>(newPermZeroed(req, sizeof(mappingBalance)));
   if (!balance) return nullptr;
-  auto* list = static_cast<proxyList*>(newZeroed(req, sizeof(proxyList)));
+  auto* list = static_cast<proxyList*>(newPermZeroed(req, sizeof(proxyList)));
   if (list && linkMapping(join, pair, list, balance) >= 0) return balance;
-  if (list) req->permFree(req, list);
+  freePerm(req, list);
   req->permFree(req, balance);
   return nullptr;
 }

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
+#include "context/memory.h"
 #include "maptable/membership.h"
 #include "maptable/table_startup.h"
 #include "maptable/vesk_session.h"
@@ -99,9 +99,9 @@ static void sumWeights(const proxyList* list, mappingBalance* balance) {
 static bool buildWeightSlots(const Selection* selection) {
   mappingBalance* balance = selection->balance;
   if (!balance->weightSlots) {
-    constexpr std::size_t kSize = kMaxProxies * sizeof(std::uint64_t);
+    constexpr std::int64_t kSize = kMaxProxies * std::int64_t{sizeof(std::uint64_t)};
     balance->weightSlots =
-        static_cast<std::uint64_t*>(selection->req->permMalloc(selection->req, kSize));
+        static_cast<std::uint64_t*>(newPermBlock(selection->req, kSize));
   }
   if (!balance->weightSlots) return false;
   sumWeights(selection->list, balance);

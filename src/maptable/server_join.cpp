@@ -1,11 +1,10 @@
 #include "maptable/server_join.h"
 
 #include "maptable/membership.h"
-#include "proxy/proxy_lifecycle.h"
 
 ServerJoin joinServer(mappingsTable* table, vesk_request* req, const char* server) {
   if (!hasRoomForServer(table)) return ServerJoin::full;
-  veskProxy* proxy = veskProxyNew(req);
+  veskProxy* proxy = table->newProxy(req);
   if (!proxy) return ServerJoin::noMemory;
   const auto interval = static_cast<std::int32_t>(table->proxyRetryInterval);
   if (proxy->initProxy(proxy, req, server, interval, 0) != 0) {

@@ -8,9 +8,6 @@
 
 #include "maptable/vesk_maptable_impl.h"
 
-// The property set that lists the servers of a cluster, one `<ip>:<port>` a value.
-constexpr char kClusterSet[] = "clustered-servers";
-
 enum class ServerJoin {
   joined,
   failed,    // the server couldn't be set up; the proxy's lines tell why

@@ -4,9 +4,9 @@
 #include <climits>
 #include <cstring>
 
+#include "context/memory.h"
 #include "context/request_block.h"
 #include "maptable/membership.h"
-#include "maptable/table_startup.h"
 
 constexpr char kStoreKey[] = "proxyservers";
 constexpr char kStoreStart[] = "proxyservers=";
@@ -21,7 +21,7 @@ static bool isGiven(const char* text) {
 }
 
 static void forgetStored(mappingsTable* table, vesk_request* req) {
-  if (table->storedServers) req->permFree(req, table->storedServers);
+  freePerm(req, table->storedServers);
   table->storedServers = nullptr;
 }
 
@@ -50,7 +50,7 @@ static std::int32_t storeSize(vesk_request* req, std::FILE* file, const char* pa
 static char* readStore(vesk_request* req, std::FILE* file, const char* path) {
   const std::int32_t size = storeSize(req, file, path);
   if (size == 0) return nullptr;
-  auto* text = static_cast<char*>(req->permMalloc(req, size + 1));
+  auto* text = static_cast<char*>(newPermBlock(req, std::int64_t{size} + 1));
   if (!text) return nullptr;
   std::rewind(file);
   const std::size_t got = std::fread(text, 1, static_cast<std::size_t>(size), file);
@@ -95,14 +95,14 @@ static void splitServers(vesk_request* req, const char* value, propertyTable* se
   }
 }
 
-std::int32_t loadServersFromStore(mappingsTable* table, vesk_request* req) {
+propertyTable* readStoredServers(mappingsTable* table, vesk_request* req) {
   forgetStored(table, req);
   propertyTable* store = openStore(table, req);
   propertyTable* servers = parseProperties(req, "");
   const char* value = getPropertyValue(store, kStoreKey);
   if (servers && value) splitServers(req, value, servers);
   freeProperties(req, store);
-  return servers ? addRemoteJvms(table, req, servers, 1) : 0;
+  return servers;
 }
 
 static char* appendText(char* end, const char* text) {
@@ -131,7 +131,7 @@ static char* makeStoreText(const mappingsTable* table, vesk_request* req) {
   std::size_t size = sizeof(kStoreStart);
   for (std::int32_t i = 0; i < table->masterList.count; ++i)
     size += std::strlen(table->masterList.proxies[i]->name) + sizeof(kSeparator);
-  auto* text = static_cast<char*>(req->permMalloc(req, static_cast<std::int32_t>(size)));
+  auto* text = static_cast<char*>(newPermBlock(req, static_cast<std::int64_t>(size)));
   if (!text) return nullptr;
   char* end = appendText(text, kStoreStart);
   end = appendServers(table, end, true);

@@ -11,10 +11,10 @@
 
 #include "maptable/vesk_maptable_impl.h"
 
-// Joins the servers of the store and writes it back: the number of new servers,
-// 0 if none. Blocks on the file and on the servers.
-// REQUIRES: initMutex. Takes tableMutex.
-[[nodiscard]] std::int32_t loadServersFromStore(mappingsTable* table, vesk_request* req);
+// The names in the store, in their order, as the values of a new table, which the
+// caller frees: empty when there is no store or nothing in it; null without memory.
+// Blocks on the file. REQUIRES: initMutex.
+[[nodiscard]] propertyTable* readStoredServers(mappingsTable* table, vesk_request* req);
 
 // Writes the store if its text has changed: 0 when it holds the list or there is
 // nothing to write, else -1. A write that hasn't reached the file has failed, and

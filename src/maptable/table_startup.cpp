@@ -4,7 +4,7 @@
 #include "maptable/membership.h"
 #include "maptable/server_join.h"
 #include "maptable/server_store.h"
-#include "proxy/proxy_lifecycle.h"
+#include "proxy/proxy_props.h"
 
 // REQUIRES: tableMutex, or initMutex while the table is first filled.
 static std::int32_t joinServers(mappingsTable* table, vesk_request* req,
@@ -68,11 +68,16 @@ std::int32_t retrieveServersFromBootstrapServer(mappingsTable* table, vesk_reque
     return 0;
   }
   req->trace(req, "trying to bootstrap from \"%s\"", table->bootstrapServer);
-  veskProxy* bootstrap = veskProxyNew(req);
+  veskProxy* bootstrap = table->newProxy(req);
   if (!bootstrap) return 0;
   const std::int32_t joined = askBootstrapServer(table, req, bootstrap);
   (void)bootstrap->destroyInetProxy(bootstrap, req);  // it never entered the table
   return joined;
+}
+
+std::int32_t loadServersFromStore(mappingsTable* table, vesk_request* req) {
+  propertyTable* servers = readStoredServers(table, req);
+  return servers ? addRemoteJvms(table, req, servers, 1) : 0;
 }
 
 // REQUIRES: initMutex.

@@ -23,3 +23,8 @@ std::int32_t addRemoteJvms(mappingsTable* table, vesk_request* req,
 // new servers. REQUIRES: tableMutex, or initMutex while the table is first filled.
 [[nodiscard]] std::int32_t retrieveServersFromBootstrapServer(mappingsTable* table,
                                                               vesk_request* req);
+
+// Joins the servers of the store and writes it back: the number of new servers,
+// 0 if none. Blocks on the file and on the servers.
+// REQUIRES: initMutex. Takes tableMutex.
+[[nodiscard]] std::int32_t loadServersFromStore(mappingsTable* table, vesk_request* req);

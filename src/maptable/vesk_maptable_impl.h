@@ -99,18 +99,12 @@ struct mappingsTable {
   char* bootstrapServer;              // "<ip>:<port>"; null when not configured
   std::uint32_t bootstrapped;         // 1 once a bootstrap brought a new server
   uriPattern patterns[kMaxMappings];  // the keys of `mappings`, taken apart
+
+  // Makes each server of the table: a new proxy with one reference, or null.
+  veskProxy* (*newProxy)(vesk_request* req);
 };
 static_assert(std::is_trivial_v<mappingsTable> &&
               std::is_standard_layout_v<mappingsTable>);
-
-// A new, empty table, or null. The texts may be null and are copied.
-[[nodiscard]] mappingsTable* mappingsTableNew(vesk_request* req, const char* store,
-                                              const char* bootstrap,
-                                              std::uint32_t retryInterval);
-
-// Deletes the table and its proxies; null is accepted. No other thread may be in
-// one of its operations.
-void mappingsTableDelete(mappingsTable* table, vesk_request* req);
 
 // Access to `clustered`.
 [[nodiscard]] bool isClustered(mappingsTable* table);

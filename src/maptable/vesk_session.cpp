@@ -1,8 +1,8 @@
 #include "maptable/vesk_session.h"
 
-#include <climits>
 #include <cstring>
-#include <string_view>
+
+#include "context/memory.h"
 
 constexpr char kSessionName[] = "JSESSIONID";
 // From the start of the name to the value: the name and one separator.
@@ -18,16 +18,6 @@ static const char* findValue(const char* text) {
   return name + kValueOffset;
 }
 
-static char* copyText(vesk_request* req, std::string_view text) {
-  if (text.size() >= INT_MAX) return nullptr;
-  auto* copy =
-      static_cast<char*>(req->malloc(req, static_cast<std::int32_t>(text.size() + 1)));
-  if (!copy) return nullptr;
-  std::memcpy(copy, text.data(), text.size());
-  copy[text.size()] = '\0';
-  return copy;
-}
-
 // Later cookies stay behind the id: servers that set it expect it back this way.
 static char* sessionFromCookie(vesk_request* req, const char* cookie) {
   const char* value = findValue(cookie);
@@ -39,7 +29,7 @@ static char* sessionFromUri(vesk_request* req, const char* uri) {
   if (!value) return nullptr;
   // A separator that is the ';' itself: the name stands there without a value.
   if (value[-1] == ';') return nullptr;
-  return copyText(req, std::string_view(value, std::strcspn(value, ";")));
+  return copyText(req, {value, std::strcspn(value, ";")});
 }
 
 char* getSessionId(vesk_request* req) {

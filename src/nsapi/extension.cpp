@@ -3,7 +3,7 @@
 #include <atomic>
 
 #include "context/vesk_request.h"
-#include "maptable/vesk_maptable_impl.h"
+#include "maptable/table_lifecycle.h"
 #include "nsapi/filter_stage.h"
 #include "nsapi/host_locks.h"
 #include "nsapi/host_log.h"

@@ -7,13 +7,11 @@
 #include <fstream>
 
 #include "context/vesk_mutex.h"
+#include "maptable/table_lifecycle.h"
 #include "proxy/proxy_error.h"
 #include "proxy/proxy_lifecycle.h"
 
 static FakeCluster* current = nullptr;
-
-extern "C" veskProxy* __real__Z12veskProxyNewP12vesk_request(vesk_request* req);
-extern "C" veskProxy* __wrap__Z12veskProxyNewP12vesk_request(vesk_request* req);
 
 // Null for a server that the test didn't name.
 static FakeServer* serverOf(const veskProxy* proxy) {
@@ -98,8 +96,9 @@ static std::int32_t fakeRequest(vesk_request* req, veskProxy* proxy, const char*
   return -1;
 }
 
-veskProxy* __wrap__Z12veskProxyNewP12vesk_request(vesk_request* req) {
-  veskProxy* proxy = __real__Z12veskProxyNewP12vesk_request(req);
+// The operation `newProxy` of the tables here.
+static veskProxy* fakeProxy(vesk_request* req) {
+  veskProxy* proxy = veskProxyNew(req);
   if (!proxy) return nullptr;
   ++current->created;
   proxy->handleRequest = fakeRequest;
@@ -146,12 +145,13 @@ MapTable::~MapTable() {
 void MapTable::makeTable(const char* store, const char* bootstrap) {
   mappingsTableDelete(table, t.req);
   table = mappingsTableNew(t.req, store, bootstrap, 0);
+  if (table) table->newProxy = fakeProxy;
 }
 
 veskProxy* MapTable::join(const std::string& name, const char* mappings) {
   FakeServer& server = cluster[name];
   if (mappings) server.mappings = mappings;
-  veskProxy* proxy = veskProxyNew(t.req);
+  veskProxy* proxy = table->newProxy(t.req);
   EXPECT_EQ(proxy->initProxy(proxy, t.req, name.c_str(), 0, 0), 0);
   addProxy(table, proxy, t.req, 1);
   return proxy;

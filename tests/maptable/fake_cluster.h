@@ -1,6 +1,6 @@
 // Servers that a test plays, and the fixture of all tests of this folder.
 //
-// While a FakeCluster stands, every proxy that veskProxyNew makes talks to one of
+// While a FakeCluster stands, every proxy that makeTable's tables make talks to one of
 // its servers, found by the proxy's name, instead of to a socket. A server that
 // the test didn't name is down.
 #pragma once

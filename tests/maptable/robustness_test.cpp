@@ -45,10 +45,10 @@ TEST_F(Robustness, everyAllocationMayFail) {
   std::int64_t number = 1;
   for (bool failed = true; failed; ++number) {
     SCOPED_TRACE("allocation " + std::to_string(number));
-    mappingsTableDelete(table, t.req);
-    t.allocations = 0;
+    makeTable(nullptr, nullptr);
     t.failAllocation = number;
-    table = mappingsTableNew(t.req, path.c_str(), "boot:1", 0);
+    t.allocations = 0;
+    makeTable(path.c_str(), "boot:1");
     if (table) {
       liveThroughIt();
       checkColumns();

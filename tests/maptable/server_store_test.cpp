@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "fake_cluster.h"
+#include "maptable/table_startup.h"
 
 namespace fs = std::filesystem;
 
