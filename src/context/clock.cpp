@@ -14,3 +14,9 @@ std::int64_t tvToMillis(const timeval* time) {
 std::int64_t wallClockSeconds(vesk_request* /*req*/) {
   return std::time(nullptr);
 }
+
+std::int64_t monotonicMillis(vesk_request* /*req*/) {
+  timespec time;
+  (void)clock_gettime(CLOCK_MONOTONIC, &time);  // this clock is always there
+  return std::int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1000000;
+}

@@ -18,5 +18,9 @@ void gtod(timeval* now);
 // Milliseconds since the epoch.
 [[nodiscard]] std::int64_t tvToMillis(const timeval* time);
 
+// The default of the operation `ticks`: milliseconds of a clock that nobody sets. `req`
+// is not used.
+[[nodiscard]] std::int64_t monotonicMillis(vesk_request* req);
+
 // The default of the operation `now`: seconds since the epoch. `req` is not used.
 [[nodiscard]] std::int64_t wallClockSeconds(vesk_request* req);

@@ -66,6 +66,8 @@ void init_vesk_request(vesk_request* req) {
   req->traceE = veskTraceENoop;
   installSocketOperations(req);
   req->now = wallClockSeconds;
+  req->ticks = monotonicMillis;
+  req->guards = veskGuards;
 
   // The six host operations stay null on purpose: a record that was never given to a
   // connector layer must fail at once, and not answer for a browser that isn't there.

@@ -7,6 +7,11 @@ std::uint64_t veskEnabledTraceFlags = 0;
 std::int32_t veskUseApiAlloc = 0;
 std::int32_t veskMetrics = 0;
 std::int32_t soTimeouts[3] = {0, 0, 0};
+std::uint32_t veskGuards = 0;
+std::int32_t veskIdleTimeout = kDefaultIdleTimeout;
+std::int32_t veskMaintenanceTimeout = kDefaultMaintenanceTimeout;
+std::int32_t veskRequestTimeout = 0;
+std::int32_t veskMaxPerServer = 0;
 vesk_request globalRequest;
 std::uint8_t gShutdown = 0;
 

@@ -145,6 +145,12 @@ struct vesk_request {
   std::int32_t (*pingServer)(vesk_request* req, veskProxy* proxy);
 
   veskAttributeIndex* attributeIndex;  // owned; of a long list, see attributes.h
+
+  // Milliseconds of a clock that never jumps; only differences mean anything.
+  std::int64_t (*ticks)(vesk_request* req);
+  std::uint32_t guards;   // bits of Guard, see guards.h
+  std::int64_t deadline;  // in ticks: no wait lasts beyond it; 0: none
+  const char* method;     // the host's text; null in globalRequest
 };
 static_assert(std::is_trivial_v<vesk_request> && std::is_standard_layout_v<vesk_request>);
 
@@ -159,7 +165,16 @@ extern std::uint64_t veskEnabledTraceFlags;  // mask of `traceE`
 extern std::int32_t veskUseApiAlloc;         // 1: request memory from the host's pool
 extern std::int32_t veskMetrics;             // 1: proxies collect metrics
 extern std::int32_t soTimeouts[3];           // connect, send, receive; milliseconds
+extern std::uint32_t veskGuards;             // bits of Guard, see guards.h
+extern std::int32_t veskIdleTimeout;         // of a pooled connection; seconds
+extern std::int32_t veskMaintenanceTimeout;  // of a question about a server; seconds
+extern std::int32_t veskRequestTimeout;      // of a request as a whole; seconds, 0: none
+extern std::int32_t veskMaxPerServer;        // conversations at once; 0: no limit
 extern vesk_request globalRequest;           // for start-up and shutdown work
+
+// The defaults of those that have one, in seconds.
+constexpr std::int32_t kDefaultIdleTimeout = 60;
+constexpr std::int32_t kDefaultMaintenanceTimeout = 5;
 
 // Whether the connector is shutting down. Set once; any thread may read.
 extern std::uint8_t gShutdown;

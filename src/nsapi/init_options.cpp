@@ -2,10 +2,13 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "context/guards.h"
 #include "context/sockets.h"
 #include "context/text.h"
 #include "nsapi/response_path.h"
@@ -102,6 +105,46 @@ void readServiceOptions(pblock* pb, TableOptions* options) {
   readTimeout(pb, "connecttimeout", &soTimeouts[0]);
   readTimeout(pb, "recvtimeout", &soTimeouts[2]);
   readTimeout(pb, "sendtimeout", &soTimeouts[1]);
+}
+
+static void reportUnknownGuard(vesk_request* req, std::string_view word) {
+  char names[256] = "";
+  std::size_t used = 0;
+  for (const GuardRow& row : kGuards)
+    used += static_cast<std::size_t>(
+        std::snprintf(names + used, sizeof names - used, ", %s", row.name));
+  constexpr std::size_t kMostShown = 100;
+  req->log(req, "guards: \"%.*s\" is no name and is ignored; known are all, none%s",
+           static_cast<int>(std::min(word.size(), kMostShown)), word.data(), names);
+}
+
+static void readGuardNames(pblock* pb) {
+  vesk_request* req = &globalRequest;
+  const char* value = pblock_findval("guards", pb);
+  const GuardChoice choice = readGuards(orElse(value, ""));
+  veskGuards = choice.mask;
+  req->guards = choice.mask;
+  if (value) req->trace(req, "guards %.255s", value);
+  if (!choice.unknown.empty()) reportUnknownGuard(req, choice.unknown);
+}
+
+// A limit from 0, in seconds or as a count; the default where the option isn't given.
+static std::int32_t readLimit(pblock* pb, const char* option, std::int32_t absent) {
+  const char* value = pblock_findval(option, pb);
+  if (!value) return absent;
+  const std::int32_t number = parseNumber(option, value, 0, kMaxSeconds);
+  globalRequest.trace(&globalRequest, "%s %d", option, number);
+  return number;
+}
+
+void readGuardOptions(pblock* pb) {
+  readGuardNames(pb);
+  veskIdleTimeout = readLimit(pb, "idletimeout", kDefaultIdleTimeout);
+  veskRequestTimeout = readLimit(pb, "requesttimeout", 0);
+  veskMaxPerServer = readLimit(pb, "maxperserver", 0);
+  // Without an end, one server could hold up all that is asked about the others.
+  const std::int32_t seconds = readLimit(pb, "maintenancetimeout", 0);
+  veskMaintenanceTimeout = seconds > 0 ? seconds : kDefaultMaintenanceTimeout;
 }
 
 void readErrorUrl(pblock* pb) {

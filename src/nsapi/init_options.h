@@ -27,5 +27,9 @@ void readTraceOptions(pblock* pb);
 // Traces each through globalRequest.
 void readServiceOptions(pblock* pb, TableOptions* options);
 
+// Sets veskGuards, also in globalRequest, which was made before them, and the limits that
+// belong to guards. A word that names no guard gets a log line; the others count.
+void readGuardOptions(pblock* pb);
+
 // Sets errorUrl, and traces it.
 void readErrorUrl(pblock* pb);

@@ -74,6 +74,7 @@ void init_nsapi_request(vesk_request* req, pblock* pb, Session* sn, Request* rq)
   installHostAllocators(req);
   installHostLog(req);
   if (rq) req->uri = pblock_findval("uri", rq->reqpb);
+  if (rq) req->method = pblock_findval("method", rq->reqpb);
   // The defaults of the record are not the host's: soTimeouts are what the Init line
   // says, and zeroes while that is still being read.
   req->connectTimeout = soTimeouts[0];
