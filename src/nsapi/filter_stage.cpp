@@ -71,11 +71,12 @@ static void markRequest(vesk_request* req, std::int32_t index) {
   (void)pblock_nvinsert("content-type", "vesk-internal/target", rq->srvhdrs);
 }
 
-// Whether the service stage will get the request and know it again. The blocks are
-// asked, not the results of the insertions: what counts is what that stage will see.
+// Whether the service stage will get the request and know it again; a missing URI it
+// refuses by itself. The blocks are asked, not the results of the insertions: what
+// counts is what that stage will see.
 static bool isMarked(const vesk_request* req) {
   const Request* rq = requestOf(req);
-  return req->uri && pblock_findval("vesk-proxy-target", rq->vars) &&
+  return pblock_findval("vesk-proxy-target", rq->vars) &&
          isInternalType(pblock_findval("content-type", rq->srvhdrs));
 }
 

@@ -66,6 +66,10 @@ static void replaceEntries() {
     --current->permBlocks;
     real->f_system_free_perm(block);
   };
+  failing.f_crit_init = [] {
+    ++current->criticalSections;
+    return real->f_crit_init();
+  };
   failing.f_pblock_nvinsert = insert;
   failing.f_pblock_nninsert = [](const char* name, int value, pblock* block) {
     return insert(name, std::to_string(value).c_str(), block);

@@ -34,6 +34,7 @@ class FailingHost {
   bool insertsInFront = false;  // new parameters go to the front of their block
   std::int64_t poolBlocks = 0;  // given out by the functions of the table, not yet back
   std::int64_t permBlocks = 0;
+  int criticalSections = 0;  // made
 
  private:
   host::RunningRequest running_{&request};

@@ -11,6 +11,7 @@
 #include "layer/restart_callbacks.h"
 #include "maptable/vesk_maptable_impl.h"
 #include "nsapi/extension.h"
+#include "nsapi/nsapi_request.h"
 #include "nsapi/response_path.h"
 
 // What the table plays, and what it was asked.
@@ -246,9 +247,13 @@ TEST_F(Stages, anyAllocationMayFail) {
 
 class Init : public testing::Test {
  protected:
+  explicit Init() {
+    setShuttingDown(true);  // as a host leaves it that restarts in one process
+  }
   ~Init() override {
     host::runRestartCallbacks();
     EXPECT_EQ(getMappingsTable(), nullptr);
+    EXPECT_TRUE(isShuttingDown());
     setShuttingDown(false);
     veskNSAPIVerbose = veskUseApiAlloc = veskMetrics = 0;
     veskEnabledTraceFlags = 0;
@@ -260,6 +265,7 @@ class Init : public testing::Test {
     for (std::string name, value; std::getline(in >> std::ws, name, '=') && in >> value;)
       FailingHost::set(host.request.vars, name.c_str(), value.c_str());
     EXPECT_EQ(veskinit(host.request.vars, nullptr, nullptr), REQ_PROCEED);
+    EXPECT_FALSE(isShuttingDown());
     std::string texts;
     for (const std::string& line : host.client.lines)
       texts += line.substr(line.rfind('|') + 1) + ";";
@@ -279,7 +285,12 @@ TEST_F(Init, readsAllOptions) {
   EXPECT_EQ(table->ignoreSuffix, 1u);
   EXPECT_EQ(veskMetrics, 1);
   EXPECT_EQ(veskEnabledTraceFlags, 0xFFFFFFFFu);
-  EXPECT_THAT(soTimeouts, testing::ElementsAre(2000, 4000, 0));
+  vesk_request record;
+  init_nsapi_request(&record, nullptr, nullptr, nullptr);
+  EXPECT_EQ(record.connectTimeout, 2000);
+  EXPECT_EQ(record.sendTimeout, 4000);
+  EXPECT_EQ(record.recvTimeout, 0);
+  EXPECT_EQ(host.criticalSections, 2) << "the table's locks are the host's";
   EXPECT_EQ(host.poolBlocks, 0) << "start-up memory must outlive any request";
   EXPECT_NE(texts.find("ignoresuffixmap true;apialloc true;serverstore /tmp/s;"
                        "bootstrap 127.0.0.1:1;proxyretryinterval 30;connecttimeout 2;"
