@@ -12,52 +12,12 @@
 #include "layer/request_setup.h"
 #include "layer/stages.h"
 #include "layer/uri.h"
+#include "support/fake_exchange.h"
 
 namespace host {
 namespace {
 
 using testing::ElementsAre;
-
-// A web server that only remembers what it was told.
-class FakeExchange final : public Exchange {
- public:
-  int readBody(unsigned char* buffer, int size) override {
-    asked = size;
-    if (body.empty()) return bodyBroken ? -1 : 0;
-    buffer[0] = static_cast<unsigned char>(body[0]);
-    body.erase(0, 1);
-    return 1;
-  }
-  int startResponse(HostRequest* request) override {
-    starts.push_back(request->status_num);
-    return REQ_PROCEED;
-  }
-  int writeBody(const char*, int size) override {
-    return size;
-  }
-  bool peer(sockaddr_in*) override {
-    return false;
-  }
-  char* clientName() override {
-    return nullptr;
-  }
-  char* translateUri(const char*, Session*) override {
-    return nullptr;
-  }
-  conf_global_vars_s* settings() override {
-    return &globals;
-  }
-  void log(int, const char* function, HostRequest*, const char* message) override {
-    lines.push_back(std::string(function) + "|" + message);
-  }
-
-  std::string body;
-  bool bodyBroken = false;
-  int asked = 0;
-  std::vector<int> starts;
-  conf_global_vars_s globals{4711, nullptr, 0};
-  std::vector<std::string> lines;
-};
 
 struct Running {
   FakeExchange exchange;
@@ -118,7 +78,7 @@ TEST(memory, isOfTheRequestAndMayBeGivenBackInAnyOrder) {
     for (int size : {0, -5}) EXPECT_EQ(system_malloc(size), nullptr);
     EXPECT_STREQ(system_strdup("text"), "text");
     EXPECT_EQ(system_strdup(nullptr), nullptr);
-    EXPECT_EQ(conf_getglobals()->Vport, 4711);
+    EXPECT_EQ(conf_getglobals()->Vport, 8080);
   }
   system_free(outside);
   EXPECT_EQ(system_malloc_perm(0), nullptr);
@@ -277,14 +237,14 @@ TEST(response, statusAndReasonAreMadeFitAndStartedOnce) {
 TEST(input, grabSetsTheBufferAndReportsTheEnd) {
   Running r;
   netbuf* input = r.request.session.inbuf;
-  r.exchange.body = "ab";
+  r.exchange.unread = {"a", "b"};
   EXPECT_EQ(netbuf_grab(input, 1 << 30), 1);
   EXPECT_EQ(r.exchange.asked, kInputBufferSize) << "never more than the buffer holds";
   EXPECT_EQ(input->inbuf[0], 'a');
   EXPECT_EQ(netbuf_grab(input, 5), 1);
   EXPECT_EQ(netbuf_grab(input, 5), 0);
   EXPECT_EQ(input->cursize, 0);
-  r.exchange.bodyBroken = true;
+  r.exchange.readFailure = -1;
   EXPECT_EQ(netbuf_grab(input, 5), -1);
   EXPECT_EQ(input->pos, input->cursize);
   EXPECT_EQ(netbuf_grab(input, 0), -1);
@@ -294,7 +254,7 @@ TEST(log, longLinesAreWhole) {
   Running r;
   std::string text(5000, 'x');
   (void)log_error(LOG_WARN, "fn", nullptr, nullptr, "%s%%", text.c_str());
-  EXPECT_THAT(r.exchange.lines, ElementsAre("fn|" + text + "%"));
+  EXPECT_THAT(r.exchange.lines, ElementsAre("0|fn|" + text + "%"));
 }
 
 }  // namespace

@@ -57,7 +57,7 @@ TEST_F(ResponsePath, bodyThatTheHostWantsNotIsDroppedWithSuccess) {
     for (int i = 0; i < 2; ++i) EXPECT_EQ(req->writeClient(req, "ab", 2), 0);
     EXPECT_EQ(req->clientWriteFailures, 0);
   }
-  EXPECT_EQ(host.client.starts, 2);
+  EXPECT_EQ(host.client.starts.size(), 2U);
 }
 
 TEST_F(ResponsePath, bodyStartsTheResponseAndCountsFailures) {
@@ -72,6 +72,6 @@ TEST_F(ResponsePath, bodyStartsTheResponseAndCountsFailures) {
   host.client.writeError = 0;
   EXPECT_EQ(req->writeClient(req, "cd", 2), 0);
   EXPECT_EQ(req->clientWriteFailures, 0);
-  EXPECT_EQ(host.client.starts, 1);
+  EXPECT_EQ(host.client.starts.size(), 1U);
   EXPECT_EQ(host.client.body, "cd");
 }

@@ -12,11 +12,12 @@
 #include <string>
 #include <vector>
 
-#include "layer/exchange.h"
+#include "layer/request.h"
 
 class FakeExchange final : public host::Exchange {
  public:
   int readBody(unsigned char* buffer, int size) override {
+    asked = size;
     if (unread.empty()) return readFailure;
     const std::string part = unread.front();
     const int count = std::min(size, static_cast<int>(part.size()));
@@ -24,8 +25,8 @@ class FakeExchange final : public host::Exchange {
     unread.erase(unread.begin());
     return count;
   }
-  int startResponse(host::HostRequest* /*request*/) override {
-    ++starts;
+  int startResponse(host::HostRequest* request) override {
+    starts.push_back(request->status_num);
     return startResult;
   }
   int writeBody(const char* bytes, int size) override {
@@ -72,6 +73,7 @@ class FakeExchange final : public host::Exchange {
 
   // What reached it.
   std::string body;
-  int starts = 0;
+  int asked = 0;            // bytes that the last read of the body wanted
+  std::vector<int> starts;  // the status of each response that was started
   std::vector<std::string> lines;
 };
