@@ -1,40 +1,22 @@
 #include "backend/cluster_file.h"
 
-#include <arpa/inet.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <utility>
 
+#include "backend/address.h"
 #include "backend/log.h"
+#include "backend/text.h"
 
 namespace backend {
 
 constexpr off_t kMaxFile{1 << 20};  // far above any real cluster
-constexpr int kMaxPort = 65535;
-
-template <typename Number>
-static bool isWhole(std::string_view text, Number& number) {
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, number);
-  return error == std::errc() && stop == end;
-}
-
-bool isServerName(std::string_view text) {
-  const std::size_t colon = text.find(':');
-  if (colon == std::string_view::npos) return false;
-  in_addr address{};
-  const std::string host(text.substr(0, colon));
-  if (inet_pton(AF_INET, host.c_str(), &address) != 1) return false;
-  int port = 0;
-  return isWhole(text.substr(colon + 1), port) && port >= 1 && port <= kMaxPort;
-}
 
 static std::runtime_error badLine(int number, std::string_view line, const char* wanted) {
   return std::runtime_error("line " + std::to_string(number) + ": '" +
@@ -58,7 +40,11 @@ static void takeEntry(ClusterList& list, bool& numbered, int number,
     list.servers.emplace_back(line);
     return;
   }
-  if (!isWhole(line, list.sequence)) throw badLine(number, line, "a sequence number");
+  const std::optional<std::int64_t> sequence = wholeNumber(line);
+  if (!sequence || *sequence != static_cast<std::int32_t>(*sequence)) {
+    throw badLine(number, line, "a sequence number");
+  }
+  list.sequence = static_cast<std::int32_t>(*sequence);
   numbered = true;
 }
 

@@ -3,6 +3,8 @@
 // First line: the sequence number. Then one ip:port a line. Empty lines and
 // lines that begin with '#' are skipped.
 //
+// Ownership: a list that was handed out stays whole for as long as it is held,
+// whatever the file becomes meanwhile.
 // Threads: any; `current` takes the file's own lock and may read the file.
 // Errors: one log line for each change that can't be used; the last good list
 // stays.
@@ -25,9 +27,6 @@ struct ClusterList {
   std::int32_t sequence;
   std::vector<std::string> servers;  // ip:port, in the order of the file
 };
-
-// A dotted IPv4 address, a colon and a port from 1 to 65535.
-[[nodiscard]] bool isServerName(std::string_view text);
 
 // Reads the text of a file. Throws std::runtime_error, which names the line.
 [[nodiscard]] ClusterList parseClusterList(std::string_view text);

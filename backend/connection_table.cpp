@@ -35,6 +35,13 @@ void ConnectionTable::remove(int fd) {
   changed_.notify_all();
 }
 
+bool ConnectionTable::pause(std::chrono::milliseconds time) {
+  std::unique_lock guard(lock_);
+  return !changed_.wait_for(guard, time, [this] { return breakingOff_; });
+}
+
+// A connection that is idle now can't become busy unseen: `begin` takes the
+// same lock, and finds that the server is going down.
 void ConnectionTable::stop() {
   const std::lock_guard guard(lock_);
   stopping_ = true;
@@ -45,7 +52,9 @@ void ConnectionTable::stop() {
 
 void ConnectionTable::breakOff() {
   const std::lock_guard guard(lock_);
+  breakingOff_ = true;
   for (const auto& [fd, busy] : busy_) shutdown(fd, SHUT_RDWR);
+  changed_.notify_all();
 }
 
 bool ConnectionTable::waitUntilEmpty(std::chrono::milliseconds time) {

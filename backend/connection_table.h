@@ -8,7 +8,9 @@
 //
 // Ownership: the table closes each socket, in `remove`, so that a number can't
 // be shut down here after it has been given to another connection.
-// Threads: any; each function takes the table's own lock.
+// Threads: any; each function takes the table's own lock, which is held while
+// sockets are shut down, and never while anything waits.
+// Errors: false, as each function tells.
 #pragma once
 
 #include <chrono>
@@ -32,10 +34,14 @@ class ConnectionTable {
 
   void remove(int fd);
 
+  // Lets a conversation wait that long. False when breakOff was called, before
+  // or meanwhile.
+  [[nodiscard]] bool pause(std::chrono::milliseconds time);
+
   // Lets no conversation begin any more and shuts down what is idle.
   void stop();
 
-  // Shuts down what is left.
+  // Shuts down what is left, and ends every pause, now and in future.
   void breakOff();
 
   // Waits until all are gone; false when the time has passed before that.
@@ -47,6 +53,7 @@ class ConnectionTable {
   // Guarded by lock_.
   std::unordered_map<int, bool> busy_;  // by socket; false: idle
   bool stopping_ = false;
+  bool breakingOff_ = false;
 };
 
 }  // namespace backend

@@ -7,6 +7,8 @@
 #include <ctime>
 #include <string>
 
+#include "backend/text.h"
+
 namespace backend {
 
 constexpr std::size_t kMaxLine = 2000;
@@ -25,16 +27,13 @@ static std::string timeStamp() {
 }
 
 static void appendPrintable(std::string& line, std::string_view text) {
-  constexpr char kDigits[] = "0123456789abcdef";
   for (const char c : text.substr(0, kMaxLine)) {
     const auto byte = static_cast<unsigned char>(c);
     if (byte >= 0x20 && byte != 0x7f) {
       line.push_back(c);
-      continue;
+    } else {
+      line.append("\\x").append(hexOf({&byte, 1}));
     }
-    line.append("\\x");
-    line.push_back(kDigits[byte >> 4U]);
-    line.push_back(kDigits[byte & 0xfU]);
   }
 }
 
@@ -43,7 +42,8 @@ void logLine(std::string_view peer, std::string_view text) {
   if (!peer.empty()) line.append(peer).append(": ");
   appendPrintable(line, text);
   line.push_back('\n');
-  // Standard error is where trouble is told: when it fails, there is no other place.
+  // Standard error is where trouble is told: when it fails, there is no other
+  // place.
   (void)!write(STDERR_FILENO, line.data(), line.size());
 }
 

@@ -1,6 +1,9 @@
 // Log lines on standard error: time, process, peer, what happened.
 //
-// Threads: any; each line leaves in one write.
+// Ownership: nothing is kept. Threads: any; each line leaves in one write, so
+// that lines never mix, and no lock is needed.
+// Errors: a line that can't be written is lost; a text of over 2000 bytes is
+// cut.
 #pragma once
 
 #include <string_view>

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "backend/options.h"
-#include "backend/server.h"
+#include "backend/run_server.h"
 
 int main(int argc, char** argv) {
   try {

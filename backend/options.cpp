@@ -1,17 +1,15 @@
 #include "backend/options.h"
 
-#include <arpa/inet.h>
-
 #include <CLI/CLI.hpp>
 #include <limits>
 
-#include "backend/escape.h"
+#include "backend/address.h"
 #include "backend/session_id.h"
+#include "backend/text.h"
 
 namespace backend {
 
 constexpr int kUsageError = 2;
-constexpr int kMaxPort = 65535;
 constexpr std::size_t kMaxRepId = 64;
 
 // The texts as they stand on the command line.
@@ -29,8 +27,7 @@ static std::string splitListen(const std::string& text, Options& options) {
   std::string wanted = "'" + text + "' is not ADDR:PORT with a dotted IPv4 address";
   if (colon == std::string::npos) return wanted;
   options.listenHost = text.substr(0, colon);
-  in_addr address{};
-  if (inet_pton(AF_INET, options.listenHost.c_str(), &address) != 1) return wanted;
+  if (!isDottedAddress(options.listenHost)) return wanted;
   int port = 0;
   if (!CLI::detail::lexical_cast(text.substr(colon + 1), port) || port < 0 ||
       port > kMaxPort) {

@@ -1,4 +1,8 @@
 // The command line.
+//
+// Ownership: the caller's; nothing is kept of the arguments.
+// Threads: main's alone, before any other starts.
+// Errors: parseOptions prints them. Units: seconds.
 #pragma once
 
 #include <cstdint>
@@ -20,8 +24,8 @@ struct Options {
   std::int32_t weight;
   std::string algorithm;
   bool sticky;
-  std::int32_t mapCheck;            // seconds
-  std::int32_t proxyRetryInterval;  // seconds
+  std::int32_t mapCheck;
+  std::int32_t proxyRetryInterval;
   std::vector<Mapping> mappings;
   std::string clusterFile;  // empty: none
   std::optional<std::uint32_t> loadValue;

@@ -1,4 +1,8 @@
-// The property sets with which a server describes itself. Pure functions.
+// The property sets with which a server describes itself: lines of key=value.
+//
+// Pure functions: any thread, no lock. Ownership: results are the caller's.
+// Errors: std::invalid_argument for a key or value that no line can hold;
+// options and cluster file are checked before, so none of theirs is one.
 #pragma once
 
 #include <string>
@@ -10,8 +14,7 @@
 namespace backend {
 
 // Appends one line, "key=value", with the value escaped so that it is read back
-// as it is here. The key goes out literally. Throws std::invalid_argument for a
-// key or value that no property line can hold.
+// as it is here. The key goes out literally.
 void appendProperty(std::string& text, std::string_view key, std::string_view value);
 
 [[nodiscard]] std::string serverProps(const Options& options);

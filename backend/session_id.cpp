@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <stdexcept>
 
-#include "backend/escape.h"
+#include "backend/text.h"
 
 namespace backend {
 
@@ -75,9 +75,8 @@ std::optional<SessionId> parseSessionId(std::string_view text) {
 static std::string_view cookieIn(std::string_view header) {
   while (!header.empty()) {
     const std::size_t end = std::min(header.find(';'), header.size());
-    std::string_view pair = header.substr(0, end);
+    const std::string_view pair = trimmed(header.substr(0, end));
     header.remove_prefix(std::min(end + 1, header.size()));
-    pair.remove_prefix(std::min(pair.find_first_not_of(" \t"), pair.size()));
     const bool isOurs = pair.starts_with(kName) && pair.size() > kName.size() &&
                         pair[kName.size()] == '=';
     if (isOurs) return pair.substr(kName.size() + 1);

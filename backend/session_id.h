@@ -1,6 +1,12 @@
 // Session ids: 4 characters of the owner's replication id, an id of letters and
-// digits, "TR", and 4 characters for each buddy. Pure functions but for
-// randomSessionPart.
+// digits, "TR", and 4 characters for each buddy.
+//
+//   s001 2f9c...e1 TR s002****
+//
+// Pure functions but for randomSessionPart: any thread, no lock. Ownership:
+// results are the caller's.
+// Errors: nothing, for a text that is no id; std::runtime_error when the system
+// has no random bytes.
 #pragma once
 
 #include <optional>
@@ -8,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "backend/request.h"
+#include "backend/wire/request.h"
 
 namespace backend {
 
@@ -21,9 +27,9 @@ struct SessionId {
   std::string buddies;  // as they stand behind "TR", maybe empty
 };
 
-// The replication id of a server that was given none. Ports differ, so do these:
-// four digits up to 9999, above that a 'p' and three base-36 digits. Neither can
-// hold "TR", which would look like the start of the buddies.
+// The replication id of a server that was given none. Ports differ, so do
+// these: four digits up to 9999, above that a 'p' and three base-36 digits.
+// Neither can hold "TR", which would look like the start of the buddies.
 [[nodiscard]] std::string repIdOfPort(int port);
 
 // The buddy part: each name cut or filled with '*' to kRepIdLength characters.

@@ -2,7 +2,9 @@
 //
 // It holds kMaxSessions; beyond that the one not used for longest is forgotten.
 //
+// Ownership: the store's; counts are handed out as values.
 // Threads: any; each function takes the store's own lock.
+// Errors: only those of an allocation.
 #pragma once
 
 #include <cstdint>

@@ -2,9 +2,9 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "backend/failures.h"
-#include "backend/multipart.h"
-#include "backend/request.h"
+#include "backend/pages/multipart.h"
+#include "backend/wire/protocol.h"
+#include "backend/wire/request.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string text;

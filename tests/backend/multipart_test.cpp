@@ -1,4 +1,4 @@
-#include "backend/multipart.h"
+#include "backend/pages/multipart.h"
 
 #include <gtest/gtest.h>
 

@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "backend/bytes.h"
-#include "backend/request.h"
+#include "backend/wire/bytes.h"
+#include "backend/wire/request.h"
 
 namespace backend_test {
 

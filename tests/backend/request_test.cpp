@@ -1,8 +1,8 @@
-#include "backend/request.h"
+#include "backend/wire/request.h"
 
 #include <gmock/gmock.h>
 
-#include "backend/failures.h"
+#include "backend/wire/protocol.h"
 #include "request_block.h"
 
 namespace backend_test {
