@@ -91,10 +91,6 @@ class Peer(Reader):
         self.send(word(GET_HEADER), text(name))
         return self.text()
 
-    def get_realpath(self, uri):
-        self.send(word(GET_REALPATH), text(uri))
-        return self.text()
-
     def get_data(self, wanted):
         """Gives count and bytes of one frame of the request's body."""
         self.send(word(GET_DATA), word(wanted))

@@ -50,17 +50,6 @@ def test_chunked_request_ends_where_the_next_begins(web, sizes):
         assert browser.read().json()["variables"]["QUERY_STRING"] == "next"
 
 
-def test_pipelined_requests_are_answered_in_order(web):
-    with web.connect() as browser:
-        browser.send(COUNTED % (b"/demo/echo", b"", 5) + b"first" +
-                     CHUNKED + b"1\r\nx\r\n0\r\n\r\n" +
-                     NEXT + b"GET /hello.txt HTTP/1.1\r\nHost: a\r\n\r\n")
-        assert browser.read().body == b"first"
-        assert is_uploaded(browser.read(), b"x")
-        assert browser.read().json()["variables"]["QUERY_STRING"] == "next"
-        assert browser.read().body == b"a file\n"
-
-
 def test_continue_is_sent_only_when_the_server_reads(web):
     expect = b"Expect: 100-continue\r\n"
     with web.connect() as browser:

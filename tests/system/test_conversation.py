@@ -15,32 +15,17 @@ def play(played, serve):
     return host
 
 
-HEADERS = {
-    "two cookies stay two": (
-        wire.header("set-cookie", "a=1") + wire.header("Set-Cookie", "b=2"),
-        {"set-cookie": ["a=1", "b=2"]}),
-    "a header text of several lines": (
-        word(wire.PUT_HEADER) + wire.text("X-A: 1\r\nX-B: 2\r\nX-C: cut off"),
-        {"X-A": ["1"], "X-B": ["2"], "X-C": []}),
-    "the media type is lowered, its parameters not": (
-        wire.header("Content-Type", "TEXT/HTML; Charset=UTF-8"),
-        {"content-type": ["text/html; Charset=UTF-8"]}),
-    "a length that no number holds is none": (
-        wire.header("content-length", "9" * 20), {"content-length": []}),
-    "a line end in a value makes no header": (
-        wire.header("X-A", "1\r\nX-Evil: 2"), {"X-Evil": []}),
-}
-
-
-@pytest.mark.parametrize("sent,expected", HEADERS.values(), ids=HEADERS.keys())
-def test_status_line_and_headers_of_a_response(played, sent, expected):
+def test_status_line_and_headers_of_a_response(played):
     def serve(peer, _):
         peer.send(wire.status(299, "Quite all right"), wire.header("Server", "inner"),
-                  wire.header("date", "then"), sent, wire.client(b"body"), word(wire.FINISH))
+                  wire.header("date", "then"), wire.header("set-cookie", "a=1"),
+                  wire.header("Set-Cookie", "b=2"), wire.header("X-A", "1\r\nX-Evil: 2"),
+                  wire.header("content-length", "9" * 20),  # which no number holds
+                  wire.client(b"body"), word(wire.FINISH))
     response = play(played, serve).fetch("/demo/")
     assert (response.status, response.reason, response.body) == (299, "Quite all right", b"body")
-    for name, values in expected.items():
-        assert response.all(name) == values
+    assert response.all("set-cookie") == ["a=1", "b=2"] and response.all("X-Evil") == []
+    assert response.header("content-length") is None
     assert "inner" not in response.all("server") and "then" not in response.all("date")
 
 
@@ -90,20 +75,6 @@ def test_blocks_reach_the_browser_as_they_come(played, length):
             while expected not in received:
                 received += browser.some() or pytest.fail("broke off")
             seen.set()
-
-
-def test_server_may_ask_for_headers_variables_and_paths(played):
-    wanted = {"x-one": "1", "USER_AGENT": "t", "SERVER_NAME": "localhost", "HTTPS": "OFF",
-              "GATEWAY_INTERFACE": "CGI/1.1", "REQUEST_METHOD": "PUT", "no-such": ""}
-    answers = {}
-
-    def serve(peer, _):
-        answers.update({name: peer.get_header(name) for name in wanted})
-        answers["path"] = peer.get_realpath("/file.txt")
-        peer.send(page(b"ok"))
-    host = play(played, serve)
-    host.fetch("/demo/", "PUT", headers=[("X-One", "1"), ("User-Agent", "t")], body=b"")
-    assert answers == {**wanted, "path": str(host.htdocs / "file.txt")}
 
 
 def test_browser_that_leaves_ends_the_answer_and_nothing_else(played):

@@ -176,8 +176,6 @@ def test_interrupt_ends_idle_browsers_at_once_and_a_request_when_it_is_done(site
 LOAD = f"Init fn=load-modules shlib={BUILD}/lib/veskconnector.so funcs="
 REFUSED = [  # an argument, what follows the first Listen, and what is said
     ("", "Threads x\n", "host.conf:2: Threads needs a number"),
-    ("--check", "Init fn=nobody\n", 'host.conf:2: unknown function "nobody"'),
-    ("--check", "Init fn=force-type type=a/b\n", 'host.conf:2: "force-type" has no place in Init'),
     ("", LOAD + "veskfilter\nInit fn=veskfilter\n", "host.conf:3: veskfilter and veskservice have"),
     ("--check", LOAD + "veskinit,nix\n", 'host.conf:2: there is no function "nix" in the module'),
     ("", LOAD + "dup\nInit fn=dup\n", 'host.conf:3: "dup" failed'),  # one that always gives -1

@@ -2,7 +2,6 @@
 
 import fake_server as wire
 import pytest
-from fake_server import page, word
 from processes import wait_until
 
 PAGE = ("<H2>Server Error</H2>The server encountered an internal error and was unable to "
@@ -50,30 +49,6 @@ def test_errorurl_redirects_every_503_and_nothing_else(site):
     assert (response.status, response.body.decode()) == (302, DOWN)
 
 
-SAID = {  # by the only server, and then no more
-    "busy": (word(wire.BUSY), BUSY),
-    "a command that no conversation has": (word(42), PROTOCOL),
-    "closed at once": (b"", CLOSED),
-    "closed inside a text": (word(wire.PUT_STATUS) + word(200) + word(9) + b"OK", CLOSED),
-    "a length below zero": (word(wire.PUT_CLIENT) + word(-5), PROTOCOL),
-    "a length that nobody can hold": (word(wire.PUT_CLIENT) + word(0x7fffffff), PROTOCOL)}
-
-
-@pytest.mark.parametrize("said,expected", SAID.values(), ids=SAID.keys())
-def test_answer_that_breaks_off_early_becomes_the_error_page(played, said, expected):
-    server, host = played
-
-    def serve(peer, uri):
-        peer.send(page(b"good") if uri == "/demo/good" else said)
-        return uri == "/demo/good"
-    server.serve = serve
-    response = host.fetch("/demo/bad")
-    assert (response.status, response.reason) == (503, "Server Error")
-    assert response.header("content-type") == "text/html"
-    assert response.body.decode() == expected
-    assert host.fetch("/demo/good").body == b"good"
-
-
 BROKEN = [  # the page, the status, how much of the announced 2000 bytes has come, what follows
     ("die?at=headers", 503, 0, CLOSED), ("die?at=question", 503, 0, CLOSED),
     ("die?at=data", 503, 0, CLOSED), ("die?at=negative", 503, 0, PROTOCOL),
@@ -91,3 +66,14 @@ def test_answer_that_breaks_off_late_ends_the_connection(web, target, status, ca
         assert response.complete == (target == "die?at=finish")
         assert browser.at_end()
     assert web.serves()
+
+
+def test_files_are_served_until_the_server_makes_sense(site):
+    server = site.fake(answers={"clustered-servers": wire.word(77)})
+    host = site.host(server)
+    (host.htdocs / "own.txt").write_text("own")
+    assert host.fetch("/demo/").status == 404
+    assert host.fetch("/own.txt").body == b"own"
+    assert host.said("Couldn't initialize from remote server, Vesk server(s) probably down.")
+    server.answers.clear()
+    assert host.fetch("/demo/").body == b"fake"

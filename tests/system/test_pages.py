@@ -6,14 +6,15 @@ from processes import REDUCED, wait_until
 
 
 def test_index_is_a_page_for_people(web):
-    response = web.fetch("/demo/index.jsp?name=%3Cb%3E")
+    hostile = [("X-A", "</td><b>")]
+    response = web.fetch("/demo/index.jsp?name=%3Cb%3E", headers=hostile)
     assert response.status == 200
     assert response.header("content-type").startswith("text/html")
     assert b"s001" in response.body and b"<b>" not in response.body
 
 
 VARIABLES = {
-    "QUERY_STRING": "a=1&b=%20", "SCRIPT_NAME": "/demo/snoop", "PATH_INFO": "",
+    "QUERY_STRING": "realpath=/a%2520b&header=HTTPS", "SCRIPT_NAME": "/demo/snoop", "PATH_INFO": "",
     "REMOTE_HOST": "127.0.0.1", "REMOTE_ADDR": "127.0.0.1", "SERVER_NAME": "localhost",
     "SERVER_PROTOCOL": "HTTP/1.1", "PATH_TRANSLATED": "", "SERVER_PORT_SECURE": "0",
     "REMOTE_USER": "", "AUTH_TYPE": ""}
@@ -22,11 +23,13 @@ VARIABLES = {
 @pytest.mark.parametrize("method,body", [("GET", None), ("POST", b"x=1"), ("DELETE", None)])
 def test_all_variables_and_headers_reach_the_server(web, method, body):
     headers = [("Host", "front"), ("X-Two", "2"), ("Accept", "a, b"), ("X-Empty", ""), ("X-1", "1")]
-    seen = web.fetch("/demo/snoop?a=1&b=%20", method, headers, body).json()
+    seen = web.fetch("/demo/snoop?" + VARIABLES["QUERY_STRING"], method, headers, body).json()
     assert seen["variables"] == {**VARIABLES, "REQUEST_METHOD": method,
                                  "SERVER_PORT": str(web.address[1])}
     assert (seen["method"], seen["uri"]) == (method, "/demo/snoop")
     assert seen["session_id"] is None and seen["extra"] is None and seen["attributes"] == []
+    assert seen["get_realpath"] == [["/a%20b", f"{web.htdocs}/a%20b"]]
+    assert seen["get_header"] == [["HTTPS", "OFF"]]
     sent = [[name.lower(), value] for name, value in headers]
     assert seen["headers"] == sent + ([["content-length", "3"]] if body else [])
 

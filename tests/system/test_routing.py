@@ -3,25 +3,6 @@
 import pytest
 from processes import Host
 
-MAPPINGS = ["/demo/*=d", "/exact=d", "*.jsp=d", "/foo*.do=d", "//front/hosted=d",
-            "//other/hosted=d"]
-MATCHES = {  # whom is asked for what, and whether the server gets it
-    "FRONT": [("/demo", True), ("/demo/x", True), ("/demox", False), ("/Demo/x", False),
-              ("/exact/x", True), ("/exactly", False), ("/any/where/page.jsp", True),
-              ("/page.jsp;x=1", True), ("/page;x=.jsp", False), ("/foo/a.do", True),
-              ("/foo.do", False), ("/hosted/x", True)],
-    "other": [("/hosted", True)], "front:81": [("/hosted", False)], "fron": [("/hosted", False)]}
-
-
-def test_mapping_decides(site):
-    host = site.host(site.backend(mapping=MAPPINGS))
-    for name, targets in MATCHES.items():
-        for target, taken in targets:
-            response = host.fetch(target, headers=[("Host", name)])
-            assert (b"s001" in response.body) == taken, (name, target)
-            assert taken or response.status == 404, (name, target)
-
-
 FORCED = 'ObjectType fn="force-type" type="vesk-internal/mine"'
 SUFFIXES = {  # the stages, and whether /index.jsp is then the file of the web server
     "the web server": (Host.STAGES, True),
