@@ -18,6 +18,7 @@ static std::FILE* veskFileOpen(vesk_request* /*req*/, const char* path,
 
 // A grade of logging that is off is an empty function, so that nobody tests first.
 static void veskFreeHeaderNoop(vesk_request* /*req*/, const char* /*value*/) {}
+static void veskResponseNoop(vesk_request* /*req*/) {}
 static void veskTraceNoop(vesk_request* /*req*/, const char* /*format*/, ...) {}
 static void veskTraceENoop(vesk_request* /*req*/, std::uint64_t /*flags*/,
                            const char* /*format*/, ...) {}
@@ -47,6 +48,7 @@ static void installSocketOperations(vesk_request* req) {
   req->closeSocket = veskCloseSocket;
   req->send = veskSend;
   req->recv = veskRecv;
+  req->peek = veskPeek;
 }
 
 void init_vesk_request(vesk_request* req) {
@@ -65,6 +67,8 @@ void init_vesk_request(vesk_request* req) {
   req->trace = veskTraceNoop;
   req->traceE = veskTraceENoop;
   installSocketOperations(req);
+  req->markResponse = veskResponseNoop;
+  req->restoreResponse = veskResponseNoop;
   req->now = wallClockSeconds;
   req->ticks = monotonicMillis;
   req->guards = veskGuards;

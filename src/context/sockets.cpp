@@ -7,8 +7,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
+#include "context/guards.h"
 #include "context/read_ahead.h"
 #include "context/vesk_error.h"
 
@@ -34,6 +36,30 @@ void initializeSocketTimeouts(vesk_request* /*req*/, std::int32_t* timeouts) {
   timeouts[2] = kDefaultRecvTimeout;
 }
 
+struct TcpOption {
+  int level;
+  int name;
+  int value;
+};
+
+// Has the kernel find a peer that vanished without a word: a minute of silence, then a
+// probe every ten seconds; and bytes that nobody acknowledges for as long as a send may
+// take end the connection. What the kernel refuses here leaves it as patient as before.
+static void watchPeer(const vesk_request* req, std::int32_t sock) {
+  constexpr int kMillisPerSecond = 1000;
+  constexpr int kMostIdle = 60;  // seconds
+  const int limit = std::max(req->recvTimeout / kMillisPerSecond, 1);
+  const TcpOption options[] = {
+      {SOL_SOCKET, SO_KEEPALIVE, 1},
+      {IPPROTO_TCP, TCP_KEEPIDLE, std::min(limit, kMostIdle)},
+      {IPPROTO_TCP, TCP_KEEPINTVL, 10},
+      {IPPROTO_TCP, TCP_KEEPCNT, 3},
+      {IPPROTO_TCP, TCP_USER_TIMEOUT, std::max(req->sendTimeout, 0)},
+  };
+  for (const TcpOption& option : options)
+    (void)setsockopt(sock, option.level, option.name, &option.value, sizeof option.value);
+}
+
 // An option that can't be set costs speed or a limit, not the connection.
 static void setSocketOptions(vesk_request* req, std::int32_t sock) {
   int flags = fcntl(sock, F_GETFL);
@@ -54,6 +80,49 @@ static void setSocketOptions(vesk_request* req, std::int32_t sock) {
     req->log(req, "Warning: could not set TCP_NODELAY: %s",
              describeError(req->lastError));
   }
+  if (guarded(req, Guard::idle)) watchPeer(req, sock);
+}
+
+// The moment, in ticks, at which a wait of so many milliseconds ends; kNoEnd: never.
+constexpr std::int64_t kNoEnd = INT64_MAX;
+
+static std::int64_t endOfWait(vesk_request* req, std::int32_t limit) {
+  const std::int64_t end = limit < 0 ? kNoEnd : req->ticks(req) + limit;
+  return req->deadline != 0 ? std::min(end, req->deadline) : end;
+}
+
+bool isPastDeadline(vesk_request* req) {
+  return req->deadline != 0 && req->ticks(req) >= req->deadline;
+}
+
+// How long poll may sleep until the next look at the clock; -1: without end.
+static int nextSleep(vesk_request* req, std::int64_t end) {
+  constexpr std::int64_t kShutdownLook = 200;  // a shutdown is noticed within this
+  constexpr std::int64_t kLongest = INT32_MAX;
+  std::int64_t sleep = kLongest;
+  if (end != kNoEnd) sleep = std::clamp(end - req->ticks(req), std::int64_t{0}, kLongest);
+  if (req->endsAtShutdown) sleep = std::min(sleep, kShutdownLook);
+  return sleep == kLongest ? -1 : static_cast<int>(sleep);
+}
+
+static bool isCutShort(const vesk_request* req) {
+  return req->endsAtShutdown && isShuttingDown();
+}
+
+// poll, once, as the guard has it: what interrupts the sleep doesn't begin the wait anew.
+static int pollUntil(vesk_request* req, pollfd* wait, std::int64_t end) {
+  for (;;) {
+    const int ready = poll(wait, 1, nextSleep(req, end));
+    if (ready > 0 || (ready < 0 && errno != EINTR)) return ready;
+    if (isCutShort(req) || (end != kNoEnd && req->ticks(req) >= end)) return 0;
+  }
+}
+
+static int pollWithin(vesk_request* req, pollfd* wait, std::int32_t limit) {
+  const bool watched =
+      guarded(req, Guard::deadline) || req->deadline != 0 || req->endsAtShutdown;
+  if (!watched) return poll(wait, 1, limit);
+  return pollUntil(req, wait, endOfWait(req, limit));
 }
 
 // Why poll ended without room to write. When even that can't be told, a refusal is the
@@ -69,7 +138,7 @@ static std::int32_t pendingSocketError(vesk_request* req, std::int32_t sock) {
 // Waits for the end of a connect in progress: 0 or the error.
 static std::int32_t awaitConnect(vesk_request* req, std::int32_t sock) {
   pollfd wait = {.fd = sock, .events = POLLOUT, .revents = 0};
-  const int ready = poll(&wait, 1, req->connectTimeout);
+  const int ready = pollWithin(req, &wait, req->connectTimeout);
   if (ready == 0) return ETIMEDOUT;
   if (ready < 0) return errno;
   // A refused connect reports a hang-up together with room to write: it is asked for
@@ -140,7 +209,7 @@ static bool wantsMore(const Transfer* transfer) {
 static std::int32_t awaitReady(vesk_request* req, std::int32_t sock,
                                const Readiness& ready, std::int32_t limit) {
   pollfd wait = {.fd = sock, .events = ready.event, .revents = 0};
-  const int count = poll(&wait, 1, limit);
+  const int count = pollWithin(req, &wait, limit);
   if (count == 0) return ETIMEDOUT;
   if (count < 0) return errno;
   // The hang-up is asked for before the event: a server that has left in the middle of a
@@ -163,7 +232,7 @@ static std::int32_t judgeRecvLimit(vesk_request* req, std::int32_t sock,
     req->traceE(req, kTraceDetail, "veskRecv [%d] shutdown", sock);
     return ETIMEDOUT;
   }
-  if (!proxy || !req->pingServer) return ETIMEDOUT;
+  if (!proxy || !req->pingServer || isPastDeadline(req)) return ETIMEDOUT;
   // A signal in the pass before is no failure of this request, and would have the
   // ping go without its connect while the server is in its retry pause.
   req->lastError = 0;
@@ -185,6 +254,8 @@ static std::int32_t awaitReadable(vesk_request* req, std::int32_t sock,
 // only be EINTR, and what a ping left there do not outlive it.
 static std::int32_t recvPass(Transfer* transfer, void* buffer, veskProxy* proxy) {
   const auto rest = static_cast<std::size_t>(transfer->length - transfer->count);
+  // A server that never lets a read wait would else never meet the deadline.
+  if (isPastDeadline(transfer->req)) return ETIMEDOUT;
   const ssize_t result = recvAhead(transfer->req, transfer->sock,
                                    static_cast<char*>(buffer) + transfer->count, rest);
   if (result >= 0) {
@@ -219,6 +290,7 @@ static std::int32_t sendPass(Transfer* transfer, const void* buffer) {
            MSG_NOSIGNAL);
   if (result >= 0) {
     transfer->count += static_cast<std::int32_t>(result);
+    transfer->req->bytesSent += result;
     return 0;
   }
   if (errno != EAGAIN) return errno;
@@ -237,6 +309,16 @@ std::int32_t veskSend(vesk_request* req, std::int32_t sock, const void* buffer,
   req->trace(req, "send failed[%d]: %d %s", sock, req->lastError,
              describeError(req->lastError));
   return -1;
+}
+
+std::int32_t veskPeek(vesk_request* /*req*/, std::int32_t sock) {
+  char byte = 0;
+  ssize_t seen = 0;
+  do {
+    seen = recv(sock, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  } while (seen < 0 && errno == EINTR);
+  if (seen > 0) return kIdleBytes;
+  return seen < 0 && errno == EAGAIN ? kIdleQuiet : kIdleEnded;
 }
 
 static void reportCloseFailure(vesk_request* req, const char* step, std::int32_t sock) {

@@ -2,8 +2,9 @@
 //
 // Sockets are non-blocking from connect to close, and each wait is a poll with
 // its own limit, taken from the request; a signal starts the wait anew. A receive
-// limit is not final while `pingServer` of the request says that the server is well.
-// No socket outlives an exec: the web server's programs don't inherit it.
+// limit is not final while `pingServer` of the request says that the server is well. With
+// the guard `deadline` a signal doesn't lengthen a wait, and none lasts beyond `deadline`
+// of the request. No socket outlives an exec: the web server's programs don't inherit it.
 //
 // Threads: any; a socket and a request belong to one thread at a time. Where a
 // `proxy` is given, its `lock` must not be held: a ping takes it.
@@ -17,6 +18,12 @@
 constexpr std::int32_t kDefaultConnectTimeout = 15000;
 constexpr std::int32_t kDefaultSendTimeout = 15000;
 constexpr std::int32_t kDefaultRecvTimeout = 300000;
+
+// What veskPeek finds on an idle socket: nothing, as it should be; bytes that nobody has
+// asked for; or that the peer has closed it.
+constexpr std::int32_t kIdleQuiet = 0;
+constexpr std::int32_t kIdleBytes = 1;
+constexpr std::int32_t kIdleEnded = 2;
 
 // Writes the defaults, in the order connect, send, receive. `req` is not used.
 void initializeSocketTimeouts(vesk_request* req, std::int32_t* timeouts);
@@ -36,6 +43,12 @@ void initializeSocketTimeouts(vesk_request* req, std::int32_t* timeouts);
 // at most, and a signal starts it anew.
 [[nodiscard]] std::int32_t veskSend(vesk_request* req, std::int32_t sock,
                                     const void* buffer, std::int32_t length);
+
+// A kIdle value, by one look that takes nothing away. Doesn't block.
+[[nodiscard]] std::int32_t veskPeek(vesk_request* req, std::int32_t sock);
+
+// Whether the request as a whole has run out of time.
+[[nodiscard]] bool isPastDeadline(vesk_request* req);
 
 // Shuts down and closes; what was read ahead of the socket is gone with it. Leaves
 // lastError alone.

@@ -38,6 +38,36 @@ struct veskKeptBlock {
   void* block;
 };
 
+// What of a request has gone out, and may have to go out again; see proxy/replay.h.
+struct veskReplay {
+  std::int32_t frameSent;  // 1: a byte of the frame may have reached a server
+  std::int32_t reported;   // 1: the log has been told why there is no other attempt
+  std::int64_t bodyRead;   // bytes of the body that the browser has sent so far
+  char* held;              // the first of them, owned; null: none are held
+  std::int32_t heldSize;   // bytes of `held`
+  std::int32_t given;      // of those, to the running attempt
+  // As they were when the running attempt began.
+  std::int32_t frameSentBefore;
+  std::int64_t bodyReadBefore;
+};
+
+// What became of a request, for the host and its logs.
+enum : std::int32_t {
+  kOutcomeUnknown = 0,  // it never came to an attempt
+  kOutcomeServed,       // a server's answer has gone out whole
+  kOutcomeBroken,       // a response had begun and can't be completed
+  kOutcomeFailed,       // no server answered; what the browser got is not a server's
+  kOutcomeDeclined,     // the request is not the connector's
+};
+
+struct veskOutcome {
+  std::int32_t kind;      // a kOutcome value
+  std::int32_t attempts;  // servers that were tried, each time counted
+  char server[64];        // name of the last one; empty: none was
+  char state[3];          // two letters: where the last attempt ended, and why
+  std::int64_t micros;    // microseconds in all attempts together
+};
+
 constexpr int kLogPrefixSize = 64;
 
 // What filled a record, in `connectorType`.
@@ -146,11 +176,22 @@ struct vesk_request {
 
   veskAttributeIndex* attributeIndex;  // owned; of a long list, see attributes.h
 
+  // What an idle socket holds, a kIdle value. Doesn't block; leaves lastError alone.
+  std::int32_t (*peek)(vesk_request* req, std::int32_t sock);
   // Milliseconds of a clock that never jumps; only differences mean anything.
   std::int64_t (*ticks)(vesk_request* req);
-  std::uint32_t guards;   // bits of Guard, see guards.h
-  std::int64_t deadline;  // in ticks: no wait lasts beyond it; 0: none
-  const char* method;     // the host's text; null in globalRequest
+  std::uint32_t guards;         // bits of Guard, see guards.h
+  std::int64_t deadline;        // in ticks: no wait lasts beyond it; 0: none
+  std::int32_t endsAtShutdown;  // 1: a wait ends soon after the shutdown has begun
+  std::int64_t bytesSent;       // that sockets have accepted from this request so far
+  const char* method;           // the host's text; null in globalRequest
+  veskReplay replay;
+  veskOutcome outcome;
+
+  // With the guard `attempt`: notes status and headers of the response as they are, and
+  // brings them back to that after a failed attempt. Nothing may have been sent yet.
+  void (*markResponse)(vesk_request* req);
+  void (*restoreResponse)(vesk_request* req);
 };
 static_assert(std::is_trivial_v<vesk_request> && std::is_standard_layout_v<vesk_request>);
 

@@ -48,12 +48,12 @@ int veskinit(pblock* pb, Session* /*sn*/, Request* /*rq*/) {
   globalRequest.log(&globalRequest, "%s %d.%d (Build %d) NSAPI Extension - %s %s", "Vesk",
                     kVersionMajor, kVersionMinor, kBuildNumber, __DATE__, __TIME__);
 
-  readGuardOptions(pb);
   // From here to LOG_WARN the lines report the options; all that follows is what an
   // operator should see at the level that web servers log by default.
   TableOptions options;
   readServiceOptions(pb, &options);
   setLogLevel(LOG_WARN);
+  readGuardOptions(pb);
   makeTable(&options);
   readErrorUrl(pb);
   daemon_atrestart(veskend, nullptr);

@@ -2,6 +2,7 @@
 
 #include "context/vesk_error.h"
 #include "proxy/proxy_pool.h"
+#include "proxy/replay.h"
 #include "proxy/wire.h"
 
 // A conversation lives on behind a receive limit while its server takes pings.
@@ -25,13 +26,18 @@ struct Opening {
   const char* frame;
   std::int32_t length;
   std::int32_t* outCommand;
-  bool sent;  // the frame went out, so that what failed was the answer
+  bool sent;      // the frame went out, so that what failed was the answer
+  bool isAction;  // carrying it out twice may do harm: a request, and no question
 };
 
 static bool tryOpening(vesk_request* req, veskProxy* proxy, std::int32_t sock,
                        void* context) {
   auto* opening = static_cast<Opening*>(context);
+  const std::int64_t before = req->bytesSent;
   opening->sent = sendBytes(req, opening->frame, opening->length, sock) >= 0;
+  // A send that failed may have left the first part of the frame with the server.
+  const bool anySent = opening->sent || req->bytesSent != before;
+  if (opening->isAction && anySent) noteFrameSent(req);
   return opening->sent && readWord(req, sock, proxy, opening->outCommand) == 0;
 }
 
@@ -46,10 +52,18 @@ static void reportFailedOpening(vesk_request* req, veskProxy* proxy, std::int32_
     req->log(req, "Vesk closed connection. [%d] dropped while sending command", sock);
 }
 
+static bool mayOpenAgain(vesk_request* req, veskProxy* proxy, const void* context) {
+  if (!static_cast<const Opening*>(context)->isAction || mayReplay(req)) return true;
+  reportNoReplay(req, proxy);
+  return false;
+}
+
 VeskConnection* sendCommand(veskProxy* proxy, vesk_request* req, const char* frame,
                             std::int32_t length, std::int32_t* outCommand) {
-  Opening opening{frame, length, outCommand, false};
-  return takeConnection(proxy, req, {tryOpening, reportFailedOpening, &opening});
+  const bool isAction = getWord(frame) == PROXY_SERVICE_40;
+  Opening opening{frame, length, outCommand, false, isAction};
+  return takeConnection(proxy, req,
+                        {tryOpening, reportFailedOpening, mayOpenAgain, &opening});
 }
 
 std::int32_t openConversation(Conversation* talk, const char* frame,

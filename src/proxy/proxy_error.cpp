@@ -4,11 +4,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include "context/guards.h"
 #include "context/request_block.h"
+#include "context/sockets.h"
 #include "context/vesk_error.h"
 
 constexpr std::int32_t kPageSize = 1024;  // longest page and its NUL; more is cut
 constexpr std::int32_t kServiceUnavailable = 503;
+constexpr std::int32_t kGatewayTimeout = 504;
 
 constexpr char kPageText[] =
     "<H2>Server Error</H2>The server encountered an internal error and was unable to "
@@ -50,12 +53,26 @@ static const ErrorMessages& messagesFor(std::int32_t error) {
 static void sendPage(vesk_request* req, char* page, const char* message) {
   const int length =
       std::snprintf(page, kPageSize, "%s<P><B>%s.</B>", kPageText, message);
-  req->setStatus(req, kServiceUnavailable, "Server Error");
+  if (isPastDeadline(req)) {
+    req->setStatus(req, kGatewayTimeout, "Gateway Timeout");
+  } else {
+    req->setStatus(req, kServiceUnavailable, "Server Error");
+  }
   req->addHeader(req, "content-type", "text/html");
   // The page is the last word of this request: responseStarted is set even where it could
   // not be written, so that the host doesn't add a page of its own behind half of one.
   (void)req->writeClient(req, page, length);  // there is nobody else to tell
   req->responseStarted = 1;
+}
+
+// Whether there is a response that must end as it stands: what was written behind its
+// first bytes would look like a part of it.
+static bool endsBroken(vesk_request* req, const veskProxy* proxy) {
+  if (!req->responseStarted || !guarded(req, Guard::partial)) return false;
+  req->outcome.kind = kOutcomeBroken;
+  req->log(req, "%s failed behind the begin of its response, which ends broken: %d %s",
+           proxy ? proxy->name : "<null>", req->lastError, describeError(req->lastError));
+  return true;
 }
 
 void proxyerror(vesk_request* req, veskProxy* proxy) {
@@ -67,6 +84,10 @@ void proxyerror(vesk_request* req, veskProxy* proxy) {
                messages.statusMessage, messages.errorMessage);
     return;
   }
+  if (endsBroken(req, proxy)) return;
+  // What the failed server said of its response is not about the page, nor about the
+  // answer of the next server.
+  if (!req->responseStarted && guarded(req, Guard::attempt)) req->restoreResponse(req);
   // Another server may still answer: a page now would stand in front of that answer.
   if (req->deferError) {
     req->log(req, "%s deferred error: %s : %d: %s", proxy ? proxy->name : "<null>",

@@ -7,6 +7,7 @@
 #include "context/memory.h"
 #include "context/request_block.h"
 #include "context/text.h"
+#include "proxy/replay.h"
 #include "proxy/wire.h"
 
 // Sizes of the items without their texts.
@@ -179,8 +180,7 @@ std::int32_t sendPostData(vesk_request* req, std::int32_t wanted,
   RequestBlock frame{req, req->malloc(req, kFrameHead + most)};
   if (!frame.bytes) return 0;
 
-  const std::int32_t count =
-      std::min(req->getPostData(req, frame.bytes + kFrameHead, most), most);
+  const std::int32_t count = readBody(req, frame.bytes + kFrameHead, most);
   req->trace(req, "getPostData returned %d", count);
   putWord(frame.bytes, PROXY_PUT_DATA);
   // The count goes out as it is: -1 tells the server that the browser broke off.

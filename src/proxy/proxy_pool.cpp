@@ -4,7 +4,9 @@
 
 #include <cerrno>
 
+#include "context/guards.h"
 #include "context/memory.h"
+#include "context/sockets.h"
 #include "context/text.h"
 #include "context/vesk_error.h"
 #include "context/vesk_mutex.h"
@@ -65,8 +67,7 @@ static VeskConnection* newPingedConnection(vesk_request* req, veskProxy* proxy,
     req->lastError = ENOBUFS;
     return nullptr;
   }
-  connection->next = nullptr;
-  connection->socket = sock;
+  *connection = {.next = nullptr, .socket = sock, .idleSince = 0};
   return connection;
 }
 
@@ -89,8 +90,47 @@ static VeskConnection* connectNew(vesk_request* req, veskProxy* proxy) {
   return connection;
 }
 
+// Closes a list of connections that no pool holds any more.
+static void closeList(vesk_request* req, VeskConnection* connection) {
+  while (connection) {
+    VeskConnection* next = connection->next;
+    req->closeSocket(req, connection->socket);
+    req->permFree(req, connection);
+    connection = next;
+  }
+}
+
+// Cuts off what has lain idle for too long: the rest of the list from the first such one
+// on, since the pool is a stack and the oldest lie at its end. Once a second is enough.
+// REQUIRES: `lock`.
+static VeskConnection* cutAgedLocked(vesk_request* req, veskProxy* proxy) {
+  proxyPool* pool = proxy->pool;
+  const std::int64_t now = req->now(req);
+  if (now < pool->nextAgeCheck) return nullptr;
+  pool->nextAgeCheck = now + 1;
+  VeskConnection** link = &pool->freeConnections;
+  while (*link && (*link)->idleSince + veskIdleTimeout > now) link = &(*link)->next;
+  VeskConnection* aged = *link;
+  *link = nullptr;
+  return aged;
+}
+
+void closeAgedConnections(vesk_request* req, veskProxy* proxy) {
+  if (!guarded(req, Guard::idle) || veskIdleTimeout == 0 || !proxy->pool) return;
+  VeskConnection* aged = nullptr;
+  {
+    const SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
+    aged = cutAgedLocked(req, proxy);
+  }
+  if (!aged) return;
+  req->traceE(req, kTraceDetail, "%s closing connections idle for %d secs", proxy->name,
+              veskIdleTimeout);
+  closeList(req, aged);
+}
+
 VeskConnection* getVeskConnectionFromPool(veskProxy* proxy, vesk_request* req) {
   if (isShuttingDown()) return nullptr;
+  closeAgedConnections(req, proxy);
 
   VeskConnection* idle = nullptr;
   bool deferred = false;
@@ -110,21 +150,58 @@ bool isPooled(const VeskConnection* connection) {
   return connection->next != nullptr;
 }
 
+// What has come on a connection that lay idle, a kIdle value. What a server says on it
+// now belongs to no request, and would be taken for the answer to the next.
+static std::int32_t lookAt(vesk_request* req, const VeskConnection* connection) {
+  if (!isPooled(connection) || !guarded(req, Guard::latebytes)) return kIdleQuiet;
+  return req->peek(req, connection->socket);
+}
+
+// Drops a connection that was found unusable before anything went out on it: that is no
+// failure of the request. A server that closed one has most likely closed the others, so
+// these go with it, like behind a reset; stray bytes tell of their own connection alone.
+static void dropUnquiet(vesk_request* req, veskProxy* proxy, VeskConnection* connection,
+                        std::int32_t found) {
+  req->log(req, "%s %s an idle connection [%d], which is not used", proxy->name,
+           found == kIdleBytes ? "sent bytes on" : "closed", connection->socket);
+  const std::int32_t before = req->lastError;
+  req->lastError = found == kIdleBytes ? EVESK_PROTOCOL : ECONNRESET;
+  destroyVeskConnection(req, proxy, connection);
+  req->lastError = before;
+}
+
+// One try with a connection: whether it went well. Else the connection is gone, and
+// `goOn` tells whether another may be tried: a pooled one may have gone stale, which says
+// nothing about the server.
+static bool tryConnection(vesk_request* req, veskProxy* proxy, VeskConnection* connection,
+                          const ConnectionTry& attempt, bool* goOn) {
+  // Read while the record lives: a failed one is freed before anybody is told.
+  const bool pooled = isPooled(connection);
+  const std::int32_t sock = connection->socket;
+  *goOn = pooled;
+  const std::int32_t found = lookAt(req, connection);
+  if (found != kIdleQuiet) {
+    dropUnquiet(req, proxy, connection, found);
+    return false;
+  }
+  if (attempt.run(req, proxy, sock, attempt.context)) return true;
+  destroyVeskConnection(req, proxy, connection);
+  if (attempt.report) attempt.report(req, proxy, sock, pooled, attempt.context);
+  if (pooled && attempt.mayGoOn) *goOn = attempt.mayGoOn(req, proxy, attempt.context);
+  return false;
+}
+
 // No counter is needed: each pass that goes on has used up a pooled connection, and a
 // new one ends the loop either way.
 VeskConnection* takeConnection(veskProxy* proxy, vesk_request* req,
                                const ConnectionTry& attempt) {
-  for (;;) {
+  bool goOn = true;
+  while (goOn) {
     VeskConnection* connection = getVeskConnectionFromPool(proxy, req);
     if (!connection) return nullptr;
-    // Read while the record lives: a failed one is freed before anybody is told.
-    const bool pooled = isPooled(connection);
-    const std::int32_t sock = connection->socket;
-    if (attempt.run(req, proxy, sock, attempt.context)) return connection;
-    destroyVeskConnection(req, proxy, connection);
-    if (attempt.report) attempt.report(req, proxy, sock, pooled, attempt.context);
-    if (!pooled) return nullptr;
+    if (tryConnection(req, proxy, connection, attempt, &goOn)) return connection;
   }
+  return nullptr;
 }
 
 void returnVeskConnectionToPool(vesk_request* req, veskProxy* proxy,
@@ -135,6 +212,7 @@ void returnVeskConnectionToPool(vesk_request* req, veskProxy* proxy,
     SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
     // A connection that comes back whole is the proof that the server can be reached.
     setProxyRetryTime(proxy, 0);
+    connection->idleSince = req->now(req);
     connection->next = proxy->pool->freeConnections;
     proxy->pool->freeConnections = connection;
   }
@@ -181,11 +259,9 @@ void destroyVeskConnection(vesk_request* req, veskProxy* proxy,
 void proxy_destroyPooledSockets(vesk_request* req, veskProxy* proxy) {
   if (!proxy->pool || !proxy->pool->freeConnections) return;
   req->traceE(req, kTraceDetail, "%s freeing pooled sockets", proxy->name);
-  while (VeskConnection* connection = proxy->pool->freeConnections) {
-    proxy->pool->freeConnections = connection->next;
-    req->closeSocket(req, connection->socket);
-    req->permFree(req, connection);
-  }
+  VeskConnection* all = proxy->pool->freeConnections;
+  proxy->pool->freeConnections = nullptr;
+  closeList(req, all);
 }
 
 std::int32_t sendPingMsg(vesk_request* req, veskProxy* proxy, std::int32_t sock) {

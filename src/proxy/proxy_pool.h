@@ -1,8 +1,8 @@
 // The idle connections of one server, and how new ones are made.
 //
 // A pool is a stack: the connection returned last is handed out first. It has no
-// size limit and no age limit, and shrinks only when a connection fails, when it
-// is flushed and with its proxy. A connection's road:
+// size limit. It shrinks when a connection fails, when it is flushed, with its proxy,
+// and with the guard `idle` by age. A connection's road:
 //
 //   connect + ping --> in use, new ----+--> returnVeskConnectionToPool --> idle
 //   idle --> getVeskConnection- ------>|                                    |
@@ -36,19 +36,22 @@
 // nothing about the server.
 [[nodiscard]] bool isPooled(const VeskConnection* connection);
 
-// What to do with a connection, and how to tell that it failed.
+// What to do with a connection, how to tell that it failed, and whether to go on.
 struct ConnectionTry {
   // True when it went well; else lastError holds the reason.
   bool (*run)(vesk_request* req, veskProxy* proxy, std::int32_t sock, void* context);
   // Called when the connection of a failed try is gone; null: there is nothing to say.
   void (*report)(vesk_request* req, veskProxy* proxy, std::int32_t sock, bool pooled,
                  const void* context);
+  // Asked when a pooled one has failed: whether another may be tried; null: it may.
+  bool (*mayGoOn)(vesk_request* req, veskProxy* proxy, const void* context);
   void* context;
 };
 
 // Tries connections until one does: that one, which is the caller's, or null. A pooled
-// one that fails is replaced; a failure on a new one is final. Blocks, with no lock
-// held.
+// one that fails is replaced, and with the guard `latebytes` one on which anything has
+// come meanwhile isn't tried at all; a failure on a new one is final. Blocks, with no
+// lock held.
 [[nodiscard]] VeskConnection* takeConnection(veskProxy* proxy, vesk_request* req,
                                              const ConnectionTry& attempt);
 
@@ -62,6 +65,10 @@ void returnVeskConnectionToPool(vesk_request* req, veskProxy* proxy,
 // the idle connections are flushed.
 void destroyVeskConnection(vesk_request* req, veskProxy* proxy,
                            VeskConnection* connection);
+
+// Closes the connections that have lain idle for too long, where the guard `idle` says
+// so. Takes `lock`; the sockets are closed without it.
+void closeAgedConnections(vesk_request* req, veskProxy* proxy);
 
 // Closes every idle connection.
 // REQUIRES: `lock` of the proxy is held; it stays held while sockets close.

@@ -12,7 +12,8 @@ static bool tryPing(vesk_request* req, veskProxy* proxy, std::int32_t sock,
 }
 
 std::int32_t proxy_sendPing(veskProxy* proxy, vesk_request* req) {
-  VeskConnection* connection = takeConnection(proxy, req, {tryPing, nullptr, nullptr});
+  VeskConnection* connection =
+      takeConnection(proxy, req, {tryPing, nullptr, nullptr, nullptr});
   if (!connection) return 0;
   returnVeskConnectionToPool(req, proxy, connection);
   return 1;

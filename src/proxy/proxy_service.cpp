@@ -1,13 +1,16 @@
 #include "proxy/proxy_service.h"
 
+#include <atomic>
 #include <cerrno>
 #include <iterator>
 
+#include "context/guards.h"
 #include "context/request_block.h"
 #include "context/vesk_error.h"
 #include "proxy/conversation.h"
 #include "proxy/proxy_error.h"
 #include "proxy/proxy_marshal.h"
+#include "proxy/replay.h"
 #include "proxy/wire.h"
 
 // Sends the value of a header or variable; one that is absent goes out empty.
@@ -135,6 +138,7 @@ static Next onSetAttribute(Conversation* talk) {
 // A busy server is well: its connection is dropped, and no idle one with it.
 static Next onBusy(Conversation* talk) {
   talk->req->lastError = EVESK_BUSY;
+  noteServerBusy(talk->req);
   return Next::abort;
 }
 
@@ -185,7 +189,10 @@ static void abandonService(Conversation* talk) {
   vesk_request* req = talk->req;
   req->traceE(req, kTraceState, "handleVeskppRequest aborting <-- [%d]", talk->sock);
   if (req->lastError == ENOBUFS) req->log(req, "error == ENOBUFS");
+  const std::int32_t cause = req->lastError;
   proxyerror(req, talk->proxy);
+  // What writing to the browser came to says nothing about the server.
+  if (guarded(req, Guard::blame)) req->lastError = cause;
 }
 
 constexpr ConversationKind kServiceConversation = {
@@ -208,17 +215,40 @@ static std::int32_t openService(Conversation* talk, const char* extra) {
   return openConversation(talk, frame.bytes, length);
 }
 
+// One attempt on a server that takes it.
+static std::int32_t attempt(Conversation* talk, const char* extra) {
+  const ConversationScope scope{talk->req};
+  if (openService(talk, extra) == 0) return runConversation(talk);
+  proxyerror(talk->req, talk->proxy);
+  return -1;
+}
+
+// A server that has as many conversations as the option allows counts as busy, before
+// it is asked: another may be idle.
+static std::int32_t refuseAsBusy(Conversation* talk) {
+  vesk_request* req = talk->req;
+  req->trace(req, "%s has %d conversations, counts as busy", talk->proxy->name,
+             veskMaxPerServer);
+  req->lastError = EVESK_BUSY;
+  proxyerror(req, talk->proxy);
+  return -1;
+}
+
 std::int32_t proxy_handleRequest(vesk_request* req, veskProxy* proxy, const char* extra,
                                  std::int32_t* sequence) {
   req->trace(req, "%s proxy_handleRequest()", proxy->name);
   if (sequence) *sequence = -1;
-  const ConversationScope scope{req};
+  beginReplay(req);
   Conversation talk{};
   talk.kind = &kServiceConversation;
   talk.req = req;
   talk.proxy = proxy;
   talk.sequence = sequence;
-  if (openService(&talk, extra) == 0) return runConversation(&talk);
-  proxyerror(req, proxy);
-  return -1;
+
+  const std::atomic_ref<std::int32_t> running(proxy->conversations);
+  const std::int32_t others = running.fetch_add(1, std::memory_order_relaxed);
+  const bool full = veskMaxPerServer != 0 && others >= veskMaxPerServer;
+  const std::int32_t result = full ? refuseAsBusy(&talk) : attempt(&talk, extra);
+  running.fetch_sub(1, std::memory_order_relaxed);
+  return result;
 }

@@ -27,11 +27,14 @@ struct veskProxy;
 struct VeskConnection {
   VeskConnection* next;
   std::int32_t socket;
+  std::int64_t idleSince;  // seconds since the epoch; while it lies in the pool
 };
 
 struct proxyPool {
-  sockaddr_in address;              // written once, before the proxy is published
-  VeskConnection* freeConnections;  // idle ones, last returned first; under `lock`
+  sockaddr_in address;  // written once, before the proxy is published
+  // Under `lock`.
+  VeskConnection* freeConnections;  // idle ones, last returned first
+  std::int64_t nextAgeCheck;        // the list isn't searched for old ones before it
 };
 
 // Load-balancing codes, as "algorithm" of the server's properties names them.
@@ -128,6 +131,9 @@ struct veskProxy {
   // Enters a request that has ended into the metrics: it lasted from its startTime
   // until now. Does nothing without metrics. Takes the lock of the metrics, alone.
   void (*requestEnded)(veskProxy* proxy, vesk_request* req);
+
+  // Conversations about requests that run at this moment: atomically.
+  std::int32_t conversations;
 };
 static_assert(std::is_trivial_v<veskProxy> && std::is_standard_layout_v<veskProxy>);
 static_assert(std::is_trivial_v<proxyBalance> && std::is_trivial_v<proxyMetrics>);
