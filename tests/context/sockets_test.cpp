@@ -14,6 +14,7 @@
 #include <deque>
 #include <tuple>
 
+#include "context/guards.h"
 #include "context/read_ahead.h"
 #include "support/recorded_request.h"
 
@@ -186,6 +187,53 @@ TEST_F(Sockets, interruptedTransferGoesOnUntilThePeerCloses) {
   polls = {kInterrupted};
   EXPECT_EQ(veskSend(t.req, pair[0], "abc", 3), 3);
   EXPECT_EQ(t.req->lastError, 0);
+}
+
+// Each look at the clock finds it 100 ms later.
+static std::int64_t tickingClock(vesk_request* /*req*/) {
+  static std::int64_t ticks;
+  return ticks += 100;
+}
+
+TEST_F(Sockets, guardedWaitEndsInTimeWhateverInterruptsIt) {
+  t.req->ticks = tickingClock;
+  t.req->recvTimeout = 500;
+  polls = std::deque<Outcome>(9, kInterrupted);
+  EXPECT_EQ(write(pair[1], "ab", 2), 2);
+  EXPECT_EQ(receive(2), 2);  // no wait is needed, and no clock
+
+  t.req->guards = readGuards("deadline").mask;
+  EXPECT_EQ(receive(2), -1);
+  EXPECT_EQ(t.req->lastError, ETIMEDOUT);
+  EXPECT_FALSE(polls.empty()) << "it waited for longer than its limit";
+
+  polls = std::deque<Outcome>(9, kInterrupted);  // without the guard all are waited for
+  t.req->guards = 0;
+  EXPECT_EQ(write(pair[1], "ab", 2), 2);
+  results = {kWouldBlock};
+  EXPECT_EQ(receive(2), 2);
+}
+
+// With pings or without, and also where no read has to wait.
+TEST_F(Sockets, requestAsAWholeEndsAtItsDeadline) {
+  t.req->ticks = tickingClock;
+  t.req->pingServer = [](vesk_request*, veskProxy*) { return 1; };
+  t.req->deadline = t.req->ticks(t.req) + 350;
+  EXPECT_FALSE(isPastDeadline(t.req));
+  EXPECT_EQ(receive(2, reinterpret_cast<veskProxy*>(0x1000)), -1);
+  EXPECT_EQ(t.req->lastError, ETIMEDOUT);
+  EXPECT_TRUE(isPastDeadline(t.req));
+  EXPECT_EQ(write(pair[1], "ab", 2), 2);
+  EXPECT_EQ(receive(2), -1);
+}
+
+TEST_F(Sockets, lookAtAnIdleSocketTakesNothingAway) {
+  EXPECT_EQ(veskPeek(t.req, pair[0]), kIdleQuiet);
+  EXPECT_EQ(write(pair[1], "ab", 2), 2);
+  EXPECT_EQ(veskPeek(t.req, pair[0]), kIdleBytes);
+  EXPECT_EQ(receive(2), 2);
+  (void)shutdown(pair[1], SHUT_WR);
+  EXPECT_EQ(veskPeek(t.req, pair[0]), kIdleEnded);
 }
 
 // Only its address is looked at.
