@@ -45,7 +45,7 @@ static mappingsTable* makeTable(vesk_request* req, int servers,
                                 const std::string& mappings, std::uint32_t algorithm) {
   mappingsTable* table = mappingsTableNew(req, "", "", 0);
   for (int i = 0; i < servers; ++i)
-    addProxy(table, makeServer(req, i, mappings, algorithm), req, 1);
+    (void)addProxy(table, makeServer(req, i, mappings, algorithm), req, 1);
   return table;
 }
 
@@ -101,7 +101,7 @@ static void joinFirst(benchmark::State& state) {
     mappingsTable* table = mappingsTableNew(&req, "", "", 0);
     veskProxy* proxy = makeServer(&req, 0, mappings, BALANCE_ROUNDROBIN);
     state.ResumeTiming();
-    addProxy(table, proxy, &req, 1);
+    (void)addProxy(table, proxy, &req, 1);
     state.PauseTiming();
     takeOut(table, &req);
     state.ResumeTiming();
@@ -126,7 +126,7 @@ static void joinInFront(benchmark::State& state) {
     mappingsTable* table = makeTable(&req, 1, first, BALANCE_ROUNDROBIN);
     veskProxy* proxy = makeServer(&req, 1, second, BALANCE_ROUNDROBIN);
     state.ResumeTiming();
-    addProxy(table, proxy, &req, 1);
+    (void)addProxy(table, proxy, &req, 1);
     state.PauseTiming();
     takeOut(table, &req);
     state.ResumeTiming();
@@ -143,7 +143,7 @@ static void joinAgain(benchmark::State& state) {
   prepare(&req);
   mappingsTable* table =
       makeTable(&req, 3, manyMappings("/part", state.range(0)), BALANCE_ROUNDROBIN);
-  for (auto _ : state) addProxy(table, table->masterList.proxies[1], &req, 1);
+  for (auto _ : state) (void)addProxy(table, table->masterList.proxies[1], &req, 1);
   takeOut(table, &req);
 }
 BENCHMARK(joinAgain)->Arg(10)->Arg(8192)->Unit(benchmark::kMicrosecond);

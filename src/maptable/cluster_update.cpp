@@ -31,8 +31,9 @@ static void joinNamedServer(ClusterUpdate* update, const proxyList* snapshot,
     return;
   }
   // What this pass has itself added lies behind the snapshot's end.
-  if (at < snapshot->count && snapshot->active[at] == 0)
-    addProxy(update->table, snapshot->proxies[at], update->req, 0);
+  if (at < snapshot->count && snapshot->active[at] == 0 &&
+      addProxy(update->table, snapshot->proxies[at], update->req, 0) < 0)
+    update->failed = true;
 }
 
 static bool isNamed(const propertyTable* servers, const veskProxy* proxy) {

@@ -1,21 +1,42 @@
 #include "maptable/membership.h"
 
 #include <cstring>
+#include <iterator>
 
-#include "context/memory.h"
 #include "context/vesk_mutex.h"
+#include "maptable/mapping_columns.h"
+#include "properties/property_index.h"
+#include "proxy/proxy_refresh.h"
 
 // A rotation that starts here lands on the first entry.
 constexpr std::int32_t kBeforeFirst = -1;
 constexpr std::int32_t kNotFound = -1;
+// Lines of one kind that one call writes, whatever the server sends: enough to see what
+// is wrong. The table is locked meanwhile, and a server has up to 8192 mappings.
+constexpr std::int32_t kLinesOfAKind = 10;
 
-// One call of addProxy or updateProxy.
-struct Join {
+// What may be said of one mapping after the other, and how the rest of it is counted.
+enum Remark { kTableFull, kListFull, kOtherTarget, kOtherAlgorithm, kOtherSticky };
+constexpr const char* kRemarks[] = {
+    "not added, the table is full",
+    "whose list of servers is full",
+    "with another target than the table's",
+    "with a conflicting load balancing algorithm",
+    "with conflicting sticky session values",
+};
+
+// One call of addProxy or updateProxy: a server's mappings meet those of the table.
+// The new ones are all made before anything else changes, so that a call that runs out
+// of memory can be taken back.
+struct MappingChange {
   mappingsTable* table;
   veskProxy* proxy;
   vesk_request* req;
-  bool sorted;        // the new mappings are merged into matching order
-  std::int32_t near;  // where the next key is probably found
+  std::int32_t firstNew;  // mappings of the table from here on were made by this call
+  propertyIndex keys;     // of the table
+  propertyMarks settled;  // pairs of the server that have made a mapping, or can't
+  propertyMarks served;   // mappings of the table that the server has sent again
+  std::int32_t remarks[std::size(kRemarks)];  // how often each had a reason
 };
 
 bool isProxyNamed(const veskProxy* proxy, const char* text) {
@@ -42,17 +63,6 @@ std::int32_t hasProxyNamed(const mappingsTable* table, const char* name) {
   return findByName(&table->masterList, name);
 }
 
-// Index of a key, or -1. The search begins at `near`: two servers of a cluster
-// send nearly the same keys in the same order, so it mostly ends there.
-static std::int32_t findKey(const propertyTable* pairs, const char* key,
-                            std::int32_t near) {
-  for (std::int32_t i = 0; i < pairs->count; ++i) {
-    const std::int32_t at = (near + i) % pairs->count;
-    if (std::strcmp(pairs->entries[at].key, key) == 0) return at;
-  }
-  return kNotFound;
-}
-
 static bool appendProxy(proxyList* list, veskProxy* proxy) {
   if (list->count >= kMaxProxies) return false;
   list->proxies[list->count] = proxy;
@@ -61,11 +71,24 @@ static bool appendProxy(proxyList* list, veskProxy* proxy) {
   return true;
 }
 
-static void appendToMapping(const Join* join, std::int32_t index) {
-  if (appendProxy(join->table->mappingProxies[index], join->proxy)) return;
-  join->req->log(join->req, "%s not added to mapping %s, its list is full at %d servers",
-                 join->proxy->name, join->table->mappings->entries[index].key,
-                 kMaxProxies);
+// Counts a remark; true while it is to be written out.
+static bool isShown(MappingChange* change, Remark remark) {
+  return ++change->remarks[remark] <= kLinesOfAKind;
+}
+
+static void reportFurtherRemarks(const MappingChange& change) {
+  for (std::size_t i = 0; i < std::size(kRemarks); ++i)
+    if (change.remarks[i] > kLinesOfAKind)
+      change.req->log(change.req, "%s: %d more %s", change.proxy->name,
+                      change.remarks[i] - kLinesOfAKind, kRemarks[i]);
+}
+
+static void appendToMapping(MappingChange* change, std::int32_t index) {
+  if (appendProxy(change->table->mappingProxies[index], change->proxy)) return;
+  if (isShown(change, kListFull))
+    change->req->log(
+        change->req, "%s not added to mapping %s, its list is full at %d servers",
+        change->proxy->name, change->table->mappings->entries[index].key, kMaxProxies);
 }
 
 static void setAnyActive(mappingsTable* table, std::int32_t index) {
@@ -76,121 +99,100 @@ static void setAnyActive(mappingsTable* table, std::int32_t index) {
   table->mappingBalances[index]->anyActive = any;
 }
 
-// One mapping in all columns, while it is moved.
-struct MappingRow {
-  property pair;
-  proxyList* list;
-  mappingBalance* balance;
-  uriPattern pattern;
-};
-
-static MappingRow rowAt(const mappingsTable* table, std::int32_t index) {
-  return {.pair = table->mappings->entries[index],
-          .list = table->mappingProxies[index],
-          .balance = table->mappingBalances[index],
-          .pattern = table->patterns[index]};
+static void beginChange(MappingChange* change, mappingsTable* table, veskProxy* proxy,
+                        vesk_request* req) {
+  change->table = table;
+  change->proxy = proxy;
+  change->req = req;
+  change->firstNew = table->mappings->count;
+  indexProperties(&change->keys, table->mappings);
+  change->settled = {};
+  change->served = {};
+  for (std::int32_t& count : change->remarks) count = 0;
 }
 
-static void putRow(mappingsTable* table, std::int32_t index, const MappingRow& row) {
-  table->mappings->entries[index] = row.pair;
-  table->mappingProxies[index] = row.list;
-  table->mappingBalances[index] = row.balance;
-  table->patterns[index] = row.pattern;
+// Makes the mapping of one pair if the table has none: false without memory. In a full
+// table a pair is left out.
+static bool createMapping(MappingChange* change, std::int32_t number) {
+  mappingsTable* table = change->table;
+  const property& pair = change->proxy->mappings->entries[number];
+  if (findIndexed(&change->keys, pair.key) >= 0) return true;
+  markProperty(&change->settled, number);
+  if (table->mappings->count >= kMaxMappings) {
+    if (isShown(change, kTableFull))  // refused there, with the line
+      (void)addCopies(change->req, table->mappings, pair.key, pair.value);
+    return true;
+  }
+  const std::int32_t index = appendMapping(table, change->req, change->proxy, pair);
+  if (index >= 0) enterIndexed(&change->keys, index);
+  return index >= 0;
 }
 
-void mergeNewMapping(mappingsTable* table, vesk_request* req) {
-  (void)req;  // part of the operation's form; there is nothing to report
-  if (table->mappings->count < 1) return;
-  std::int32_t at = table->mappings->count - 1;
-  const MappingRow held = rowAt(table, at);
-  for (; at > 0 && held.pattern.rank > table->patterns[at - 1].rank; --at)
-    putRow(table, at, rowAt(table, at - 1));
-  putRow(table, at, held);
-}
-
-// A list of this one server and its balance under a new key: the index, or -1.
-// Both blocks stay the caller's on failure.
-static std::int32_t linkMapping(const Join* join, const property* pair, proxyList* list,
-                                mappingBalance* balance) {
-  mappingsTable* table = join->table;
-  (void)appendProxy(list, join->proxy);  // an empty list takes it
-  balance->algorithm = join->proxy->balance->algorithm;
-  balance->sticky = join->proxy->balance->sticky;
-  balance->slotsStale = 1;
-  const std::int32_t index =
-      setProperty(join->req, table->mappings, pair->key, pair->value);
-  if (index < 0) return kNotFound;
-  table->mappingProxies[index] = list;
-  table->mappingBalances[index] = balance;
-  table->patterns[index] = splitPattern(table->mappings->entries[index].key);
-  table->lastMapping = index;
-  return index;
-}
-
-// Adds a mapping that this server alone serves, at the end of the table: its
-// balance, or null with nothing changed. A full table logs what it refuses.
-static mappingBalance* createMapping(const Join* join, const property* pair) {
-  vesk_request* req = join->req;
-  auto* balance =
-      static_cast<mappingBalance*>(newPermZeroed(req, sizeof(mappingBalance)));
-  if (!balance) return nullptr;
-  auto* list = static_cast<proxyList*>(newPermZeroed(req, sizeof(proxyList)));
-  if (list && linkMapping(join, pair, list, balance) >= 0) return balance;
-  freePerm(req, list);
-  req->permFree(req, balance);
-  return nullptr;
+// Makes the mappings that the table lacks, at its end: 0, or -1 without memory; then it
+// has none of them.
+static std::int32_t createMappings(MappingChange* change) {
+  const propertyTable* pairs = change->proxy->mappings;
+  for (std::int32_t i = 0; i < pairs->count; ++i) {
+    if (createMapping(change, i)) continue;
+    takeBackMappings(change->table, change->req, change->firstNew);
+    return -1;
+  }
+  // Read as the index of the last mapping only: it says nothing of an empty table.
+  if (change->table->mappings->count > change->firstNew)
+    change->table->lastMapping = change->table->mappings->count - 1;
+  return 0;
 }
 
 // While the table is being built, the server that came last sets the rules.
-static void adoptSettings(const Join* join, std::int32_t index) {
-  mappingBalance* mapping = join->table->mappingBalances[index];
-  const proxyBalance* server = join->proxy->balance;
-  vesk_request* req = join->req;
-  if (mapping->algorithm != server->algorithm)
+static void adoptSettings(MappingChange* change, std::int32_t index) {
+  mappingBalance* mapping = change->table->mappingBalances[index];
+  const proxyBalance* server = change->proxy->balance;
+  vesk_request* req = change->req;
+  if (mapping->algorithm != server->algorithm && isShown(change, kOtherAlgorithm))
     req->log(req, "Conflicting load balancing algorithm entries %d vs. %d for %s",
              static_cast<int>(mapping->algorithm), static_cast<int>(server->algorithm),
-             join->proxy->name);
+             change->proxy->name);
   mapping->algorithm = server->algorithm;
-  if (mapping->sticky != server->sticky)
-    req->log(req, "Conflicting sticky session values for %s", join->proxy->name);
+  if (mapping->sticky != server->sticky && isShown(change, kOtherSticky))
+    req->log(req, "Conflicting sticky session values for %s", change->proxy->name);
   mapping->sticky = server->sticky;
 }
 
-static void activateInMapping(const Join* join, std::int32_t index) {
-  proxyList* list = join->table->mappingProxies[index];
-  const std::int32_t at = findByName(list, join->proxy->name);
+static void activateInMapping(MappingChange* change, std::int32_t index) {
+  proxyList* list = change->table->mappingProxies[index];
+  const std::int32_t at = findByName(list, change->proxy->name);
   if (at < 0) {
-    appendToMapping(join, index);
+    appendToMapping(change, index);
     return;
   }
   setProxyActive(list->proxies[at], true);
   list->active[at] = 1;
-  join->req->trace(join->req,
-                   "Proxy %s already exists for mapping %s, not adding a duplicate",
-                   join->proxy->name, join->table->mappings->entries[index].key);
+  change->req->trace(change->req,
+                     "Proxy %s already exists for mapping %s, not adding a duplicate",
+                     change->proxy->name, change->table->mappings->entries[index].key);
 }
 
-static void joinNewMapping(Join* join, const property* pair) {
-  mappingBalance* balance = createMapping(join, pair);
-  if (!balance) return;
-  balance->anyActive = 1;
-  balance->cursor = kBeforeFirst;
-  if (join->sorted) mergeNewMapping(join->table, join->req);
+// Whether the server means the same by a pattern as those that came before it. If not,
+// it doesn't serve the pattern: nobody knows which target a request wants.
+static bool agreesOnTarget(MappingChange* change, const property& pair,
+                           std::int32_t index) {
+  const char* present = change->table->mappings->entries[index].value;
+  if (std::strcmp(present, pair.value) == 0) return true;
+  if (isShown(change, kOtherTarget))
+    change->req->log(change->req,
+                     "Proxy %s already has mapping %s=%s, ignoring %s=%s mapping!",
+                     change->proxy->name, pair.key, present, pair.key, pair.value);
+  return false;
 }
 
-static void joinKnownMapping(const Join* join, const property* pair, std::int32_t index) {
-  mappingsTable* table = join->table;
-  vesk_request* req = join->req;
-  const char* present = table->mappings->entries[index].value;
-  if (std::strcmp(present, pair->value) != 0) {
-    req->log(req, "Proxy %s already has mapping %s=%s, ignoring %s=%s mapping!",
-             join->proxy->name, pair->key, present, pair->key, pair->value);
-    return;
-  }
-  if (table->tableUse == kTableBuilding) adoptSettings(join, index);
+static void joinKnownMapping(MappingChange* change, const property& pair,
+                             std::int32_t index) {
+  mappingsTable* table = change->table;
+  if (!agreesOnTarget(change, pair, index)) return;
+  if (table->tableUse == kTableBuilding) adoptSettings(change, index);
   table->mappingBalances[index]->slotsStale = 1;
   table->mappingBalances[index]->anyActive = 1;
-  activateInMapping(join, index);
+  activateInMapping(change, index);
 }
 
 static void activateInMasterList(mappingsTable* table, veskProxy* proxy) {
@@ -205,26 +207,36 @@ static void activateInMasterList(mappingsTable* table, veskProxy* proxy) {
   if (servers->count > 1) setClustered(table);
 }
 
+static void joinMappings(MappingChange* change) {
+  const propertyTable* pairs = change->proxy->mappings;
+  mappingsTable* table = change->table;
+  for (std::int32_t i = change->firstNew; i < table->mappings->count; ++i) {
+    table->mappingBalances[i]->anyActive = 1;
+    table->mappingBalances[i]->cursor = kBeforeFirst;
+  }
+  for (std::int32_t i = 0; i < pairs->count; ++i) {
+    if (isMarked(change->settled, i)) continue;
+    const property& pair = pairs->entries[i];
+    joinKnownMapping(change, pair, findIndexed(&change->keys, pair.key));
+  }
+}
+
 // REQUIRES: tableMutex, `lock` of the proxy.
-static void addProxyLocked(mappingsTable* table, veskProxy* proxy, vesk_request* req) {
-  Join join{.table = table,
-            .proxy = proxy,
-            .req = req,
-            .sorted = table->lastMapping != 0,
-            .near = 0};
-  const propertyTable* pairs = proxy->mappings;
-  for (std::int32_t i = 0; pairs && i < pairs->count; ++i) {
-    const property* pair = &pairs->entries[i];
-    const std::int32_t index = findKey(table->mappings, pair->key, join.near);
-    if (index < 0) {
-      joinNewMapping(&join, pair);
-      continue;
-    }
-    joinKnownMapping(&join, pair, index);
-    join.near = index + 1;
+static std::int32_t addProxyLocked(mappingsTable* table, veskProxy* proxy,
+                                   vesk_request* req) {
+  // Asked before anything joins: the mappings of a first server stand in its own order.
+  const bool sorted = table->lastMapping != 0;
+  if (proxy->mappings) {
+    MappingChange change;
+    beginChange(&change, table, proxy, req);
+    if (createMappings(&change) < 0) return -1;
+    joinMappings(&change);
+    if (sorted) mergeNewMapping(table, change.firstNew);
+    reportFurtherRemarks(change);
   }
   activateInMasterList(table, proxy);
   dumpMappings(table, req, "addProxy - after");
+  return 0;
 }
 
 static bool acceptsProxy(const mappingsTable* table, const veskProxy* proxy,
@@ -235,19 +247,20 @@ static bool acceptsProxy(const mappingsTable* table, const veskProxy* proxy,
   return false;
 }
 
-void addProxy(mappingsTable* table, veskProxy* proxy, vesk_request* req,
-              std::uint32_t lock) {
+std::int32_t addProxy(mappingsTable* table, veskProxy* proxy, vesk_request* req,
+                      std::uint32_t lock) {
   if (lock) startSync(req, &table->tableMutex, &table->tableMutexHeld);
-  const bool accepted = acceptsProxy(table, proxy, req);
-  if (accepted) {
+  std::int32_t result = -1;
+  if (acceptsProxy(table, proxy, req)) {
     const SyncGuard guard(req, &proxy->lock, &proxy->lockHeld);
-    addProxyLocked(table, proxy, req);
+    result = addProxyLocked(table, proxy, req);
   }
   const auto sequence = static_cast<std::int32_t>(table->clusterSeq);
   if (lock) stopSync(req, &table->tableMutex, &table->tableMutexHeld);
-  if (accepted)
+  if (result == 0)
     req->traceE(req, kTraceState, "%s added/activated proxy, seq %d", proxy->name,
                 sequence);
+  return result;
 }
 
 static void leaveMapping(mappingsTable* table, veskProxy* proxy, std::int32_t index) {
@@ -289,42 +302,42 @@ void removeProxy(mappingsTable* table, veskProxy* proxy, vesk_request* req,
   if (lock) stopSync(req, &table->tableMutex, &table->tableMutexHeld);
 }
 
-static void updateNewMapping(Join* join, const property* pair) {
-  mappingBalance* balance = createMapping(join, pair);
-  if (balance) balance->anyActive = isProxyActive(join->proxy) ? 1 : 0;
-}
-
-static void updateKnownMapping(const Join* join, const property* pair,
+// False without memory: the old value stays then.
+static bool updateKnownMapping(MappingChange* change, const property& pair,
                                std::int32_t index) {
-  mappingsTable* table = join->table;
-  // Without memory the old value stays; the next refresh tries again.
-  if (std::strcmp(table->mappings->entries[index].value, pair->value) != 0)
-    (void)setProperty(join->req, table->mappings, pair->key, pair->value);
+  mappingsTable* table = change->table;
+  const bool replaced =
+      replaceValue(change->req, table->mappings, index, pair.value) >= 0;
   table->mappingBalances[index]->slotsStale = 1;
 
   proxyList* list = table->mappingProxies[index];
-  const std::int32_t at = findByName(list, join->proxy->name);
+  const std::int32_t at = findByName(list, change->proxy->name);
   if (at >= 0) {
-    const bool active = isProxyActive(join->proxy);
+    const bool active = isProxyActive(change->proxy);
     setProxyActive(list->proxies[at], active);
     list->active[at] = active ? 1 : 0;
   }
   setAnyActive(table, index);
-  if (at < 0) appendToMapping(join, index);
+  // Behind the count: a server that is new to a mapping doesn't make it active.
+  if (at < 0) appendToMapping(change, index);
+  return replaced;
 }
 
-static void updateServedMappings(Join* join) {
-  const propertyTable* pairs = join->proxy->mappings;
+// False when a value couldn't be replaced for want of memory.
+static bool updateServedMappings(MappingChange* change) {
+  const propertyTable* pairs = change->proxy->mappings;
+  mappingsTable* table = change->table;
+  for (std::int32_t i = change->firstNew; i < table->mappings->count; ++i)
+    table->mappingBalances[i]->anyActive = isProxyActive(change->proxy) ? 1 : 0;
+  bool whole = true;
   for (std::int32_t i = 0; i < pairs->count; ++i) {
-    const property* pair = &pairs->entries[i];
-    const std::int32_t index = findKey(join->table->mappings, pair->key, join->near);
-    if (index < 0) {
-      updateNewMapping(join, pair);
-      continue;
-    }
-    updateKnownMapping(join, pair, index);
-    join->near = index + 1;
+    if (isMarked(change->settled, i)) continue;
+    const property& pair = pairs->entries[i];
+    const std::int32_t index = findIndexed(&change->keys, pair.key);
+    markProperty(&change->served, index);
+    whole = updateKnownMapping(change, pair, index) && whole;
   }
+  return whole;
 }
 
 // The server has only stopped serving this mapping: the rest of its state stays.
@@ -339,24 +352,33 @@ static void dropMapping(mappingsTable* table, const veskProxy* proxy,
   setAnyActive(table, index);
 }
 
-static void dropOtherMappings(mappingsTable* table, const veskProxy* proxy) {
-  std::int32_t near = 0;
-  for (std::int32_t i = 0; i < table->mappings->count; ++i) {
-    const std::int32_t at =
-        findKey(proxy->mappings, table->mappings->entries[i].key, near);
-    if (at < 0)
-      dropMapping(table, proxy, i);
-    else
-      near = at + 1;
-  }
+static void dropOtherMappings(const MappingChange& change) {
+  for (std::int32_t i = 0; i < change.firstNew; ++i)
+    if (!isMarked(change.served, i)) dropMapping(change.table, change.proxy, i);
+}
+
+// An update that ran out of memory is made up for by the next refresh, which a server
+// without an interval would never get.
+static void askForRefresh(veskProxy* proxy, vesk_request* req) {
+  if (proxy->mapCheckInterval == 0)
+    setMapCheckTime(proxy, req->now(req) + kRefreshRetrySeconds);
+}
+
+// Whether all of the change was made; without memory for a new mapping, none of it.
+static bool applyUpdate(MappingChange* change) {
+  if (createMappings(change) < 0) return false;
+  const bool whole = updateServedMappings(change);
+  dropOtherMappings(*change);
+  reportFurtherRemarks(*change);
+  return whole;
 }
 
 // REQUIRES: tableMutex, `lock` of the proxy.
 static void updateProxyLocked(mappingsTable* table, veskProxy* proxy, vesk_request* req) {
-  Join join{.table = table, .proxy = proxy, .req = req, .sorted = false, .near = 0};
   if (proxy->mappings) {
-    updateServedMappings(&join);
-    dropOtherMappings(table, proxy);
+    MappingChange change;
+    beginChange(&change, table, proxy, req);
+    if (!applyUpdate(&change)) askForRefresh(proxy, req);
   }
   dumpMappings(table, req, "updateProxy - after");
 }

@@ -8,35 +8,34 @@
 //   marked unreachable by the pool      1           1               0
 //   removeProxy                         0           0               0
 //
+// A call writes at most ten lines of a kind, and one that counts the rest.
+//
 // Ownership: a proxy that addProxy has put into masterList belongs to the table.
 // Threads: any. `lock` 1: tableMutex is taken here; 0: the caller holds it. Both
 // ways the proxy's own `lock` is taken inside.
-// Failure: what doesn't fit or finds no memory is left out and logged; the columns
-// stay parallel and complete. A refresh makes up for a mapping lost to memory, if
-// that server has one, and puts it at the end of the table.
+// Failure: what doesn't fit is left out and logged. A call that runs out of memory for
+// a new mapping changes nothing, so that the old state serves on and the next occasion
+// tries again; lastError is ENOBUFS then.
 // Blocking: nothing here waits for a server; removeProxy closes idle sockets.
 #pragma once
 
 #include "maptable/vesk_maptable_impl.h"
 
-// Joins a server that initProxy has set up, or brings one back. With a full
-// masterList a new server is refused with a log line and stays the caller's; see
-// hasRoomForServer.
-void addProxy(mappingsTable* table, veskProxy* proxy, vesk_request* req,
-              std::uint32_t lock);
+// Joins a server that initProxy has set up, or brings one back: 0, or -1 when it can't;
+// then it stays the caller's, if it is new. That is when memory runs out, or, with a
+// log line, when masterList is full; see hasRoomForServer.
+[[nodiscard]] std::int32_t addProxy(mappingsTable* table, veskProxy* proxy,
+                                    vesk_request* req, std::uint32_t lock);
 
 // Takes a server out of service, closes its idle connections and clears
 // clusterSeq, so that the next reply brings the whole membership anew.
 void removeProxy(mappingsTable* table, veskProxy* proxy, vesk_request* req,
                  std::uint32_t lock);
 
-// Brings the table in line with mappings that refreshMappings has just installed.
+// Brings the table in line with mappings that refreshMappings has just installed. When
+// memory runs out the next refresh makes up for it; one is asked for if none is due.
 void updateProxy(mappingsTable* table, veskProxy* proxy, vesk_request* req,
                  std::uint32_t lock);
-
-// Moves the last mapping to its place in matching order, in all columns.
-// REQUIRES: tableMutex.
-void mergeNewMapping(mappingsTable* table, vesk_request* req);
 
 // Index in masterList of the first server of that name, in service or not, or -1.
 // Of a longer text the part counts that fits a proxy's name. REQUIRES: tableMutex.

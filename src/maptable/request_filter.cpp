@@ -23,7 +23,7 @@ static void refreshServer(mappingsTable* table, vesk_request* req, veskProxy* pr
                           bool activeInTable) {
   if (!activeInTable) {
     if (proxy->isAlive(proxy, req) == 0) return;
-    addProxy(table, proxy, req, 0);
+    if (addProxy(table, proxy, req, 0) < 0) return;
   }
   const std::int32_t refreshed = proxy->refreshMappings(proxy, req);
   if (refreshed == 0) updateProxy(table, proxy, req, 0);

@@ -245,8 +245,7 @@ static bool reviveProxy(mappingsTable* table, vesk_request* req, veskProxy* prox
            "marked unreachable",
            proxy->name);
   if (proxy->isAlive(proxy, req) == 0) return false;
-  addProxy(table, proxy, req, 0);
-  return true;
+  return addProxy(table, proxy, req, 0) == 0;
 }
 
 std::int32_t lastDitchFindReachableServer(mappingsTable* table, vesk_request* req,

@@ -7,12 +7,11 @@ ServerJoin joinServer(mappingsTable* table, vesk_request* req, const char* serve
   veskProxy* proxy = table->newProxy(req);
   if (!proxy) return ServerJoin::noMemory;
   const auto interval = static_cast<std::int32_t>(table->proxyRetryInterval);
-  if (proxy->initProxy(proxy, req, server, interval, 0) != 0) {
-    (void)proxy->destroyInetProxy(proxy, req);  // nobody else holds a reference
-    return ServerJoin::failed;
-  }
-  addProxy(table, proxy, req, 0);
-  return ServerJoin::joined;
+  if (proxy->initProxy(proxy, req, server, interval, 0) == 0 &&
+      addProxy(table, proxy, req, 0) == 0)
+    return ServerJoin::joined;
+  (void)proxy->destroyInetProxy(proxy, req);  // nobody else holds a reference
+  return ServerJoin::failed;
 }
 
 void reportServersRefused(vesk_request* req, std::int32_t refused) {

@@ -15,7 +15,7 @@ static std::int32_t joinServers(mappingsTable* table, vesk_request* req,
     const char* server = servers->entries[i].value;
     const std::int32_t at = hasProxyNamed(table, server);
     if (at >= 0) {
-      addProxy(table, table->masterList.proxies[at], req, 0);
+      (void)addProxy(table, table->masterList.proxies[at], req, 0);
       continue;
     }
     const ServerJoin outcome = joinServer(table, req, server);

@@ -99,7 +99,8 @@ TEST_F(ClusterUpdating, twoHundredServersFillTheTable) {
   EXPECT_EQ(table->masterList.count, kMaxProxies);
   EXPECT_EQ(table->mappings->count, 1);
   (void)extra->destroyInetProxy(extra, t.req);
-  addProxy(table, table->masterList.proxies[127], t.req, 1);  // a known one returns
+  EXPECT_EQ(addProxy(table, table->masterList.proxies[127], t.req, 1),
+            0);  // a known one returns
   EXPECT_EQ(t.logged("the table is full"), 2);
   EXPECT_EQ(cluster.created, kMaxProxies + 1);
 }

@@ -153,12 +153,14 @@ veskProxy* MapTable::join(const std::string& name, const char* mappings) {
   if (mappings) server.mappings = mappings;
   veskProxy* proxy = table->newProxy(t.req);
   EXPECT_EQ(proxy->initProxy(proxy, t.req, name.c_str(), 0, 0), 0);
-  addProxy(table, proxy, t.req, 1);
+  (void)addProxy(table, proxy, t.req, 1);
   return proxy;
 }
 
-void MapTable::update(veskProxy* proxy, const std::string& mappings) {
+void MapTable::update(veskProxy* proxy, const std::string& mappings,
+                      std::int64_t failing) {
   ASSERT_TRUE(installMappings(proxy, t.req, mappings));
+  t.failAllocation = failing ? t.allocations + failing : 0;
   updateProxy(table, proxy, t.req, 1);
 }
 

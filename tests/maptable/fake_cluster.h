@@ -70,8 +70,8 @@ class MapTable : public ::testing::Test {
   // Makes a proxy of a server of the cluster, with these mappings if they are
   // given, and joins it.
   veskProxy* join(const std::string& name, const char* mappings = nullptr);
-  // Lets a server's mappings change, and the table know.
-  void update(veskProxy* proxy, const std::string& mappings);
+  // Lets a server's mappings change, and the table know; its n-th allocation fails.
+  void update(veskProxy* proxy, const std::string& mappings, std::int64_t failing = 0);
   void remove(veskProxy* proxy);
 
   // "key=value" of each mapping with its servers, those not active in brackets, and

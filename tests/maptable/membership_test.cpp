@@ -2,7 +2,12 @@
 
 #include <gmock/gmock.h>
 
+#include <cerrno>
+
+#include <sstream>
+
 #include "fake_cluster.h"
+#include "proxy/mapping_order.h"
 
 using ::testing::ElementsAre;
 
@@ -17,7 +22,7 @@ static std::string manyMappings(const std::string& start, int count) {
 TEST_F(Membership, mappingsMoveToTheirPlaceInAllColumns) {
   join("a:1", "/long/er*=l\n/b*=b\n*.jsp=j");
   const mappingBalance* suffix = table->mappingBalances[2];
-  join("b:1", "/c/d*=c\n//h/x*=h\n/b*=b\n/a*=a\n*.vhd=v\n*=d");
+  join("b:1", "/c/d*=c\n//h/x*=h\n/b*=b\n/a*=a\n/a*=a\n*.vhd=v\n*=d");
   EXPECT_THAT(mappings(), ElementsAre("//h/x*=h b:1", "/long/er*=l a:1", "/c/d*=c b:1",
                                       "/b*=b a:1 b:1", "/a*=a b:1", "*.jsp=j a:1",
                                       "*.vhd=v b:1", "*=d b:1"));
@@ -26,15 +31,58 @@ TEST_F(Membership, mappingsMoveToTheirPlaceInAllColumns) {
   EXPECT_TRUE(isClustered(table));
 }
 
+// More than are moved together, into a table whose end is out of order.
+TEST_F(Membership, manyMappingsMoveAsIfEachMovedAlone) {
+  std::string brought;
+  for (int i = 0; i < 200; ++i)
+    brought += "/" + std::string(i * 7 % 23U, 'x') + std::to_string(i) + "*=b\n";
+  update(join("a:1", "/xxxxxxxxxxxxx=a\n*.j=a"), "/xxxxx=a\n/xxxxxxxxxx*=a\n/x=a");
+  std::vector<std::string> expected = {"/xxxxxxxxxxxxx", "*.j", "/xxxxx", "/xxxxxxxxxx*",
+                                       "/x"};
+  std::istringstream lines(brought);
+  for (std::string key; std::getline(lines, key, '=') && lines.ignore(2);) {
+    auto place = expected.end();
+    const auto beats = [&](std::string& other) {
+      const property first{key.data(), nullptr}, second{other.data(), nullptr};
+      return longerThan(&first, &second) != 0;
+    };
+    while (place != expected.begin() && beats(*std::prev(place))) --place;
+    expected.insert(place, key);
+  }
+  join("b:1", brought.c_str());
+  for (std::size_t i = 0; i < expected.size(); ++i) {
+    EXPECT_EQ(table->mappings->entries[i].key, expected[i]);
+    EXPECT_EQ(table->patterns[i].text, table->mappings->entries[i].key);
+    EXPECT_EQ(table->mappings->entries[i].value[0],
+              table->mappingProxies[i]->proxies[0]->name[0]);
+  }
+  EXPECT_EQ(table->mappings->count, 205);
+  EXPECT_EQ(table->lastMapping, 204);
+}
+
 TEST_F(Membership, serversLeaveChangeAndReturn) {
   veskProxy* a = join("a:1", "/b*=b\n*.jsp=j");
   veskProxy* b = join("b:1", "/c*=c\n/b*=b\n*.jsp=j");
   const auto servers = [this] { return names(table->masterList); };
+  const auto freshen = [this] {
+    for (std::int32_t i = 0; i < table->mappings->count; ++i)
+      table->mappingBalances[i]->slotsStale = 0;
+  };
+  const auto stale = [this] {
+    std::string all;
+    for (std::int32_t i = 0; i < table->mappings->count; ++i)
+      all += table->mappingBalances[i]->slotsStale ? '1' : '0';
+    return all;
+  };
+  freshen();
   removeProxy(table, a, t.req, 1);
+  EXPECT_EQ(stale(), "111");  // also where it served nothing
   EXPECT_THAT(mappings(),
               ElementsAre("/b*=b [a:1] b:1", "/c*=c b:1", "*.jsp=j [a:1] b:1"));
   EXPECT_TRUE(isProxyActive(b) && !isProxyActive(a) && servers() == " [a:1] b:1");
+  freshen();
   update(b, "/c*=new\n/z=z");
+  EXPECT_EQ(stale(), "1111");
   EXPECT_THAT(mappings(), ElementsAre("/b*=b [a:1] [b:1] none", "/c*=new b:1",
                                       "*.jsp=j [a:1] [b:1] none", "/z=z b:1"));
   update(a, "/c*=a\n/b*=b\n/y=y");  // as one that isn't in service
@@ -42,7 +90,9 @@ TEST_F(Membership, serversLeaveChangeAndReturn) {
               ElementsAre("/b*=b [a:1] [b:1] none", "/c*=a b:1 a:1",
                           "*.jsp=j [a:1] [b:1] none", "/z=z b:1", "/y=y a:1 none"));
   EXPECT_TRUE(isProxyActive(b) && !isProxyActive(a) && servers() == " [a:1] b:1");
-  addProxy(table, a, t.req, 1);
+  freshen();
+  EXPECT_EQ(addProxy(table, a, t.req, 1), 0);
+  EXPECT_EQ(stale(), "11001");
   EXPECT_THAT(mappings(),
               ElementsAre("/b*=b a:1 [b:1]", "/c*=a b:1 a:1", "*.jsp=j [a:1] [b:1] none",
                           "/z=z b:1", "/y=y a:1"));
@@ -52,6 +102,38 @@ TEST_F(Membership, serversLeaveChangeAndReturn) {
   EXPECT_THAT(mappings(),
               ElementsAre("/b*=b a:1 [b:1]", "/c*=a [b:1] a:1",
                           "*.jsp=j [a:1] [b:1] none", "/z=z [b:1] none", "/y=y a:1"));
+  update(a, "/z=z");  // new there, which doesn't count as one in service
+  EXPECT_EQ(mappings()[3], "/z=z [b:1] a:1 none");
+}
+
+// Memory that runs out leaves the table as it was, and the next occasion makes up for
+// it, also where the server has no interval of refreshes.
+TEST_F(Membership, changeWithoutMemoryIsMadeWholeOrNotAtAll) {
+  join("a:1", "/b*=b\n*.jsp=j");
+  const std::vector<std::string> before = mappings();
+  cluster["b:1"].mappings = "/c*=c\n/b*=b\n/long*=l";
+  veskProxy* b = table->newProxy(t.req);
+  ASSERT_EQ(b->initProxy(b, t.req, "b:1", 0, 0), 0);
+  for (int n = 1; n <= 8; ++n) {  // two new mappings of four blocks each
+    t.failAllocation = t.allocations + n;
+    EXPECT_EQ(addProxy(table, b, t.req, 1), -1);
+    EXPECT_EQ(t.req->lastError, ENOBUFS);
+    EXPECT_EQ(mappings(), before);
+    EXPECT_EQ(names(table->masterList), " a:1");
+    EXPECT_EQ(table->lastMapping, 1);
+  }
+  EXPECT_EQ(addProxy(table, b, t.req, 1), 0);
+  EXPECT_THAT(mappings(),
+              ElementsAre("/long*=l b:1", "/b*=b a:1 b:1", "/c*=c b:1", "*.jsp=j a:1"));
+  for (int n = 1; n <= 4; ++n) {
+    setMapCheckTime(b, kNever);
+    update(b, "/b*=b\n/new*=n", n);
+    EXPECT_EQ(mappings()[2], "/c*=c b:1");
+    EXPECT_EQ(table->mappings->count, 4);
+    EXPECT_LT(getMapCheckTime(b), kNever);
+  }
+  update(b, "/b*=other", 1);
+  EXPECT_EQ(mappings()[1], "/b*=b a:1 b:1");
 }
 
 TEST_F(Membership, returningServerIsFreshAgain) {
@@ -62,7 +144,7 @@ TEST_F(Membership, returningServerIsFreshAgain) {
   EXPECT_EQ(table->tableUse, kTableChanged);
   EXPECT_EQ(cluster["a:1"].flushes, 1);
   setProxyRetryTime(a, 99);
-  addProxy(table, a, t.req, 1);
+  EXPECT_EQ(addProxy(table, a, t.req, 1), 0);
   EXPECT_EQ(getProxyRetryTime(a), 0);
   EXPECT_EQ(t.traced("Proxy a:1 already exists for mapping /demo*, not adding a"), 1);
   table->masterList.count = 0;
@@ -88,6 +170,7 @@ TEST_F(Membership, balanceOfJoinedMappings) {
   update(b, "/demo*=demo\n/new*=n");
   EXPECT_EQ(demo->slotsStale, 1U);
   EXPECT_EQ(table->mappingBalances[1]->cursor, 0);
+  EXPECT_EQ(table->tableUse, kTableChanged);
   table->mappingBalances[1]->slotsStale = 0;
   update(b, "/demo*=demo");
   EXPECT_EQ(table->mappingBalances[1]->slotsStale, 1U);
@@ -113,9 +196,21 @@ TEST_F(Membership, fullTableOfMappingsRefusesWhatDoesNotFit) {
   veskProxy* b = join("b:1", manyMappings("/b", 4000).c_str());
   EXPECT_EQ(table->mappings->count, kMaxMappings);
   EXPECT_EQ(table->lastMapping, kMaxMappings - 1);
-  EXPECT_EQ(t.logged("propertyTable full when trying to add /b"), 808);
+  EXPECT_EQ(t.logged("propertyTable full when trying to add /b"), 10);
+  EXPECT_EQ(t.logged("b:1: 798 more not added, the table is full"), 1);
   update(b, "/a17=x\n/other=o");
   EXPECT_EQ(t.logged("propertyTable full when trying to add /other = o"), 1);
+}
+
+// A server that disagrees on all its mappings doesn't fill the log.
+TEST_F(Membership, lineOfAKindIsCountedFromTheEleventhOn) {
+  join("a:1", manyMappings("/", 12).c_str());
+  cluster["b:1"].algorithm = BALANCE_MIN;
+  join("b:1", (manyMappings("/", 11) + "/11=y").c_str());
+  EXPECT_EQ(t.logged("Conflicting load balancing algorithm entries 1 vs. 3"), 10);
+  EXPECT_EQ(t.logged("Proxy b:1 already has mapping /11=x, ignoring /11=y mapping!"), 1);
+  EXPECT_EQ(t.logged("b:1: 1 more with a conflicting load balancing"), 1);
+  EXPECT_EQ(t.logLines.size(), 12U);
 }
 
 TEST_F(Membership, fullListOfAMappingRefusesOneMore) {

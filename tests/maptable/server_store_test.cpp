@@ -35,7 +35,7 @@ TEST_F(ServerStore, holdsTheActiveFirstAndNotTheBootstrapServer) {
   EXPECT_EQ(persistServers(table, t.req), 0);
   EXPECT_FALSE(fs::exists(path));
   EXPECT_EQ(t.traced("no changes to serverstore " + path), 1);
-  addProxy(table, b, t.req, 1);  // order alone is a change
+  EXPECT_EQ(addProxy(table, b, t.req, 1), 0);  // order alone is a change
   EXPECT_EQ(persistServers(table, t.req), 0);
   EXPECT_EQ(stored(), "proxyservers=a:1;b:1;c:1;");
 }
