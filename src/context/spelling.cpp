@@ -58,6 +58,15 @@ void toLowerCaseWithUnderscores(vesk_request* /*req*/, const char* in, char* out
   withUnderscores(in, out, std::tolower);
 }
 
+static char plainByte(char byte) {
+  return byte == '_' ? '-' : convertByte(byte, std::tolower);
+}
+
+bool isSpellingOf(const char* name, const char* other) {
+  for (; *name && plainByte(*name) == plainByte(*other); ++name) ++other;
+  return *name == *other;
+}
+
 // Bytes that `text` takes with each '%' written as three; the NUL not counted.
 static std::int64_t encodedLength(const char* text) {
   std::int64_t length = 0;

@@ -17,6 +17,9 @@ void toUpperCaseWithUnderscores(vesk_request* req, const char* in, char* out);
 void toLowerCaseWithDashes(vesk_request* req, const char* in, char* out);
 void toLowerCaseWithUnderscores(vesk_request* req, const char* in, char* out);
 
+// Whether two names differ in nothing but case, and in dashes for underscores.
+[[nodiscard]] bool isSpellingOf(const char* name, const char* other);
+
 // Makes `uri` of the request a new text with every '%' written as "%25", from
 // the request's malloc, and returns it. Null, with `uri` as it was, when there is
 // no '%' or no memory. The old text stays its owner's.

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "context/guards.h"
 #include "context/memory.h"
 #include "context/request_block.h"
 #include "context/spelling.h"
@@ -17,36 +18,43 @@ static char* hostText(const char* text) {
   return const_cast<char*>(text);
 }
 
+// Who may say what a name stands for.
+enum class Source {
+  anyone,  // the client's headers, where the host has nothing
+  host,    // the host alone, with the guard `identity`
+};
+
 struct EquivalentName {
   const char* variable;
   const char* hostName;
+  Source source;
 };
 
 // What the host calls the same thing. A server knows requests as CGI programs do; the
 // host has each fact once, under a name of its own, in one of four blocks.
 static const EquivalentName nesequivHeaders[] = {
-    {"CONTENT_LENGTH", "content-length"},
-    {"CONTENT_TYPE", "content-type"},
-    {"ACCEPT", "accept"},
-    {"ACCEPT_ENCODING", "accept-encoding"},
-    {"ACCEPT_LANGUAGE", "accept-language"},
-    {"AUTHORIZATION", "authorization"},
-    {"COOKIE", "cookie"},
-    {"IF_MODIFIED_SINCE", "if-modified-since"},
-    {"REFERER", "referer"},
-    {"USER_AGENT", "user-agent"},
-    {"USER_DEFINED", "user-defined"},
-    {"QUERY_STRING", "query"},
-    {"REQUEST_LINE", "clf-request"},
-    {"REQUEST_METHOD", "method"},
-    {"SCRIPT_NAME", "uri"},
-    {"SERVER_PROTOCOL", "protocol"},
-    {"AUTH_TYPE", "auth-type"},
-    {"PATH_INFO", "path-info"},
-    {"REMOTE_USER", "auth-user"},
-    {"HTTPS_KEYSIZE", "keysize"},
-    {"HTTPS_SECRETSIZE", "secret-keysize"},
-    {"REMOTE_ADDR", "ip"},
+    {"CONTENT_LENGTH", "content-length", Source::anyone},
+    {"CONTENT_TYPE", "content-type", Source::anyone},
+    {"ACCEPT", "accept", Source::anyone},
+    {"ACCEPT_ENCODING", "accept-encoding", Source::anyone},
+    {"ACCEPT_LANGUAGE", "accept-language", Source::anyone},
+    {"AUTHORIZATION", "authorization", Source::anyone},
+    {"COOKIE", "cookie", Source::anyone},
+    {"IF_MODIFIED_SINCE", "if-modified-since", Source::anyone},
+    {"REFERER", "referer", Source::anyone},
+    {"USER_AGENT", "user-agent", Source::anyone},
+    {"USER_DEFINED", "user-defined", Source::anyone},
+    {"QUERY_STRING", "query", Source::host},
+    {"REQUEST_LINE", "clf-request", Source::host},
+    {"REQUEST_METHOD", "method", Source::host},
+    {"SCRIPT_NAME", "uri", Source::host},
+    {"SERVER_PROTOCOL", "protocol", Source::host},
+    {"AUTH_TYPE", "auth-type", Source::host},
+    {"PATH_INFO", "path-info", Source::host},
+    {"REMOTE_USER", "auth-user", Source::host},
+    {"HTTPS_KEYSIZE", "keysize", Source::host},
+    {"HTTPS_SECRETSIZE", "secret-keysize", Source::host},
+    {"REMOTE_ADDR", "ip", Source::host},
 };
 
 // The special variables: facts that no block has. `name` is the caller's spelling, for
@@ -141,9 +149,29 @@ static const SpecialVariable* findSpecial(const char* name) {
   return nullptr;
 }
 
+// Whether only the host may say what a name stands for, however it is spelled: the
+// variables, and what the host itself calls them.
+static bool isHostsWord(const char* name) {
+  constexpr const char* kOtherWords[] = {"auth-cert", "dns"};
+  for (const EquivalentName& row : nesequivHeaders) {
+    if (row.source != Source::host) continue;
+    if (isSpellingOf(name, row.variable) || isSpellingOf(name, row.hostName)) return true;
+  }
+  for (const SpecialVariable& special : kSpecialVariables)
+    if (isSpellingOf(name, special.name)) return true;
+  for (const char* word : kOtherWords)
+    if (isSpellingOf(name, word)) return true;
+  return false;
+}
+
+// The spelling in which variables are asked for; a header is hardly ever written so.
+static bool isVariableSpelling(const char* name) {
+  return std::strpbrk(name, "abcdefghijklmnopqrstuvwxyz-") == nullptr;
+}
+
 // The client's headers come last: a client must not overrule what the host knows of
 // the request. An empty value counts as none, so that it can't hide one further on.
-const char* getOtherHeader(vesk_request* req, const char* name) {
+static const char* searchBlocks(vesk_request* req, const char* name, Source source) {
   const Request* rq = requestOf(req);
   const struct {
     pblock* block;
@@ -151,7 +179,7 @@ const char* getOtherHeader(vesk_request* req, const char* name) {
   } places[] = {{rq->reqpb, "rq->reqpb"},
                 {rq->vars, "rq->vars"},
                 {sessionOf(req)->client, "sn->client"},
-                {rq->headers, "rq->headers"}};
+                {source == Source::host ? nullptr : rq->headers, "rq->headers"}};
   for (const auto& place : places) {
     const char* value = place.block ? pblock_findval(name, place.block) : nullptr;
     if (!value || !*value) continue;
@@ -162,60 +190,82 @@ const char* getOtherHeader(vesk_request* req, const char* name) {
   return nullptr;
 }
 
+const char* getOtherHeader(vesk_request* req, const char* name) {
+  return searchBlocks(req, name, Source::anyone);
+}
+
+// A variable on its way through the spellings. All are as long as the name, so one
+// buffer serves them in turn: `work`, which begins in upper case with underscores.
+struct Search {
+  vesk_request* req;
+  const char* name;  // as the caller spells it
+  char* work;
+  Source source;
+};
+
+static const char* searchWork(const Search& search) {
+  return searchBlocks(search.req, search.work, search.source);
+}
+
 // The rows are few next to the parameters that each search of the blocks goes through.
-static const char* findEquivalent(vesk_request* req, const char* variable) {
+static const char* findEquivalent(const Search& search) {
   for (const EquivalentName& row : nesequivHeaders) {
-    if (std::strcmp(row.variable, variable) == 0)
-      return getOtherHeader(req, row.hostName);
+    if (std::strcmp(row.variable, search.work) == 0)
+      return searchBlocks(search.req, row.hostName, search.source);
   }
   return nullptr;
 }
 
-// Searches the blocks in every spelling. `work` holds the name in upper case with
-// underscores, and is used up. The spelling of CGI comes first, and with it the host's
-// own name for the same thing: else a client's header in another spelling would win.
-static const char* searchSpellings(vesk_request* req, const char* name, char* work) {
-  const char* value = getOtherHeader(req, work);
-  if (!value) value = findEquivalent(req, work);
+// Searches the blocks in every spelling. The spelling of CGI comes first, and with it the
+// host's own name for the same thing: else a client's header in another spelling would
+// win.
+static const char* searchSpellings(const Search& search) {
+  const char* value = searchWork(search);
+  if (!value) value = findEquivalent(search);
   if (value) return value;
 
-  fromUnderscoresToDashes(req, work);
-  value = getOtherHeader(req, work);
+  fromUnderscoresToDashes(search.req, search.work);
+  value = searchWork(search);
   if (value) return value;
 
-  toLowerCaseWithDashes(req, name, work);
-  value = getOtherHeader(req, work);
+  toLowerCaseWithDashes(search.req, search.name, search.work);
+  value = searchWork(search);
   if (value) return value;
 
-  fromDashesToUnderscores(req, work);
-  return getOtherHeader(req, work);
+  fromDashesToUnderscores(search.req, search.work);
+  return searchWork(search);
 }
 
-static const char* resolve(vesk_request* req, const char* name, char* work) {
-  toUpperCaseWithUnderscores(req, name, work);
-  const SpecialVariable* special = findSpecial(work);
-  if (!special) return searchSpellings(req, name, work);
+static const char* resolve(const Search& search) {
+  toUpperCaseWithUnderscores(search.req, search.name, search.work);
+  const SpecialVariable* special = findSpecial(search.work);
+  if (!special) return searchSpellings(search);
 
-  const char* value = special->value(req, name);
+  const char* value = special->value(search.req, search.name);
   if (value || special->value != remoteHost) return value;
   // A client without a name is named by its address; the names are equally long.
   static_assert(sizeof "REMOTE_HOST" == sizeof "REMOTE_ADDR");
-  std::memcpy(work, "REMOTE_ADDR", sizeof "REMOTE_ADDR");
-  return searchSpellings(req, name, work);
+  std::memcpy(search.work, "REMOTE_ADDR", sizeof "REMOTE_ADDR");
+  return searchSpellings(search);
+}
+
+// The client's header of exactly that spelling: a server that asks in the client's own
+// spelling wants that header, also where the name means something here.
+static const char* findAsSent(vesk_request* req, const char* name) {
+  const Request* rq = requestOf(req);
+  const char* sent = rq && rq->headers ? pblock_findval(name, rq->headers) : nullptr;
+  if (sent) req->trace(req, "   %.100s: %.200s", name, sent);
+  return sent;
 }
 
 const char* getHeader(vesk_request* req, const char* name) {
-  const Request* rq = requestOf(req);
-  // As spelled by the caller, and before all else: a server that asks for a header in the
-  // client's own spelling wants that header, also where the name means something here.
-  const char* sent = rq && rq->headers ? pblock_findval(name, rq->headers) : nullptr;
-  if (sent) {
-    req->trace(req, "   %.100s: %.200s", name, sent);
-    return sent;
-  }
-  // All spellings are as long as the name, so one buffer serves them in turn.
+  const bool hosts = guarded(req, Guard::identity) && isHostsWord(name);
+  const bool variable = hosts && isVariableSpelling(name);
+  const char* sent = variable ? nullptr : findAsSent(req, name);
+  if (sent) return sent;
   const RequestBlock work{req, newBlock(req, textLength(name) + 1)};
-  return work.bytes ? resolve(req, name, work.bytes) : nullptr;
+  if (!work.bytes) return nullptr;
+  return resolve({req, name, work.bytes, hosts ? Source::host : Source::anyone});
 }
 
 char* getRealPath(vesk_request* req, const char* uri) {

@@ -10,7 +10,9 @@
 
 // The value of a variable or request header, or null. A client header of exactly
 // that spelling comes first, then the variables with a meaning of their own, then
-// the blocks, in the spellings that occur.
+// the blocks, in the spellings that occur. With the guard `identity` what the host alone
+// can know (who the user is, say) never comes from a header, unless one is asked for
+// under its own name; REMOTE_USER and the like, in capitals, name no header.
 [[nodiscard]] const char* getHeader(vesk_request* req, const char* name);
 
 // Searches the host's four blocks for a value that is not empty.

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "context/guards.h"
 #include "failing_host.h"
 #include "nsapi/fix_uri.h"
 #include "nsapi/nsapi_request.h"
@@ -67,6 +68,42 @@ TEST_F(RequestTest, variablesResolveInOrder) {
   host.client.globals.Vsecurity_active = 1;
   host.client.dnsName = "eve.example";
   EXPECT_EQ(variable("HTTPS") + variable("REMOTE_HOST"), "ONeve.example");
+}
+
+// The client sends every word of the host's in some spelling, and the host knows nothing
+// of its own but the query and the address.
+TEST_F(RequestTest, hostsWordsComeFromHeadersOnlyWithoutTheGuard) {
+  put(host.request.vars, {{"auth-user", nullptr}});
+  put(host.request.session.client, {{"ip", nullptr}});
+  put(host.request.headers,
+      {{"auth-user", "h1"}, {"remote-user", "h2"}, {"auth_type", "h3"}});
+  put(host.request.headers, {{"path-info", "h4"}, {"remote_host", "h5"}, {"ip", "h6"}});
+  put(host.request.headers,
+      {{"query", "h7"}, {"QUERY-STRING", "h8"}, {"SERVER_PORT", "h9"}, {"uri", "h10"}});
+  put(host.request.headers, {{"keysize", "h11"}, {"content-length", "12"}});
+  const char* const rows[][4] = {
+      {"REMOTE_USER", "h1", "<null>", "by the host's name"},
+      {"Remote-User", "h1", "<null>", "in another spelling than the client's"},
+      {"AUTH_USER", "h1", "<null>", "the host's name, spelled as a variable"},
+      {"auth-user", "h1", "h1", "the header of that name"},
+      {"remote-user", "h2", "h2", "the header of that name"},
+      {"AUTH_TYPE", "h3", "<null>", "lower case with underscores"},
+      {"PATH_INFO", "h4", "<null>", "by the host's name"},
+      {"PATH_TRANSLATED", "<null>", "<null>", "of the path-info that the host has"},
+      {"REMOTE_HOST", "h6", "<null>", "by way of the address"},
+      {"QUERY_STRING", "a=1", "a=1", "what the host knows wins"},
+      {"SERVER_PORT", "h9", "8080", "a header spelled as the variable"},
+      {"SCRIPT_NAME", "/app/x", "/app/x", "what the host knows wins"},
+      {"HTTPS_KEYSIZE", "h11", "<null>", "a fact of the connection"},
+      {"CONTENT_LENGTH", "12", "12", "a header and nothing else"},
+      {"HOST", "h:1", "h:1", "a header and nothing else"},
+  };
+  for (const auto& [name, without, with, why] : rows) {
+    req->guards = kNoGuards;
+    EXPECT_EQ(variable(name), without) << why;
+    req->guards = 1U << static_cast<std::uint32_t>(Guard::identity);
+    EXPECT_EQ(variable(name), with) << why;
+  }
 }
 
 TEST_F(RequestTest, variablesWithoutMemoryAreNull) {
