@@ -18,7 +18,8 @@ constexpr std::string_view kDegrees[] = {"warning", "misconfiguration", "securit
                                          "failure", "catastrophe",      "info",
                                          "verbose"};
 
-std::string_view degreeWord(int degree) {
+// The word of a degree of log_error.
+static std::string_view degreeWord(int degree) {
   bool known = degree >= 0 && degree < static_cast<int>(std::size(kDegrees));
   return known ? kDegrees[degree] : "failure";
 }

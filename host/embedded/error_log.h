@@ -31,7 +31,4 @@ class ErrorLog {
   int file_ = 2;
 };
 
-// The word of a degree of log_error.
-[[nodiscard]] std::string_view degreeWord(int degree);
-
 }  // namespace host

@@ -49,7 +49,8 @@ constexpr TypeRow kTypes[] = {
     {"mp4", "video/mp4"},
 };
 
-std::string_view contentType(std::string_view path) {
+// The content type that the ending of a file name stands for.
+static std::string_view contentType(std::string_view path) {
   std::size_t dot = path.find_last_of("./");
   std::string_view ending;
   if (dot != std::string_view::npos && path[dot] == '.') ending = path.substr(dot + 1);

@@ -5,7 +5,6 @@
 #pragma once
 
 #include <string>
-#include <string_view>
 
 #include "layer/request.h"
 
@@ -20,8 +19,5 @@ void sendErrorPage(HostRequest* request, int status, const char* reason);
 // there is none, 405 for another method than GET and HEAD. False when the file
 // ended before its time. REQUIRES: no response was started.
 [[nodiscard]] bool sendStaticFile(HostRequest* request, const std::string& path);
-
-// The content type that the ending of a file name stands for.
-[[nodiscard]] std::string_view contentType(std::string_view path);
 
 }  // namespace host

@@ -2,7 +2,6 @@
 
 #include <apr_strings.h>
 #include <http_core.h>
-#include <http_log.h>
 #include <http_protocol.h>
 #include <http_request.h>
 #include <http_ssl.h>
@@ -11,12 +10,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "httpd/mod_nsapi.h"
-#include "httpd/process.h"
+#include "httpd/log.h"
 #include "httpd/response.h"
 #include "layer/status.h"
-
-APLOG_USE_MODULE(nsapi);
 
 // The macros of APR's rings, which brigades are, cast a volatile away.
 #pragma GCC diagnostic ignored "-Wcast-qual"
@@ -188,8 +184,7 @@ conf_global_vars_s* HttpdExchange::settings() {
 
 void HttpdExchange::log(int degree, const char* function, HostRequest*,
                         const char* message) {
-  ap_log_rerror(APLOG_MARK, logLevel(degree), 0, r_, "%s%s%s", function,
-                blankBehind(function), message);
+  logLine(r_, degree, function, message);
 }
 
 }  // namespace host

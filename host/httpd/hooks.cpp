@@ -12,9 +12,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "httpd/child.h"
 #include "httpd/config.h"
 #include "httpd/mod_nsapi.h"
-#include "httpd/process.h"
 #include "httpd/request.h"
 #include "httpd/response.h"
 #include "layer/judge.h"

@@ -1,4 +1,6 @@
-#include "httpd/process.h"
+#include "httpd/child.h"
+
+#include <httpd.h>
 
 #include <apr_strings.h>
 #include <http_config.h>
@@ -8,11 +10,11 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
-#include <iterator>
+#include <exception>
 #include <string>
 
 #include "httpd/config.h"
+#include "httpd/log.h"
 #include "httpd/mod_nsapi.h"
 #include "layer/process_settings.h"
 #include "layer/restart_callbacks.h"
@@ -20,11 +22,6 @@
 APLOG_USE_MODULE(nsapi);
 
 namespace host {
-
-// By degree: LOG_WARN to LOG_VERBOSE. What a plug-in reports of itself is a
-// notice, as httpd's own lines about its start are.
-constexpr int kLevels[] = {APLOG_WARNING, APLOG_ERR,    APLOG_ERR,  APLOG_ERR,
-                           APLOG_CRIT,    APLOG_NOTICE, APLOG_DEBUG};
 
 static std::atomic<int> runningStages{0};
 
@@ -39,19 +36,8 @@ RunningStage::~RunningStage() {
   --runningStages;
 }
 
-int logLevel(int degree) {
-  bool known = degree >= 0 && degree < static_cast<int>(std::size(kLevels));
-  return known ? kLevels[degree] : APLOG_ERR;
-}
-
-const char* blankBehind(const char* function) {
-  std::size_t size = std::strlen(function);
-  return size == 0 || function[size - 1] == ' ' ? "" : " ";
-}
-
 static void logOutsideRequest(int degree, const char* function, const char* message) {
-  ap_log_error(APLOG_MARK, logLevel(degree), 0, logServer.load(), "%s%s%s", function,
-               blankBehind(function), message);
+  logLine(logServer.load(), degree, function, message);
 }
 
 // The functions of a server's lines see its name and port.

@@ -1,11 +1,10 @@
-// What the module does for a process: start-up and end of a child, and the log
-// lines that belong to no request.
+// A child process of httpd: its start, and its end while requests may still run.
 //
-// Threads: any, but for nsapiStartChild (mod_nsapi.h). Locks: none.
+// Ownership: a RunningStage belongs to the stack frame of one hook.
+// Threads: any; nsapiStartChild (mod_nsapi.h) on the one that the child begins
+// with. No lock: requests in progress are counted atomically.
 // Errors: a child whose Init functions fail ends, and httpd with it.
 #pragma once
-
-#include <httpd.h>
 
 #include "layer/request.h"
 
@@ -23,11 +22,5 @@ class RunningStage {
  private:
   RunningRequest running_;
 };
-
-// The level of httpd's log for a degree of log_error.
-[[nodiscard]] int logLevel(int degree);
-
-// A blank, where a function's name doesn't bring its own, or nothing.
-[[nodiscard]] const char* blankBehind(const char* function);
 
 }  // namespace host
