@@ -70,6 +70,8 @@ ClusterFile::Stamp ClusterFile::stampOf(const std::string& path) {
   return {info.st_mtim, info.st_size, info.st_ino, error};
 }
 
+// Time alone would miss a second change within the clock's step, size and inode
+// alone one that keeps them.
 bool ClusterFile::same(const Stamp& a, const Stamp& b) {
   return a.modified.tv_sec == b.modified.tv_sec &&
          a.modified.tv_nsec == b.modified.tv_nsec && a.size == b.size &&

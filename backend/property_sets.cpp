@@ -14,6 +14,8 @@ static bool isKey(std::string_view key) {
          key.find('=', 1) == std::string_view::npos;
 }
 
+// A backslash is an escape in values alone: whoever reads a line takes its key
+// as it stands.
 void appendProperty(std::string& text, std::string_view key, std::string_view value) {
   if (!isKey(key)) throw std::invalid_argument("not a property key");
   if (value.find_first_of(kLineEnds) != std::string_view::npos) {

@@ -95,6 +95,8 @@ static Listener openListener(const std::string& host, int port) {
   return {fd, ntohs(address.sin_port)};
 }
 
+// Without a thread the connection ends, and the server goes on after a while: the
+// threads that are there may have ended by then.
 static void startThread(const std::shared_ptr<Server>& server, int fd,
                         const std::string& peer) {
   try {
@@ -106,6 +108,8 @@ static void startThread(const std::shared_ptr<Server>& server, int fd,
   }
 }
 
+// The listener doesn't block: a client that is gone again between ppoll and
+// accept must not keep the loop from its signal.
 static void acceptOne(const std::shared_ptr<Server>& server, int listener) {
   sockaddr_in address{};
   socklen_t length = sizeof(address);

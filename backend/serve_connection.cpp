@@ -29,6 +29,8 @@ static std::optional<std::string> propertySet(Server& server, const std::string&
   return cluster ? clusteredServers(cluster->servers) : clusteredServers({local});
 }
 
+// The list of servers is looked up once: its number and its members must be of
+// the same state, or the peer would keep old members under the new number.
 static void answerProps(Server& server, Connection& connection) {
   const std::string name = connection.readText(kMaxSetName);
   const auto cluster = server.cluster.current();
@@ -71,6 +73,8 @@ static void answer(Server& server, Connection& connection, std::int32_t command)
   }
 }
 
+// A ping opens no conversation and gets no answer: that this side is still
+// there is all that the peer wants to know.
 static void serveUntilClosed(Server& server, Connection& connection, int fd) {
   while (connection.waitForByte()) {
     const std::int32_t command = connection.readWord();

@@ -56,6 +56,8 @@ std::string sessionIdText(const SessionId& session) {
   return text;
 }
 
+// Strict, since an id that is adopted goes out again in a Set-Cookie header and
+// is kept in memory.
 std::optional<SessionId> parseSessionId(std::string_view text) {
   if (text.size() <= kRepIdLength || text.size() > kMaxSessionText) return std::nullopt;
   if (!isHeaderSafe(text)) return std::nullopt;
@@ -84,6 +86,7 @@ static std::string_view cookieIn(std::string_view header) {
   return {};
 }
 
+// The web server's side may hand on what stands behind the id in a URI.
 static std::string_view cutAtEnd(std::string_view text) {
   return text.substr(0, text.find_first_of(";, \t\"/?&"));
 }

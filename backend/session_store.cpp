@@ -2,6 +2,9 @@
 
 namespace backend {
 
+// The list is in the order of use and the map points into it, so that using one
+// and forgetting the oldest take the same time however many there are. A list's
+// nodes stay where they are when they are moved to the front.
 std::int64_t SessionStore::use(const std::string& id) {
   const std::lock_guard guard(lock_);
   const auto found = byId_.find(id);

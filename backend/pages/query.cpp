@@ -4,7 +4,8 @@
 
 namespace backend {
 
-// Takes one character off the front, which may be written as '+' or %XX.
+// Takes one character off the front, which may be written as '+' or %XX. A '%'
+// that encodes nothing stands for itself, as people mean it who type one.
 static char takeDecoded(std::string_view& text) {
   const char first = text.front();
   if (first == '%' && text.size() > 2) {

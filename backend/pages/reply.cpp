@@ -89,6 +89,7 @@ void putHead(const PageCall& call, const ReplyHead& head) {
   if (head.length) {
     lines.append("Content-Length: ").append(std::to_string(*head.length)).append("\r\n");
   }
+  // A page tells who has answered, which a copy couldn't.
   lines.append("Cache-Control: no-store\r\n");
   call.exchange.putHeaderLines(lines);
 }
@@ -97,6 +98,8 @@ void putBlock(const PageCall& call, std::string_view block) {
   if (!call.head) call.exchange.putBody(block);
 }
 
+// A status without a body has no type and no length either: a length of 0 on a
+// 304 would say that the page is empty.
 void sendReply(const PageCall& call, int status, std::string_view type,
                std::string_view body) {
   if (!hasBody(status)) {

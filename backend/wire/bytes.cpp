@@ -15,6 +15,8 @@ void appendWord(std::string& out, std::int32_t word) {
   }
 }
 
+// Judged before anything is appended: a length without its bytes would spoil all
+// that has gathered.
 void appendText(std::string& out, std::string_view text) {
   if (text.size() > kMaxWireText) throw std::length_error("text too long for the wire");
   appendWord(out, static_cast<std::int32_t>(text.size()));
@@ -38,6 +40,7 @@ std::int32_t ByteReader::word() {
   return word;
 }
 
+// The length is the peer's word, so it is judged before a view is made of it.
 std::string_view ByteReader::text() {
   const std::int32_t length = word();
   if (length < 0) {

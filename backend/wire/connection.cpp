@@ -65,6 +65,8 @@ std::string Connection::readText(std::int32_t limit) {
   return readBlock(static_cast<std::size_t>(length));
 }
 
+// The text grows with what has come, so a peer that announces much and sends
+// nothing costs no memory.
 std::string Connection::readBlock(std::size_t size) {
   std::string text;
   while (text.size() < size) {

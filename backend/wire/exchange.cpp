@@ -45,6 +45,8 @@ void Exchange::setAttribute(std::string_view name, std::string_view value) {
   flushWhenLarge();
 }
 
+// A question takes along all that has gathered: the peer answers in the order in
+// which it reads, and this side waits from here on.
 std::string Exchange::askHeader(std::string_view name) {
   appendWord(connection_.out, PROXY_GET_HEADER);
   appendText(connection_.out, name);
@@ -59,6 +61,8 @@ std::string Exchange::askRealPath(std::string_view path) {
   return connection_.readText(kMaxAnswer);
 }
 
+// A count beyond what was asked means that the two sides no longer speak of the
+// same body: whatever follows can't be trusted.
 std::int32_t Exchange::askData(std::int32_t wanted, std::string& block) {
   appendWord(connection_.out, PROXY_GET_DATA);
   appendWord(connection_.out, wanted);
@@ -94,6 +98,7 @@ void Exchange::finish() {
   flush();
 }
 
+// Nobody reads on behind these: the peer closes, and so does this side.
 void Exchange::busy() {
   appendWord(connection_.out, PROXY_BUSY);
   flush();

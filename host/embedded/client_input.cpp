@@ -146,10 +146,10 @@ void ClientInput::erase(std::size_t offset, std::size_t count) {
   end_ -= count;
 }
 
-// Brings the target of a request into the form "/path". On one that begins with a
-// server's address CivetWeb closes without an answer, unless the port is its own; so
-// it does on "*" and on other schemes, which therefore get the answer to what it can't
-// read. A line that comes in pieces is left as it is.
+// Brings the target of a request into the form "/path". On one that begins with
+// a server's address CivetWeb closes without an answer, unless the port is its
+// own; so it does on "*" and on other schemes, which therefore get the answer
+// to what it can't read. A line that comes in pieces is left as it is.
 void ClientInput::normalizeTarget() {
   constexpr std::string_view kScheme = "http://";
   std::string_view line = waiting();

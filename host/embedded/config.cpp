@@ -52,6 +52,8 @@ static std::string at(const std::string& file, int number) {
   return file + ":" + std::to_string(number);
 }
 
+// A NUL would end the text early for all who read on: plug-ins take values as
+// texts of C.
 static std::string splitLines(std::string_view text, const std::string& file,
                               std::vector<LogicalLine>* lines) {
   for (int number = 1; !text.empty(); ++number) {
@@ -83,7 +85,7 @@ static std::string valueOf(std::string_view text) {
 }
 
 static bool isAddress(const std::string& address) {
-  in6_addr binary{};
+  in6_addr binary{};  // has room for an address of either family
   if (inet_pton(AF_INET, address.c_str(), &binary) == 1) return true;
   if (address.size() < 2 || address.front() != '[' || address.back() != ']') return false;
   return inet_pton(AF_INET6, address.substr(1, address.size() - 2).c_str(), &binary) == 1;
@@ -204,6 +206,8 @@ static std::string readStage(Reader* reader, const StageName& row, std::string_v
   return reason;
 }
 
+// Web servers of this API choose among objects by a request's path. This one
+// has a single object, and says so rather than pass over the others in silence.
 static std::string readObjectStart(Reader* reader, std::string_view text,
                                    const std::string& where) {
   if (reader->inObject) return "an <Object> can't stand in another";

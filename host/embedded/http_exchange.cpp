@@ -19,6 +19,7 @@ namespace host {
 
 constexpr char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
 
+// The API's records know no const; nobody writes through this one.
 HttpExchange::HttpExchange(ServerState* server, mg_connection* connection)
     : server_(server),
       connection_(connection),

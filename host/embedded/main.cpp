@@ -60,6 +60,8 @@ static std::string enterFolder(const std::string& file) {
   return error ? folder.string() + ": " + error.message() : std::string();
 }
 
+// The file is found from where the program was started; from then on relative
+// names count from its folder, those that plug-ins open while they start, too.
 static std::string loadConfig(const std::string& file, Config* config, Stages* stages) {
   std::string text;
   std::string reason = readFile(file, &text);
@@ -122,6 +124,7 @@ static int run(const Config& config, Stages* stages) {
   sigset_t signals = blockSignals();
   std::string reason = stages->runInits();
   if (reason.empty()) reason = serveUntilStopped(&state, signals);
+  // A callback enters the sections that its plug-in has made, and may log.
   runRestartCallbacks();
   releaseCriticalSections();
   setProcessLog(nullptr);

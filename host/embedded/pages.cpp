@@ -72,7 +72,8 @@ static bool start(HostRequest* request, int status, const char* reason) {
   return startResponse(request) == REQ_PROCEED;
 }
 
-// Drops the headers that told about the response that isn't sent.
+// Drops the headers that told about the response that isn't sent: its length and
+// type would be taken for those of the page.
 static void keepErrorHeaders(pblock* headers) {
   constexpr std::string_view kKept[] = {"location", "www-authenticate", "retry-after",
                                         "allow", "set-cookie"};
@@ -105,6 +106,8 @@ static bool clientHasIt(HostRequest* request, const std::string& tag,
   return since && since == modified;
 }
 
+// The length has gone out: a file that has grown since is cut there, and one that
+// has shrunk ends the connection.
 static bool copyFile(HostRequest* request, int file, off_t size) {
   auto* block = static_cast<char*>(requestMemory(kFileBlock));
   if (!block) return false;
@@ -120,6 +123,7 @@ static bool copyFile(HostRequest* request, int file, off_t size) {
 
 static bool sendOpenFile(HostRequest* request, const std::string& path, int file,
                          const struct stat& status) {
+  // With nanoseconds, since a file may change twice in a second.
   char tag[64];
   (void)std::snprintf(
       tag, sizeof(tag), "\"%llx-%llx\"",
@@ -136,7 +140,9 @@ static bool sendOpenFile(HostRequest* request, const std::string& path, int file
   return !start(request, kOk, nullptr) || copyFile(request, file, status.st_size);
 }
 
-// A folder without its closing slash: relative links in its index need it.
+// A folder without its closing slash: relative links in its index need it. The
+// target goes back as the client wrote it, since to decode it and encode it again
+// could change it.
 static void redirectToFolder(HostRequest* request) {
   const char* line = findValue(request->reqpb, "clf-request");
   std::string_view raw = line ? line : "";
@@ -172,6 +178,8 @@ static bool isReadMethod(const HostRequest* request) {
   return method && (std::strcmp(method, "GET") == 0 || std::strcmp(method, "HEAD") == 0);
 }
 
+// The URI is judged here and not before the stages: a plug-in may serve what
+// looks evil, but no file is opened for it.
 bool sendStaticFile(HostRequest* request, const std::string& path) {
   const char* uri = findValue(request->reqpb, "uri");
   if (path.empty() || !uri || uriIsEvil(uri)) {

@@ -1,6 +1,7 @@
 // What the host answers by itself: static files and error pages.
 //
-// Threads: the one that runs the request. No lock. Errors: a failed answer ends
+// Ownership: memory comes from the request. Threads: the one that runs it; a file
+// is read on it, which may block. No lock. Errors: a failed answer ends
 // the connection; std::bad_alloc when memory is short.
 #pragma once
 

@@ -145,8 +145,10 @@ static std::vector<int> openFiles() {
   return files;
 }
 
-// CivetWeb can stop listening only together with everything else, so its sockets
-// are found among the open files.
+// CivetWeb can stop listening only together with everything else, so its
+// sockets are found among the open files. They are shut down and not closed: a
+// number that was free again could name a client's socket by the time CivetWeb
+// polls it.
 void Server::stopListening() {
   if (!context_) return;
   state_->stopping = true;

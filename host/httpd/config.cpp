@@ -123,6 +123,8 @@ void* nsapiCreateServer(apr_pool_t* pool, server_rec* server) {
   return apr_pcalloc(pool, sizeof(ServerConfig));
 }
 
+// A virtual host's Init lines are its own: the main server's have run for the
+// whole process, and would run twice.
 void* nsapiMergeServers(apr_pool_t* pool, void* base, void* own) {
   void* memory = apr_palloc(pool, sizeof(ServerConfig));
   auto* merged = static_cast<ServerConfig*>(memory);

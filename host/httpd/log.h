@@ -1,7 +1,8 @@
 // Lines of plug-ins in httpd's error log: the function's name, a blank, and the
 // message, unchanged.
 //
-// Ownership: nothing is kept. Threads: any. Errors: httpd's own log tells of none.
+// Ownership: nothing is kept. Threads: any. Errors: httpd's own log tells of
+// none.
 #pragma once
 
 #include <httpd.h>

@@ -103,6 +103,8 @@ static bool putTls(HostRequest* request, request_rec* r) {
          add(request->vars, "auth-cert", certificate);
 }
 
+// The headers are taken a second time: between the stages other modules set, add
+// and drop some.
 bool putClient(RequestState* state, request_rec* r) {
   HostRequest& request = state->request;
   request.headers = newParameters();

@@ -71,6 +71,7 @@ std::int64_t putHead(request_rec* r, const HostRequest* request) {
   return length;
 }
 
+// httpd sends an error page with the headers of the error table alone.
 void putErrorHead(request_rec* r, const HostRequest* request) {
   putStatus(r, request->status_num, request->reason);
   for (const pb_entry* entry = request->srvhdrs->ht[0]; entry; entry = entry->next) {

@@ -29,6 +29,7 @@ static Exchange* exchangeOf(SYS_NETFD socket) {
   return static_cast<Exchange*>(socket);
 }
 
+// Every Request that a plug-in is handed is the base of one of the layer's.
 static HostRequest* requestOf(Request* rq) {
   return static_cast<HostRequest*>(rq);
 }
@@ -49,6 +50,8 @@ static char* apiStrdup(const char* text) {
   return requestText(text);
 }
 
+// Permanent memory is the plain heap's: it outlives every request, and nobody but
+// the plug-in knows when it may go.
 static void* apiMallocPerm(int size) {
   return size > 0 ? std::malloc(static_cast<std::size_t>(size)) : nullptr;
 }
@@ -70,6 +73,8 @@ static bool haveInputBuffer(netbuf* buf) {
   return buf->inbuf != nullptr;
 }
 
+// Each call fills the buffer anew: what a plug-in has not taken is gone, as the
+// API has it.
 static int apiNetbufGrab(netbuf* buf, int size) {
   if (!buf || !buf->sd || size <= 0 || !haveInputBuffer(buf)) return -1;
   int count = exchangeOf(buf->sd)->readBody(buf->inbuf, std::min(size, buf->maxsize));
@@ -105,6 +110,7 @@ static int apiGetPeerName(SYS_NETFD socket, struct sockaddr* address, int* size)
   return 0;
 }
 
+// An empty block stops here: in a chunked body it would be the end.
 static int apiNetWrite(SYS_NETFD socket, const char* buffer, int size) {
   if (!socket || !buffer || size < 0) {
     errno = EINVAL;
@@ -153,6 +159,8 @@ static conf_global_vars_s* apiGlobals() {
   return request ? request->exchange->settings() : processSettings();
 }
 
+// A second head would go out in the middle of the body, and a request that was
+// made to translate a URI has nobody to answer.
 static int apiStartResponse(Session* sn, Request* rq) {
   if (!sn || !rq) return REQ_ABORTED;
   HostRequest* request = requestOf(rq);
@@ -185,6 +193,8 @@ static void apiStatus(Session*, Request* rq, int status, const char* reason) {
   requestOf(rq)->reason = reason ? onOneLine(reason) : nullptr;
 }
 
+// A plug-in may log without a request; the line then goes where those of the
+// thread's request go.
 static void logMessage(int degree, const char* function, Request* rq,
                        const char* message) {
   HostRequest* request = rq ? requestOf(rq) : currentRequest();
@@ -201,7 +211,7 @@ static void logMessage(int degree, const char* function, Request* rq,
   char line[kLogLineSize];
   va_list arguments;
   va_start(arguments, format);
-  va_list again;
+  va_list again;  // for a line that must be formatted a second time
   va_copy(again, arguments);
   int size = std::vsnprintf(line, sizeof(line), format, arguments);
   char* longLine = nullptr;

@@ -5,8 +5,9 @@
 // The web server splits its configuration into directives; the layer reads the
 // parameters, finds the functions and runs them.
 //
-// Threads: while the configuration is read, one. Errors: a text for the person
-// who wrote the line, without file and line number; empty for success.
+// Ownership: texts are copied. Threads: while the configuration is read, one.
+// Errors: a text for the person who wrote the line, without file and line
+// number; empty for success.
 #pragma once
 
 #include <string>

@@ -14,8 +14,8 @@
 
 namespace host {
 
-// More than any honest request or response carries. A block that has reached
-// it takes no further parameter, so that no peer can fill the memory; the log says
+// More than any honest request or response carries. A block that has reached it
+// takes no further parameter, so that no peer can fill the memory; the log says
 // so once a request.
 constexpr int kMaxParameters = 4096;
 

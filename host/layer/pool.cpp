@@ -46,6 +46,7 @@ void* allocateUnpooled(std::int64_t size) {
   return block ? block + 1 : nullptr;
 }
 
+// A block without a predecessor is the first of its pool, or of none.
 void releasePoolBlock(void* bytes) {
   if (!bytes) return;
   PoolBlock* block = static_cast<PoolBlock*>(bytes) - 1;

@@ -12,6 +12,8 @@ HostRequest* currentRequest() {
   return threadRequest;
 }
 
+// Web servers run one request inside another, to find an index file or to
+// translate a URI: when that has ended, the outer one is the thread's again.
 RunningRequest::RunningRequest(HostRequest* request) : outer_(threadRequest) {
   threadRequest = request;
 }

@@ -45,6 +45,8 @@ void Stages::add(Stage stage, Directive directive) {
   stages_[static_cast<int>(stage)].push_back(Line{.directive = std::move(directive)});
 }
 
+// No request runs while the configuration is read, so the block is the heap's,
+// and lasts until it is freed.
 static pblock* blockOf(const Directive& directive) {
   pblock* block = newParameters();
   for (const auto& [name, value] : directive.parameters) {
@@ -157,6 +159,8 @@ bool Stages::applies(const Line& line, Stage stage, const Request* rq) {
   return method && patternMatches(line.method, method);
 }
 
+// A function that has done its part without a decision gives REQ_NOACTION, so the
+// search goes on behind it.
 int Stages::runStage(Stage stage, Session* sn, Request* rq) const {
   for (const Line& line : stages_[static_cast<int>(stage)]) {
     if (!applies(line, stage, rq)) continue;
@@ -171,6 +175,8 @@ char* pathOf(const pblock* vars) {
   return path ? path : findValue(vars, "path");
 }
 
+// The scratch request isn't the thread's: what its functions allocate comes from
+// the pool of the one that asks, so the path outlives it.
 char* Stages::translate(const char* uri, Session* sn) const {
   HostRequest scratch;
   if (!openRequest(&scratch, static_cast<Exchange*>(sn->csd))) return nullptr;
