@@ -6,6 +6,8 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "context/guards.h"
+#include "context/privacy.h"
 #include "nsapi/host_objects.h"
 
 // Bytes of a line, with the NUL. The frame holds it: a log line must come out when
@@ -28,6 +30,8 @@ void setLogLevel(std::int32_t level) {
   // Half a line tells more than none.
   if (length < 0) text[kLogTextSize] = '\0';
   if (length >= 0 && text[0] == '\0') return;
+  // Here, where all lines pass: a URI with a session's id may stand in any of them.
+  if (guarded(req, Guard::privacy)) hideSessionIds(text);
 
   const std::int32_t degree = std::atomic_ref(loglevel).load(std::memory_order_relaxed);
   // As an argument, not as the format: the text holds what peers sent.
@@ -49,13 +53,31 @@ void WriteToLogE(vesk_request* req, std::uint64_t flags, const char* format, ...
   va_end(args);
 }
 
+// A block as its host writes it, with secrets covered; what doesn't fit is left out.
+static const char* coveredText(const vesk_request* req, const pblock* block, char* text) {
+  BlockWalk walk{block, 0, nullptr};
+  int used = 0;
+  text[0] = '\0';
+  while (const pb_param* param = used < kLogTextSize ? nextParameter(&walk) : nullptr)
+    used += std::snprintf(text + used, static_cast<std::size_t>(kLogTextSize - used),
+                          "%s%s=\"%s\"", used > 0 ? " " : "", param->name,
+                          shownValue(req, param->name, param->value));
+  return text;
+}
+
+// The host's text is request memory, which it takes back by itself.
+static const char* blockText(const vesk_request* req, pblock* block, char* buffer) {
+  return guarded(req, Guard::privacy) ? coveredText(req, block, buffer)
+                                      : pblock_pblock2str(block, nullptr);
+}
+
 void dumpHeaders(vesk_request* req, const char* label) {
   // Through `log`, so that a dump doesn't need `verbose` as well; hence the test here.
   if ((veskEnabledTraceFlags & kTraceDump) == 0) return;
   const Request* rq = requestOf(req);
-  // The texts are request memory, which the host takes back by itself.
-  const char* vars = pblock_pblock2str(rq->vars, nullptr);
+  char buffer[kLogTextSize];
+  const char* vars = blockText(req, rq->vars, buffer);
   if (vars) req->log(req, "%s: vars: %s", label, vars);
-  const char* headers = pblock_pblock2str(rq->srvhdrs, nullptr);
+  const char* headers = blockText(req, rq->srvhdrs, buffer);
   if (headers && *headers) req->log(req, "%s: srvhdrs: %s", label, headers);
 }

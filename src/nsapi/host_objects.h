@@ -21,6 +21,18 @@
 // Whether a content type marks a request for the connector; null does not.
 [[nodiscard]] bool isInternalType(const char* type);
 
+// One pass over a block. The API has no function that lists one; its records are
+// published, and every host has them in this form.
+struct BlockWalk {
+  const pblock* block;  // null: an empty one
+  int bucket;           // the next one; 0 at the begin
+  const pb_entry* entry;
+};
+
+// The next parameter, in the host's order; null at the end. The block may not change
+// during the pass.
+[[nodiscard]] const pb_param* nextParameter(BlockWalk* walk);
+
 // Removes the first parameter of that name and releases it; nothing happens where
 // there is none.
 void dropParameter(const char* name, pblock* block);

@@ -7,6 +7,7 @@
 
 #include "context/guards.h"
 #include "context/memory.h"
+#include "context/privacy.h"
 #include "context/request_block.h"
 #include "context/spelling.h"
 #include "context/text.h"
@@ -183,7 +184,8 @@ static const char* searchBlocks(vesk_request* req, const char* name, Source sour
   for (const auto& place : places) {
     const char* value = place.block ? pblock_findval(name, place.block) : nullptr;
     if (!value || !*value) continue;
-    req->trace(req, "   %.100s: %.200s [Found in: %s]", name, value, place.label);
+    req->trace(req, "   %.100s: %.200s [Found in: %s]", name,
+               shownValue(req, name, value), place.label);
     return value;
   }
   req->trace(req, "   %.100s: [not found]", name);
@@ -254,7 +256,7 @@ static const char* resolve(const Search& search) {
 static const char* findAsSent(vesk_request* req, const char* name) {
   const Request* rq = requestOf(req);
   const char* sent = rq && rq->headers ? pblock_findval(name, rq->headers) : nullptr;
-  if (sent) req->trace(req, "   %.100s: %.200s", name, sent);
+  if (sent) req->trace(req, "   %.100s: %.200s", name, shownValue(req, name, sent));
   return sent;
 }
 

@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "context/memory.h"
+#include "context/privacy.h"
 #include "context/request_block.h"
 #include "context/text.h"
 #include "nsapi/host_objects.h"
@@ -46,7 +47,7 @@ using HeaderTreatment = void (*)(vesk_request* req, const char* name, const char
 
 // Each is a header by itself, and can't be joined with another.
 static void insertCookie(vesk_request* req, const char* name, const char* value) {
-  req->trace(req, "   (insert)  %s: %.200s", name, value);
+  req->trace(req, "   (insert)  %s: %.200s", name, shownValue(req, name, value));
   (void)pblock_nvinsert("set-cookie", value, requestOf(req)->srvhdrs);
 }
 
@@ -114,7 +115,7 @@ static void replaceContentType(vesk_request* req, const char* /*name*/,
 
 static void replaceOther(vesk_request* req, const char* name, const char* value) {
   replaceHeader(requestOf(req)->srvhdrs, name, value);
-  req->trace(req, "   (replace) %.80s: %.200s", name, value);
+  req->trace(req, "   (replace) %.80s: %.200s", name, shownValue(req, name, value));
 }
 
 struct HeaderRow {

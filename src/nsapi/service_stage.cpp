@@ -25,30 +25,17 @@ static int checkUri(vesk_request* req) {
   return REQ_ABORTED;
 }
 
-// The API has no function that lists a block; its records are published, and every
-// host has them in this form.
-
-// One bucket of the client's headers: how many there are. With `names` and
-// `values` it stores them there.
-static std::int64_t walkBucket(const pb_entry* entry, const char** names,
-                               const char** values) {
-  std::int64_t count = 0;
-  for (; entry; entry = entry->next, ++count) {
-    if (!names) continue;
-    names[count] = entry->param->name;
-    values[count] = entry->param->value;
-  }
-  return count;
-}
-
-// The same for all buckets, in the host's order. A request without a block has
-// no headers.
+// Counts the client's headers, and with `names` and `values` stores them there. A request
+// without a block has no headers.
 static std::int64_t walkHeaders(const pblock* headers, const char** names,
                                 const char** values) {
+  BlockWalk walk{headers, 0, nullptr};
   std::int64_t count = 0;
-  for (int bucket = 0; headers && bucket < headers->hsize; ++bucket)
-    count += walkBucket(headers->ht[bucket], names ? names + count : nullptr,
-                        names ? values + count : nullptr);
+  for (; const pb_param* param = nextParameter(&walk); ++count) {
+    if (!names) continue;
+    names[count] = param->name;
+    values[count] = param->value;
+  }
   return count;
 }
 

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "context/guards.h"
 #include "failing_host.h"
 #include "nsapi/host_log.h"
 #include "nsapi/nsapi_request.h"
@@ -13,6 +14,7 @@ using testing::ElementsAre;
 class HostServices : public testing::Test {
  protected:
   ~HostServices() override {
+    veskNSAPIVerbose = 0;
     veskEnabledTraceFlags = 0;
     veskUseApiAlloc = 0;
   }
@@ -63,6 +65,30 @@ TEST_F(HostServices, dumpShowsVariablesAndHeadersThatAreThere) {
   EXPECT_THAT(host.client.lines,
               ElementsAre("5|veskNSAPI[4711] |here: vars: ",
                           "5|veskNSAPI[4711] |there: srvhdrs: b=\"2\""));
+}
+
+TEST_F(HostServices, secretsAreInTheLogOnlyWithoutTheGuard) {
+  veskNSAPIVerbose = 1;
+  veskEnabledTraceFlags = kTraceDump;
+  for (pblock* block : {host.request.vars, host.request.srvhdrs, host.request.headers})
+    for (const char* name : {"cookie", "Set-Cookie", "authorization"})
+      FailingHost::set(block, name, "JSESSIONID=0123SECRET; auth=SECRET");
+  FailingHost::set(host.request.vars, "path", "/docs;JSESSIONID=0123SECRETS");
+  for (const bool on : {false, true}) {
+    host.client.lines.clear();
+    vesk_request* req = fill();
+    req->guards = on ? kAllGuards : kNoGuards;
+    dumpHeaders(req, "here");
+    for (const char* name : {"cookie", "AUTHORIZATION"}) (void)req->getHeader(req, name);
+    for (const char* name : {"set-cookie", "Authorization"})
+      req->addHeader(req, name, "SECRET");
+    EXPECT_EQ(host.client.logged("SECRET"), on ? 0 : 6);
+    EXPECT_EQ(host.client.lines.size(), 7U);
+    EXPECT_EQ(
+        host.client.logged("here: vars: cookie=\"***\" Set-Cookie=\"***\" "
+                           "authorization=\"***\" path=\"/docs;JSESSIONID=0123SECR...\""),
+        on ? 1 : 0);
+  }
 }
 
 TEST_F(HostServices, memoryFollowsTheOptionAndReportsWhatItCannotDo) {
