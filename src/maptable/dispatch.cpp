@@ -1,12 +1,13 @@
 #include "maptable/dispatch.h"
 
-#include <algorithm>
 #include <cerrno>
 
 #include "context/text.h"
 #include "context/vesk_error.h"
 #include "context/vesk_mutex.h"
 #include "maptable/cluster_update.h"
+#include "maptable/failed_list.h"
+#include "maptable/last_ditch.h"
 #include "maptable/membership.h"
 #include "maptable/selection.h"
 #include "maptable/vesk_session.h"
@@ -21,15 +22,24 @@ struct Dispatch {
   vesk_request* req;
   const char* extra;
   std::int32_t index;
-  bool filtered;          // the index was found here
   const proxyList* list;  // of the mapping, once it is known
-  veskProxy* failedTargets[kFailedTargets];
-  bool repeated;       // a server that is gone was chosen a second time
-  veskProxy* untried;  // the server of the next attempt, if it is known already
+  veskProxy* proxy;       // the server of the last attempt, once one was chosen
+  bool untriedOnly;       // a server that is gone was chosen a second time
+  failedList failed;
 };
 
+// What the search for the server of an attempt came to.
+enum class Search {
+  found,        // in `proxy`
+  nobody,       // no server of the mapping can serve
+  noneUntried,  // none that this request hasn't asked; the last failure stands
+  noMapping,    // the index is that of no mapping
+};
+
+// What a failed attempt leads to.
+enum class Verdict { tryAgain, giveUp };
+
 static bool findMapping(Dispatch* dispatch) {
-  dispatch->filtered = true;
   dispatch->index =
       dispatch->table->filterRequest(dispatch->table, dispatch->req, /*honour=*/0);
   if (dispatch->index >= 0) return true;
@@ -37,10 +47,10 @@ static bool findMapping(Dispatch* dispatch) {
   return false;
 }
 
-// Whether the index is that of a mapping. It came from outside, so it may be any
-// number. Once its list is known the request stays with that mapping: others that
-// are merged in front of it between two attempts only move it up.
-// REQUIRES: tableMutex.
+// Whether the index is that of a mapping. It may have come from outside, as any number;
+// one that was found here always is, since mappings never go. Once its list is known the
+// request stays with that mapping: others that are merged in front of it between two
+// attempts only move it up. REQUIRES: tableMutex.
 static bool locateMapping(Dispatch* dispatch) {
   const mappingsTable* table = dispatch->table;
   const std::int32_t count = table->mappings->count;
@@ -52,33 +62,40 @@ static bool locateMapping(Dispatch* dispatch) {
   return dispatch->index < count;
 }
 
-// The server of the next attempt in `proxy`, or null there when none can serve;
-// false when there is no such mapping. REQUIRES: tableMutex.
-static bool chooseProxyLocked(Dispatch* dispatch, veskProxy** proxy) {
+// By the algorithm, after the last resort of a mapping that has no active server.
+// REQUIRES: tableMutex.
+static Search chooseByBalance(Dispatch* dispatch) {
   mappingsTable* table = dispatch->table;
   vesk_request* req = dispatch->req;
-  if (!locateMapping(dispatch)) return false;
-  req->deferError = isClustered(table) ? 1 : 0;
-  if (dispatch->untried) {
-    *proxy = dispatch->untried;
-    dispatch->untried = nullptr;
-    return true;
-  }
   const mappingBalance* balance = table->mappingBalances[dispatch->index];
   if (isClustered(table) && balance->anyActive == 0) {
-    if (lastDitchFindReachableServer(table, req, dispatch->index,
-                                     dispatch->failedTargets) != 0)
-      return true;
-    if (!locateMapping(dispatch)) return false;
+    if (lastDitchFindReachableServer(table, req, dispatch->index, &dispatch->failed) != 0)
+      return Search::nobody;
+    // What has joined meanwhile may have moved the mapping.
+    if (!locateMapping(dispatch)) return Search::noMapping;
   }
-  *proxy = selectProxy(table, req, dispatch->index);
-  return true;
+  veskProxy* proxy = selectProxy(table, req, dispatch->index);
+  if (!proxy) return Search::nobody;
+  dispatch->proxy = proxy;
+  return Search::found;
 }
 
-static bool chooseProxy(Dispatch* dispatch, veskProxy** proxy) {
+// REQUIRES: tableMutex.
+static Search chooseAmongUntried(Dispatch* dispatch) {
+  veskProxy* proxy = selectUntried(dispatch->list, dispatch->failed);
+  if (!proxy) return Search::noneUntried;
+  dispatch->proxy = proxy;
+  return Search::found;
+}
+
+// Looks for the server of the next attempt. Whether that may keep its failure from the
+// browser is asked anew each time: a table can become a cluster between two attempts.
+static Search chooseProxy(Dispatch* dispatch) {
   mappingsTable* table = dispatch->table;
   const SyncGuard guard(dispatch->req, &table->tableMutex, &table->tableMutexHeld);
-  return chooseProxyLocked(dispatch, proxy);
+  if (!locateMapping(dispatch)) return Search::noMapping;
+  dispatch->req->deferError = isClustered(table) ? 1 : 0;
+  return dispatch->untriedOnly ? chooseAmongUntried(dispatch) : chooseByBalance(dispatch);
 }
 
 static void reportNoServer(const Dispatch* dispatch) {
@@ -93,7 +110,8 @@ static void reportNoServer(const Dispatch* dispatch) {
            orElse(dispatch->table->serverStore, "<null>"));
 }
 
-static std::int32_t forward(const Dispatch* dispatch, veskProxy* proxy) {
+static std::int32_t forward(const Dispatch* dispatch) {
+  veskProxy* proxy = dispatch->proxy;
   std::int32_t sequence = kNoSequence;
   const std::int32_t result =
       proxy->handleRequest(dispatch->req, proxy, dispatch->extra, &sequence);
@@ -102,99 +120,95 @@ static std::int32_t forward(const Dispatch* dispatch, veskProxy* proxy) {
   return result;
 }
 
-static bool hasFailed(const Dispatch* dispatch, const veskProxy* proxy) {
-  veskProxy* const* end = dispatch->failedTargets + kFailedTargets;
-  return std::find(dispatch->failedTargets, end, proxy) != end;
+// Takes the server of a failed attempt out of the table if the pool has found it
+// unreachable. The removal closes its idle sockets, which must not hide why the attempt
+// failed.
+static void removeIfUnreachable(const Dispatch* dispatch) {
+  if (isProxyActive(dispatch->proxy)) return;
+  const std::int32_t error = dispatch->req->lastError;
+  removeProxy(dispatch->table, dispatch->proxy, dispatch->req, 1);
+  dispatch->req->lastError = error;
 }
 
-// Finds an active server that this request hasn't tried, for the next attempt.
-static bool findUntried(Dispatch* dispatch) {
-  mappingsTable* table = dispatch->table;
-  const SyncGuard guard(dispatch->req, &table->tableMutex, &table->tableMutexHeld);
-  const proxyList* list = dispatch->list;
-  for (std::int32_t i = 0; i < list->count && !dispatch->untried; ++i) {
-    veskProxy* proxy = list->proxies[i];
-    const bool active = list->active[i] != 0 && isProxyActive(proxy);
-    if (active && !hasFailed(dispatch, proxy)) dispatch->untried = proxy;
-  }
-  return dispatch->untried != nullptr;
+// Whether a connection ended as it does when the server's process ends: that resets
+// connections before it refuses them.
+static bool mayHaveEnded(const vesk_request* req) {
+  return req->lastError == ECONNRESET || req->lastError == EPIPE ||
+         req->lastError == ETIMEDOUT;
 }
 
-// Whether the server of a failed attempt is gone. Another thread's reply may have put
-// its proxy back into the table since, without a ping, so `active` alone doesn't tell:
-// a refused connection speaks for itself, and where a connection broke or timed out, a
-// ping does, as a process that ends resets connections before it refuses them.
-static bool isGone(const Dispatch* dispatch, veskProxy* proxy) {
+// Finds out whether the server of a failed attempt is gone, by a ping where nothing else
+// tells. Another thread's reply may have put its proxy back into the table since, without
+// a ping, so `active` alone isn't enough; a refused connection speaks for itself. One
+// that the ping has found unreachable leaves the table.
+static bool confirmGone(const Dispatch* dispatch) {
   vesk_request* req = dispatch->req;
+  veskProxy* proxy = dispatch->proxy;
   if (!isProxyActive(proxy) || isVeskServerUnreachable(req, 0)) return true;
-  const std::int32_t error = req->lastError;
-  if (error != ECONNRESET && error != EPIPE && error != ETIMEDOUT) return false;
-  if (proxy->sendPing(proxy, req) != 0) return false;
+  if (!mayHaveEnded(req) || proxy->sendPing(proxy, req) != 0) return false;
   if (!isProxyActive(proxy)) removeProxy(dispatch->table, proxy, req, 1);
   return true;
 }
 
-// Takes a server out of the table that the pool has found unreachable. The removal
-// closes its idle sockets, which must not hide why the attempt failed.
-static void removeUnreachable(const Dispatch* dispatch, veskProxy* proxy) {
-  if (isProxyActive(proxy)) return;
-  const std::int32_t error = dispatch->req->lastError;
-  removeProxy(dispatch->table, proxy, dispatch->req, 1);
-  dispatch->req->lastError = error;
-}
-
-// Draws the conclusions of a failed attempt: whether another one is made.
-static bool mayTryAgain(Dispatch* dispatch, veskProxy* proxy) {
+// Draws the conclusions of a failed attempt.
+static Verdict concludeFailure(Dispatch* dispatch) {
   vesk_request* req = dispatch->req;
-  req->traceE(req, kTraceDetail, "%s handleRequest failed, error %d %s", proxy->name,
-              req->lastError, describeError(req->lastError));
-  removeUnreachable(dispatch, proxy);
-  if (req->lastError == EVESK_CLIENT_DOWN || !isClustered(dispatch->table)) return false;
-  const bool first =
-      tryAnotherProxy(req, dispatch->table, dispatch->failedTargets, proxy, 1) != 0;
-  if (first && !dispatch->repeated) return true;
+  mappingsTable* table = dispatch->table;
+  req->traceE(req, kTraceDetail, "%s handleRequest failed, error %d %s",
+              dispatch->proxy->name, req->lastError, describeError(req->lastError));
+  removeIfUnreachable(dispatch);
+  if (req->lastError == EVESK_CLIENT_DOWN || !isClustered(table)) return Verdict::giveUp;
+  if (tryAnotherProxy(req, table, &dispatch->failed, dispatch->proxy, 1) != 0)
+    return Verdict::tryAgain;
   // A server that has gone comes back into the table without a ping as long as the
   // cluster's list names it, and may so be chosen twice. That spends the one
   // attempt beyond the distinct servers: from then on, only untried ones follow.
-  if (!first && (dispatch->repeated || !isGone(dispatch, proxy))) return false;
-  dispatch->repeated = true;
-  return findUntried(dispatch);
+  if (!confirmGone(dispatch)) return Verdict::giveUp;
+  dispatch->untriedOnly = true;
+  return Verdict::tryAgain;
 }
 
-static std::int32_t serve(Dispatch* dispatch) {
+static std::int32_t endRequest(const Dispatch* dispatch, std::int32_t result) {
+  dispatch->proxy->requestEnded(dispatch->proxy, dispatch->req);
+  return result;
+}
+
+static std::int32_t dispatchRequest(Dispatch* dispatch) {
   std::int32_t result = kRequestFailed;
   for (;;) {
-    veskProxy* proxy = nullptr;
-    if (!chooseProxy(dispatch, &proxy)) {
-      if (dispatch->filtered || !findMapping(dispatch)) return kRequestNotOurs;
-      continue;
+    switch (chooseProxy(dispatch)) {
+      case Search::noMapping:
+        if (!findMapping(dispatch)) return kRequestNotOurs;
+        continue;
+      case Search::nobody:
+        reportNoServer(dispatch);
+        return result;
+      case Search::noneUntried:
+        return endRequest(dispatch, result);
+      case Search::found:
+        break;
     }
-    if (!proxy) {
-      reportNoServer(dispatch);
-      return result;
-    }
-    result = forward(dispatch, proxy);
-    if (result == kRequestServed || !mayTryAgain(dispatch, proxy)) {
-      proxy->requestEnded(proxy, dispatch->req);
-      return result;
-    }
+    result = forward(dispatch);
+    if (result == kRequestServed || concludeFailure(dispatch) == Verdict::giveUp)
+      return endRequest(dispatch, result);
   }
 }
 
 std::int32_t handleRequestWithIndex(mappingsTable* table, vesk_request* req,
                                     const char* extra, std::int32_t index) {
-  Dispatch dispatch{.table = table,
-                    .req = req,
-                    .extra = extra,
-                    .index = index,
-                    .filtered = false,
-                    .list = nullptr,
-                    .failedTargets = {},
-                    .repeated = false,
-                    .untried = nullptr};
+  // Field by field: the list of failures is long, and counts from its start.
+  Dispatch dispatch;
+  dispatch.table = table;
+  dispatch.req = req;
+  dispatch.extra = extra;
+  dispatch.index = index;
+  dispatch.list = nullptr;
+  dispatch.proxy = nullptr;
+  dispatch.untriedOnly = false;
+  dispatch.failed.count = 0;
   if (index < 0 && !findMapping(&dispatch)) return kRequestNotOurs;
   req->sessionId = getSessionId(req);
-  const std::int32_t result = serve(&dispatch);
+  const std::int32_t result = dispatchRequest(&dispatch);
   if (req->sessionId) req->free(req, req->sessionId);
   req->sessionId = nullptr;
   req->deferError = 0;

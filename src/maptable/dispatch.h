@@ -1,7 +1,7 @@
 // One request from its mapping to a response, with failover.
 //
 //   Choosing ---- no server ---------------------> ended with an error page
-//      |  ^
+//      |  ^  `--- none that hasn't failed --------> ended without a page
 //      |  +------ failed, another may be tried --+
 //      v                                         |
 //   Forwarding ---------------------------------+---> failed: ended without a page

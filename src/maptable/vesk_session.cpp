@@ -49,8 +49,8 @@ static const char* firstBuddy(const char* sessionId) {
   return mark + kBuddyMarkLength;
 }
 
-const char* getNextBuddy(const vesk_request* req, const char* current) {
-  if (!current) return req->sessionId ? firstBuddy(req->sessionId) : nullptr;
+const char* getNextBuddy(const char* sessionId, const char* current) {
+  if (!current) return firstBuddy(sessionId);
   constexpr std::size_t kTwoBuddies = 2 * std::size_t{kReplicationIdLength};
   if (std::strlen(current) < kTwoBuddies) return nullptr;
   return current + kReplicationIdLength;

@@ -19,6 +19,6 @@ constexpr char kAnyBuddy = '*';
 // The caller gives it back with `free` of the request.
 [[nodiscard]] char* getSessionId(vesk_request* req);
 
-// The first buddy of `sessionId`, or the one behind `current`; null at the end.
-// The result is no text of its own: only its first 4 bytes count.
-[[nodiscard]] const char* getNextBuddy(const vesk_request* req, const char* current);
+// The first buddy of a session id, or, where `current` isn't null, the one behind that;
+// null at the end. The result is no text of its own: only its first 4 bytes count.
+[[nodiscard]] const char* getNextBuddy(const char* sessionId, const char* current);

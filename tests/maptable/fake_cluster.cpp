@@ -115,7 +115,9 @@ static veskProxy* fakeProxy(vesk_request* req) {
   proxy->refreshMappings = fakeRefresh;
   proxy->isAlive = proxy->sendPing = [](veskProxy* self, vesk_request*) {
     ++serverOf(self)->pings;
-    return serverOf(self)->up ? 1 : 0;
+    if (serverOf(self)->up) return 1;
+    setProxyActive(self, false);  // as the pool does
+    return 0;
   };
   proxy->requestEnded = [](veskProxy*, vesk_request*) { ++current->ended; };
   return proxy;

@@ -1,4 +1,5 @@
 #include "maptable/selection.h"
+#include "maptable/last_ditch.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -44,7 +45,7 @@ using W = std::vector<std::int64_t>;
 static const std::tuple<const char*, unsigned, W, const char*, int, int, const char*>
     kChoices[] = {{"in turn", 1, {1, 1, 1}, "111", -1, 0, "0120"},
                   {"only the active", 1, {1, 1, 1}, "001", 0, 2, "22"},
-                  {"none active: one full turn", 1, {1, 1, 1}, "000", 1, 1, "-"},
+                  {"none active: one full turn", 1, {1, 1, 1}, "000", -1, 2, "-"},
                   {"an unknown code rotates", 77, {1, 1}, "11", -1, 0, "010"},
                   {"as many turns as weight", 2, {2, 1}, "11", -1, 1, "001001"},
                   {"weight 0 never moves on", 2, {0, 1}, "11", -1, -1, "00000"},
@@ -171,10 +172,10 @@ TEST_F(Selecting, sessionStaysWithOwnerOrBuddy) {
 
 TEST_F(Selecting, lastDitchPingsWhatHasNotFailedYet) {
   makeServers(BALANCE_ROUNDROBIN, {1, 1, 1});
-  veskProxy* failed[kFailedTargets] = {list->proxies[0]};
+  failedList failed = {1, {list->proxies[0]}};
   for (std::int32_t i = 0; i < 3; ++i) remove(list->proxies[i]);
   cluster["1:1"].up = false;
-  EXPECT_EQ(lastDitchFindReachableServer(table, t.req, 0, failed), 0);
+  EXPECT_EQ(lastDitchFindReachableServer(table, t.req, 0, &failed), 0);
   EXPECT_EQ(names(*list), " [0:1] [1:1] 2:1");
   EXPECT_EQ(cluster["0:1"].pings, 0);
   EXPECT_EQ(t.logged("can't retrieve servers from server, no bootstrap specified."), 1);
@@ -184,24 +185,24 @@ TEST_F(Selecting, lastDitchPingsWhatHasNotFailedYet) {
   EXPECT_GT(getProxyRetryTime(list->proxies[1]), 0);
   EXPECT_EQ(getProxyRetryTime(list->proxies[2]), 0);
 
-  for (std::int32_t i = 0; i < 3; ++i) failed[i] = list->proxies[i];
-  EXPECT_EQ(lastDitchFindReachableServer(table, t.req, 0, failed), -1);
+  for (const int i : {1, 2}) failed.proxies[failed.count++] = list->proxies[i];
+  EXPECT_EQ(lastDitchFindReachableServer(table, t.req, 0, &failed), -1);
   EXPECT_EQ(cluster["2:1"].pings, 1);
   EXPECT_EQ(t.tracedE("couldn't find reachable server for /demo* map"), 1);
 }
 
 TEST_F(Selecting, failedTargetsTakeEveryServerOfAFullTable) {
-  veskProxy* failed[kFailedTargets] = {};
-  std::vector<veskProxy> servers(kFailedTargets);
-  EXPECT_EQ(tryAnotherProxy(t.req, table, failed, servers.data(), 1), 0);
+  failedList failed{};
+  std::vector<veskProxy> servers(kMaxProxies + 1);
+  EXPECT_EQ(tryAnotherProxy(t.req, table, &failed, servers.data(), 1), 0);
   EXPECT_TRUE(t.traceELines.empty());  // no cluster, no word
   setClustered(table);
   for (std::int32_t i = 0; i < kMaxProxies; ++i) {
     veskProxy* server = &servers[static_cast<std::size_t>(i)];
-    EXPECT_EQ(tryAnotherProxy(t.req, table, failed, server, 0), 1);
-    EXPECT_EQ(tryAnotherProxy(t.req, table, failed, server, 1), 1);
-    EXPECT_EQ(tryAnotherProxy(t.req, table, failed, server, 1), 0);
+    EXPECT_EQ(tryAnotherProxy(t.req, table, &failed, server, 0), 1);
+    EXPECT_EQ(tryAnotherProxy(t.req, table, &failed, server, 1), 1);
+    EXPECT_EQ(tryAnotherProxy(t.req, table, &failed, server, 1), 0);
   }
-  EXPECT_EQ(failed[kMaxProxies], nullptr);
-  EXPECT_EQ(tryAnotherProxy(t.req, table, failed, &servers[kMaxProxies], 1), 0);
+  EXPECT_EQ(failed.count, kMaxProxies);
+  EXPECT_EQ(tryAnotherProxy(t.req, table, &failed, &servers[kMaxProxies], 1), 0);
 }

@@ -5,7 +5,7 @@
 #include <fstream>
 
 #include "fake_cluster.h"
-#include "maptable/selection.h"
+#include "maptable/last_ditch.h"
 
 using ::testing::ElementsAre;
 
@@ -69,17 +69,17 @@ TEST_F(Startup, knownServersReturnAndDontCount) {
 TEST_F(Startup, lastDitchAsksTheBootstrapServerFirst) {
   makeTable(nullptr, "boot:1");
   remove(join("a:1"));
-  veskProxy* failed[kFailedTargets] = {};
-  EXPECT_EQ(lastDitchFindReachableServer(table, t.req, 0, failed), 0);
+  failedList failed{};
+  EXPECT_EQ(lastDitchFindReachableServer(table, t.req, 0, &failed), 0);
   EXPECT_EQ(t.tracedE("found reachable server using bootstrap server"), 1);
   EXPECT_EQ(names(table->masterList), " a:1 b:1");
   EXPECT_EQ(cluster["a:1"].pings, 0);
   cluster["b:1"].up = false;
   for (const std::int32_t i : {0, 1}) {
     remove(table->masterList.proxies[i]);
-    failed[i] = table->masterList.proxies[i];
+    failed.proxies[failed.count++] = table->masterList.proxies[i];
   }
-  EXPECT_EQ(lastDitchFindReachableServer(table, t.req, 0, failed), -1);
+  EXPECT_EQ(lastDitchFindReachableServer(table, t.req, 0, &failed), -1);
   EXPECT_EQ(boot.lists, 1);  // not asked again once it has helped
 }
 

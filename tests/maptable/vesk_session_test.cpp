@@ -36,12 +36,10 @@ TEST(session, buddiesAreFourBytesEach) {
                                                       {"abTRcd*xyz12", "cd*x yz12 "},
                                                       {"abTRefgh*xy", "efgh "},
                                                       {"TRabcdTRefgh", "abcd TRef "}};
-  for (auto [id, expected] : rows) {
-    RecordedRequest t;
-    t.req->sessionId = id.data();
+  for (const auto& [id, expected] : rows) {
     std::string buddies;
-    for (const char* buddy = getNextBuddy(t.req, nullptr); buddy;
-         buddy = getNextBuddy(t.req, buddy))
+    for (const char* buddy = getNextBuddy(id.c_str(), nullptr); buddy;
+         buddy = getNextBuddy(id.c_str(), buddy))
       buddies += std::string(buddy, kReplicationIdLength) + " ";
     EXPECT_EQ(buddies, expected) << id;
   }

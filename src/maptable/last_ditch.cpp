@@ -1,0 +1,38 @@
+#include "maptable/last_ditch.h"
+
+#include "maptable/membership.h"
+#include "maptable/table_startup.h"
+
+// REQUIRES: tableMutex.
+static bool reviveProxy(mappingsTable* table, vesk_request* req, veskProxy* proxy,
+                        std::int64_t now) {
+  setProxyRetryTime(proxy, now);
+  req->log(req,
+           "%s reset proxy retry time to now since all servers for this mapping are "
+           "marked unreachable",
+           proxy->name);
+  if (proxy->isAlive(proxy, req) == 0) return false;
+  return addProxy(table, proxy, req, 0) == 0;
+}
+
+std::int32_t lastDitchFindReachableServer(mappingsTable* table, vesk_request* req,
+                                          std::int32_t index, failedList* failed) {
+  const std::int64_t now = req->now(req);
+  // The columns may move below, the records don't.
+  const proxyList* list = table->mappingProxies[index];
+  const mappingBalance* balance = table->mappingBalances[index];
+  const char* key = table->mappings->entries[index].key;
+
+  if (table->bootstrapped == 0 && retrieveServersFromBootstrapServer(table, req) > 0 &&
+      balance->anyActive != 0) {
+    req->traceE(req, kTraceState, "found reachable server using bootstrap server");
+    return 0;
+  }
+  for (std::int32_t i = 0; i < list->count; ++i) {
+    veskProxy* proxy = list->proxies[i];
+    if (tryAnotherProxy(req, table, failed, proxy, 0) == 0) continue;
+    if (reviveProxy(table, req, proxy, now)) return 0;
+  }
+  req->traceE(req, kTraceState, "couldn't find reachable server for %s map", key);
+  return -1;
+}

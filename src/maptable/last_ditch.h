@@ -1,0 +1,17 @@
+// The last resort of a mapping in a cluster that has no active server left.
+//
+// Threads: REQUIRES tableMutex, which is held while servers are asked.
+// Failure: -1; the caller answers the browser.
+#pragma once
+
+#include "maptable/failed_list.h"
+#include "maptable/vesk_maptable_impl.h"
+
+// Looks for a server of a mapping that has none active: 0 when one was activated
+// after a ping, or brought by the bootstrap server, else -1. Those that have failed for
+// this request are not asked. Blocks on the servers, and on the bootstrap server, which
+// may add mappings in front of this one.
+[[nodiscard]] std::int32_t lastDitchFindReachableServer(mappingsTable* table,
+                                                        vesk_request* req,
+                                                        std::int32_t index,
+                                                        failedList* failed);
