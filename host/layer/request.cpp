@@ -38,6 +38,8 @@ char* requestText(const char* text) {
 int startResponse(HostRequest* request) {
   request->responseStarted = true;
   request->senthdrs = 1;
+  // A plug-in that takes its status back sets this field, and has no way to the reason.
+  if (request->status_num == 0) request->reason = nullptr;
   if (request->status_num == 0) request->status_num = kOk;
   return request->exchange->startResponse(request);
 }

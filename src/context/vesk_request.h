@@ -68,6 +68,14 @@ struct veskOutcome {
   std::int64_t micros;    // microseconds in all attempts together
 };
 
+// A response as it was before the first attempt; kept by markResponse.
+struct veskResponseMark {
+  std::int32_t made;    // 1: the fields below tell
+  std::int32_t status;  // 0: none was set
+  const char** texts;   // names and values of its headers in turn, then null; owned.
+                        // Null: it had none, or there was no memory for them
+};
+
 constexpr int kLogPrefixSize = 64;
 
 // What filled a record, in `connectorType`.
@@ -192,6 +200,7 @@ struct vesk_request {
   // brings them back to that after a failed attempt. Nothing may have been sent yet.
   void (*markResponse)(vesk_request* req);
   void (*restoreResponse)(vesk_request* req);
+  veskResponseMark responseMark;
 };
 static_assert(std::is_trivial_v<vesk_request> && std::is_standard_layout_v<vesk_request>);
 

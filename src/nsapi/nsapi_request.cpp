@@ -10,6 +10,7 @@
 #include "nsapi/host_memory.h"
 #include "nsapi/request_body.h"
 #include "nsapi/request_variables.h"
+#include "nsapi/response_mark.h"
 #include "nsapi/response_path.h"
 
 // The client's TCP port; 0 when the host can't tell, which is no reason to have no
@@ -40,6 +41,8 @@ static void installHostOperations(vesk_request* req) {
   req->setStatus = setStatus;
   req->addHeader = addHeader;
   req->writeClient = writeClient;
+  req->markResponse = markResponse;
+  req->restoreResponse = restoreResponse;
 }
 
 // The three request operations change together: a block from one family must not go

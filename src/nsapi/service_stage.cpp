@@ -3,14 +3,18 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "context/guards.h"
 #include "context/memory.h"
 #include "context/text.h"
 #include "maptable/vesk_maptable_impl.h"
 #include "nsapi/host_log.h"
 #include "nsapi/host_objects.h"
 #include "nsapi/nsapi_request.h"
+#include "nsapi/outcome.h"
+#include "nsapi/response_mark.h"
 #include "nsapi/response_path.h"
 #include "nsapi/ssl_attributes.h"
+#include "proxy/replay.h"
 
 // REQ_PROCEED when the URI may go to a server.
 static int checkUri(vesk_request* req) {
@@ -64,6 +68,8 @@ static void releaseCollected(vesk_request* req) {
   req->freeAttributes(req);
   req->freeAttributeNames(req);
   releaseKeptBlocks(req);
+  releaseResponseMark(req);
+  endReplay(req);
 }
 
 // The mapping that the filter stage found; -1 when it found none. By now it is
@@ -75,10 +81,17 @@ static std::int32_t storedTarget(const vesk_request* req) {
   return clampToInt32(std::strtol(text, nullptr, kDecimal));
 }
 
+// Whether a part of the answer has gone out and nothing will complete it. Only with the
+// guard the browser is to see that: without it, a page stands behind that part.
+static bool isBroken(const vesk_request* req) {
+  return guarded(req, Guard::partial) && req->outcome.kind == kOutcomeBroken;
+}
+
 // Once a part of the answer has gone out, no other can follow it: neither an error page
 // of the host's nor the file behind the URI.
 static int judgeOutcome(vesk_request* req, std::int32_t outcome) {
-  if (outcome >= 0 || req->responseStarted) return REQ_PROCEED;
+  const bool over = outcome >= 0 || req->responseStarted;
+  if (over && !isBroken(req)) return REQ_PROCEED;
   if (outcome == kRequestNotOurs) {
     req->trace(req, "handleRequest not for Vesk -> REQ_NOACTION");
     return REQ_NOACTION;
@@ -114,29 +127,43 @@ static int forwardAndRelease(vesk_request* req, mappingsTable* table) {
   return result;
 }
 
-int runServiceStage(mappingsTable* table, pblock* pb, Session* sn, Request* rq) {
-  vesk_request req;
-  init_nsapi_request(&req, pb, sn, rq);
-  dumpHeaders(&req, "veskservice: [enter]");
+// Sets the moment at which the request ends, whatever it waits for then.
+static void setDeadline(vesk_request* req) {
+  constexpr std::int64_t kMillisPerSecond = 1000;
+  if (veskRequestTimeout != 0)
+    req->deadline = req->ticks(req) + veskRequestTimeout * kMillisPerSecond;
+}
 
+static int serve(mappingsTable* table, vesk_request* req) {
+  const Request* rq = requestOf(req);
   const char* type = pblock_findval("content-type", rq->srvhdrs);
   if (!isInternalType(type)) return REQ_NOACTION;
   if (std::strcmp(type, "vesk-internal/ext") == 0)
-    return refuse(&req, kServiceUnavailable,
+    return refuse(req, kServiceUnavailable,
                   "Could not connect to Vesk server or invalid web server configuration "
                   "for Vesk.");
   // The response's type must come from the backend. This is before the checks below, so
   // that the marker shows in no answer of the host's own.
   dropParameter("content-type", rq->srvhdrs);
 
-  if (checkUri(&req) != REQ_PROCEED) return REQ_ABORTED;
+  if (checkUri(req) != REQ_PROCEED) return REQ_ABORTED;
   if (!table) {
     const int result =
-        refuse(&req, kServiceUnavailable, "Internal error, no Vesk mapping table.");
-    req.trace(&req, "veskservice: internal error, no mapping table");
+        refuse(req, kServiceUnavailable, "Internal error, no Vesk mapping table.");
+    req->trace(req, "veskservice: internal error, no mapping table");
     return result;
   }
-  if (table->initTable(table, &req) != 0)
-    return refuse(&req, kServiceUnavailable, "Can not connect to Vesk server.");
-  return forwardAndRelease(&req, table);
+  if (table->initTable(table, req) != 0)
+    return refuse(req, kServiceUnavailable, "Can not connect to Vesk server.");
+  return forwardAndRelease(req, table);
+}
+
+int runServiceStage(mappingsTable* table, pblock* pb, Session* sn, Request* rq) {
+  vesk_request req;
+  init_nsapi_request(&req, pb, sn, rq);
+  setDeadline(&req);
+  dumpHeaders(&req, "veskservice: [enter]");
+  const int result = serve(table, &req);
+  leaveOutcome(&req);
+  return result;
 }

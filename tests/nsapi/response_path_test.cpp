@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <tuple>
 
 #include "failing_host.h"
 #include "nsapi/nsapi_request.h"
+#include "nsapi/response_mark.h"
 
 class ResponsePath : public testing::Test {
  protected:
@@ -45,6 +47,50 @@ TEST_F(ResponsePath, headersAreTreatedByName) {
   EXPECT_EQ(FailingHost::get(host.request.srvhdrs, "content-type"), "Text/Html")
       << "no memory";
   EXPECT_EQ(host.client.logged("addHeader: no memory, content-type stays as it came"), 1);
+}
+
+// Whatever memory fails on the way, nothing of the failed attempt is left.
+TEST_F(ResponsePath, restoredResponseHasNothingOfAFailedAttempt) {
+  pblock* headers = host.request.srvhdrs;
+  const auto all = [headers] { return std::string(pblock_pblock2str(headers, nullptr)); };
+  // The allocation of the mark and the insertion of the restoration that fail, if any;
+  // the status before; the headers afterwards.
+  const std::tuple<int, int, short, const char*> rows[] = {
+      {0, 0, 0, "x-own=\"1\" vary=\"a\""},
+      {0, 0, 201, "x-own=\"1\" vary=\"a\""},
+      {0, 1, 0, "vary=\"a\""},
+      {1, 0, 0, ""},
+      {2, 0, 0, ""},
+      {5, 0, 0, ""},
+  };
+  for (const auto& [allocation, insertion, status, left] : rows) {
+    for (const char* name : {"x-own", "vary"}) FailingHost::set(headers, name, nullptr);
+    for (const auto& [name, value] : {std::pair{"x-own", "1"}, {"vary", "a"}})
+      FailingHost::set(headers, name, value);
+    host.request.status_num = status;
+    host.failAllocation = allocation;
+    req->markResponse(req);
+    for (const char* name : {"content-length", "Content-Encoding", "x-own", "set-cookie"})
+      req->addHeader(req, name, "3");
+    req->setStatus(req, 404, "Of the first server");
+    host.failInsertion = insertion;
+    req->restoreResponse(req);
+    EXPECT_EQ(all(), left) << allocation << insertion;
+    EXPECT_EQ(host.request.status_num, status);
+    (void)req->writeClient(req, nullptr, 0);
+    EXPECT_EQ(host.request.reason, nullptr) << "nor its reason";
+    releaseResponseMark(req);
+    EXPECT_EQ(host.permBlocks, 0);
+    host.request.responseStarted = false;
+  }
+  EXPECT_EQ(host.client.logged("no memory to bring back the header x-own"), 1);
+  EXPECT_EQ(host.client.logged("no memory to keep headers of the response"), 3);
+}
+
+TEST_F(ResponsePath, responseThatWasNotMarkedStays) {
+  req->addHeader(req, "x-own", "1");
+  req->restoreResponse(req);
+  EXPECT_EQ(FailingHost::get(host.request.srvhdrs, "x-own"), "1");
 }
 
 TEST_F(ResponsePath, bodyThatTheHostWantsNotIsDroppedWithSuccess) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <tuple>
 
+#include "context/guards.h"
 #include "failing_host.h"
 #include "layer/restart_callbacks.h"
 #include "maptable/vesk_maptable_impl.h"
@@ -19,6 +20,8 @@ static struct {
   std::int32_t initResult, filterResult, serveResult;
   std::int32_t serveStatus;  // set through the record when above 0
   bool responds;
+  veskOutcome outcome;
+  std::int64_t deadline;         // what the record had, in milliseconds from then
   std::string filtered, served;  // what the record holds, and the other arguments
 } play;
 
@@ -43,6 +46,8 @@ static std::int32_t playServe(mappingsTable* /*table*/, vesk_request* req,
   }
   if (play.serveStatus > 0) req->setStatus(req, play.serveStatus, "Served");
   if (play.responds) req->responseStarted = 1;
+  req->outcome = play.outcome;
+  play.deadline = req->deadline == 0 ? 0 : req->deadline - req->ticks(req);
   return play.serveResult;
 }
 
@@ -214,6 +219,50 @@ TEST_F(Stages, serviceResultFollowsOutcomeAndStatus) {
   }
   errorUrl = "/sorry";
   EXPECT_EQ(service("vesk-internal/x"), REQ_PROCEED) << "a page turned into a redirect";
+}
+
+TEST_F(Stages, outcomeIsLeftForTheHost) {
+  const auto left = [this] {
+    std::string texts;
+    for (const char* name : {"outcome", "server", "attempts", "state", "time"})
+      texts +=
+          FailingHost::get(host.request.vars, ("vesk-" + std::string(name)).c_str()) +
+          " ";
+    return texts;
+  };
+  // What the table has filled in; the guards; the result; what the host finds.
+  const std::tuple<veskOutcome, std::uint32_t, int, const char*> rows[] = {
+      {{kOutcomeUnknown, 0, "", "", 0}, kAllGuards, REQ_PROCEED, "- - - - - "},
+      {{kOutcomeServed, 2, "b:7", "OK", 5000000000},
+       0,
+       REQ_PROCEED,
+       "served b:7 2 OK 5000000000 "},
+      {{kOutcomeBroken, 1, "a:7", "BR", 7}, 0, REQ_PROCEED, "broken a:7 1 BR 7 "},
+      {{kOutcomeBroken, 1, "a:7", "BR", 7},
+       kAllGuards,
+       REQ_ABORTED,
+       "broken a:7 1 BR 7 "},
+      {{kOutcomeFailed, 0, "", "", 0}, 0, REQ_PROCEED, "failed - 0 - 0 "},
+      {{kOutcomeDeclined, 0, "", "", 0}, 0, REQ_PROCEED, "declined - 0 - 0 "},
+  };
+  play.serveResult = kRequestFailed;
+  play.responds = true;
+  for (const auto& [outcome, guards, result, texts] : rows) {
+    play.outcome = outcome;
+    veskGuards = guards;
+    EXPECT_EQ(service("vesk-internal/x"), result) << texts;
+    EXPECT_EQ(left(), texts);
+  }
+  veskGuards = kNoGuards;
+}
+
+TEST_F(Stages, requestEndsAtItsDeadlineWhereTheOptionSaysSo) {
+  for (const std::int32_t seconds : {0, 3}) {
+    veskRequestTimeout = seconds;
+    EXPECT_EQ(service("vesk-internal/x"), REQ_PROCEED);
+    EXPECT_NEAR(static_cast<double>(play.deadline), seconds * 1000, seconds * 500);
+  }
+  veskRequestTimeout = 0;
 }
 
 // Each allocation of the two stages fails once: what goes out is whole, and what was

@@ -1,0 +1,33 @@
+#include "nsapi/outcome.h"
+
+#include <nsapi.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <iterator>
+
+#include "nsapi/host_objects.h"
+
+// By kind.
+constexpr const char* kNames[] = {nullptr, "served", "broken", "failed", "declined"};
+
+// A stage may run twice in one request: the last word counts. An empty text is none.
+static void leave(pblock* vars, const char* name, const char* value) {
+  dropParameter(name, vars);
+  if (*value) (void)pblock_nvinsert(name, value, vars);
+}
+
+void leaveOutcome(const vesk_request* req) {
+  const veskOutcome& outcome = req->outcome;
+  pblock* vars = requestOf(req)->vars;
+  const auto kind = static_cast<std::size_t>(outcome.kind);
+  if (kind >= std::size(kNames) || !kNames[kind]) return;
+  leave(vars, "vesk-outcome", kNames[kind]);
+  leave(vars, "vesk-server", outcome.server);
+  leave(vars, "vesk-state", outcome.state);
+  char number[24];
+  (void)std::snprintf(number, sizeof number, "%" PRId32, outcome.attempts);
+  leave(vars, "vesk-attempts", number);
+  (void)std::snprintf(number, sizeof number, "%" PRId64, outcome.micros);
+  leave(vars, "vesk-time", number);
+}

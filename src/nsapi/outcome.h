@@ -1,0 +1,14 @@
+// What became of a request, left for the host and its logs in the host's variables:
+// `vesk-outcome` (served, broken, failed, declined), `vesk-server`, `vesk-attempts`,
+// `vesk-state` (two letters: where the last attempt ended, and why), `vesk-time`
+// (microseconds in all attempts).
+//
+// Ownership: the host copies the texts. Threads: the request's own.
+// Failure: none; what the host has no memory for is missing.
+#pragma once
+
+#include "context/vesk_request.h"
+
+// Nothing is left of a request that never came to an attempt. The record must have its
+// request.
+void leaveOutcome(const vesk_request* req);
