@@ -19,3 +19,7 @@ const char* describeError(std::int32_t code) {
   (void)std::snprintf(text, kErrorTextLimit, "%d %s", code, known ? known : "null");
   return text;
 }
+
+const char* describeFailure(std::int32_t code) {
+  return describeError(code == 0 ? EVESK_PROTOCOL : code);
+}

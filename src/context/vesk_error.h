@@ -14,3 +14,7 @@ enum : std::int32_t {
 // A text for a value of lastError. The general form lies in a buffer of the
 // calling thread: use it before this thread's next call.
 [[nodiscard]] const char* describeError(std::int32_t code);
+
+// The same for what has failed for certain. A server that breaks the protocol may leave
+// lastError at 0, which is no success.
+[[nodiscard]] const char* describeFailure(std::int32_t code);

@@ -70,8 +70,8 @@ static void sendPage(vesk_request* req, char* page, const char* message) {
 static bool endsBroken(vesk_request* req, const veskProxy* proxy) {
   if (!req->responseStarted || !guarded(req, Guard::partial)) return false;
   req->outcome.kind = kOutcomeBroken;
-  req->log(req, "%s failed behind the begin of its response, which ends broken: %d %s",
-           proxy ? proxy->name : "<null>", req->lastError, describeError(req->lastError));
+  req->log(req, "%s failed behind the begin of its response, which ends broken: %s",
+           proxy ? proxy->name : "<null>", describeFailure(req->lastError));
   return true;
 }
 

@@ -172,9 +172,17 @@ TEST(partial, nothingIsWrittenBehindAResponseThatHasBegun) {
     EXPECT_EQ(handle(t), -1);
     EXPECT_EQ(t.body == "half", guarded);
     EXPECT_EQ(t.req->outcome.kind, guarded ? kOutcomeBroken : kOutcomeUnknown);
-    EXPECT_EQ(t.logged("127.0.0.1:7001 failed behind the begin of its response"),
-              guarded ? 1 : 0);
+    EXPECT_EQ(
+        t.logged("127.0.0.1:7001 failed behind the begin of its response, which ends "
+                 "broken: 104 Connection reset by peer"),
+        guarded ? 1 : 0);
   }
+  TestRequest t({expectPing(), expectFrame(PROXY_SERVICE_40),
+                 put(PROXY_PUT_CLIENT, text("half")), put(PROXY_PUT_CLIENT, word(-1)),
+                 expectClose()});
+  guardBy(t, "partial");
+  EXPECT_EQ(handle(t), -1);
+  EXPECT_EQ(t.logged("ends broken: Vesk connector protocol out of sync"), 1);
 }
 
 TEST(attempt, whatTheServerSaidIsTakenBackBeforeThePage) {
