@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "context/memory.h"
+#include "context/privacy.h"
 #include "maptable/server_choice.h"
 
 // A server sends 32 bits; the bound keeps the sum of a full list below 2^62,
@@ -80,11 +81,12 @@ static void tellAboutSession(vesk_request* req, const proxyList* list,
       choice.reason == ChoiceReason::sessionBuddy)
     req->traceE(req, kTraceState, "Found sticky session host %s",
                 list->proxies[choice.position]->name);
+  char shown[kShownSessionSize];
   if (choice.sessionBroken)
     req->log(req,
              "Sticky session breakage, a host for serving session %s not available.  "
              "Failing over to another server, but above session is broken.",
-             req->sessionId);
+             shownSession(req, req->sessionId, shown));
 }
 
 // Weights are summed and numbers drawn only for a request that needs them: the sums
