@@ -1,0 +1,36 @@
+"""Guards on the whole road, each with and without: what browsers, servers and logs see."""
+
+import fake_server as wire
+import pytest
+
+both = pytest.mark.parametrize("guards", ["none", "all"])
+
+
+@both
+def test_secrets_stay_out_of_the_log(site, guards):
+    host = site.host(site.cluster(2)[0], verbose="true", guards=guards)
+    secrets = [("Cookie", "JSESSIONID=zzzz0123456789; auth=SECRET"),
+               ("Authorization", "Basic SECRET")]
+    page = host.fetch("/demo/session?header=Authorization", headers=secrets)
+    host.fetch("/demo/snoop;JSESSIONID=zzzz0123456789")
+    log = "\n".join(host.messages())
+    issued = page.header("set-cookie").split(";")[0].split("=")[1]
+    found = [secret in log for secret in ("SECRET", "zzzz01234", issued)]
+    assert found == [guards == "none"] * 3
+    assert ("a host for serving session zzzz0123... not available" in log) == (guards == "all")
+
+
+@both
+def test_answer_that_breaks_off_is_seen_as_broken(site, guards):
+    host = site.host(site.backend(), guards=guards)
+    for target, follows in (("die?at=body", "<H2>"), ("die?at=zero", "<H2>")):
+        page = host.fetch("/demo/" + target)
+        assert (page.status, page.complete) == (200, False)
+        assert page.body.decode()[1000:1004] == (follows if guards == "none" else "")
+
+
+def test_request_ends_at_its_time_whatever_its_server_says(site):
+    host = site.host(site.backend(), requesttimeout=1)
+    page = host.fetch("/demo/sleep?ms=30000")
+    assert (page.status, page.reason) == (504, "Gateway Timeout")
+    assert host.serves()
