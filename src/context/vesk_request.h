@@ -188,8 +188,11 @@ struct vesk_request {
   std::int32_t (*peek)(vesk_request* req, std::int32_t sock);
   // Milliseconds of a clock that never jumps; only differences mean anything.
   std::int64_t (*ticks)(vesk_request* req);
-  std::uint32_t guards;         // bits of Guard, see guards.h
-  std::int64_t deadline;        // in ticks: no wait lasts beyond it; 0: none
+  std::uint32_t guards;   // bits of Guard, see guards.h
+  std::int64_t deadline;  // in ticks: no wait lasts beyond it; 0: none
+  // Milliseconds that a conversation about a server may take as a whole, whatever pings
+  // that server still takes; 0: no such end.
+  std::int32_t conversationLimit;
   std::int32_t endsAtShutdown;  // 1: a wait ends soon after the shutdown has begun
   std::int64_t bytesSent;       // that sockets have accepted from this request so far
   const char* method;           // the host's text; null in globalRequest

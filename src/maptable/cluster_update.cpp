@@ -1,9 +1,13 @@
 #include "maptable/cluster_update.h"
 
+#include "context/guards.h"
 #include "context/vesk_mutex.h"
+#include "maptable/awaited_servers.h"
+#include "maptable/maintenance_queue.h"
 #include "maptable/membership.h"
 #include "maptable/server_join.h"
 #include "maptable/server_store.h"
+#include "maptable/table_guard.h"
 #include "proxy/proxy_props.h"
 
 // One update that has its list.
@@ -13,6 +17,7 @@ struct ClusterUpdate {
   const veskProxy* source;       // the server that answered
   const propertyTable* servers;  // the list
   std::int32_t sequence;         // its number, or -1
+  std::uint32_t lock;            // 1: each change takes tableMutex; 0: it is held
   bool failed;                   // a new server couldn't be set up
   std::int32_t refused;          // new servers that found the table full
 };
@@ -21,19 +26,24 @@ static bool isApplied(const mappingsTable* table, std::int32_t sequence) {
   return sequence == 0 || sequence == table->clusterSeq;
 }
 
+// Without the guard `comeback` a server that the snapshot shows as active is left alone;
+// with it admitServer knows what to do in every case.
+static bool concernsUpdate(const ClusterUpdate* update, const proxyList* snapshot,
+                           const char* server) {
+  if (guarded(update->req, Guard::comeback)) return true;
+  const TableGuard guard(update->table, update->req, update->lock);
+  const std::int32_t at = hasProxyNamed(update->table, server);
+  // What this pass has itself added lies behind the snapshot's end.
+  return at < 0 || (at < snapshot->count && snapshot->active[at] == 0);
+}
+
 static void joinNamedServer(ClusterUpdate* update, const proxyList* snapshot,
                             const char* server) {
-  const std::int32_t at = hasProxyNamed(update->table, server);
-  if (at < 0) {
-    const ServerJoin outcome = joinServer(update->table, update->req, server);
-    if (outcome == ServerJoin::failed) update->failed = true;
-    if (outcome == ServerJoin::full) ++update->refused;
-    return;
-  }
-  // What this pass has itself added lies behind the snapshot's end.
-  if (at < snapshot->count && snapshot->active[at] == 0 &&
-      addProxy(update->table, snapshot->proxies[at], update->req, 0) < 0)
-    update->failed = true;
+  if (!concernsUpdate(update, snapshot, server)) return;
+  const ServerJoin outcome =
+      admitServer(update->table, update->req, server, update->lock);
+  if (outcome == ServerJoin::failed) update->failed = true;
+  if (outcome == ServerJoin::full) ++update->refused;
 }
 
 static bool isNamed(const propertyTable* servers, const veskProxy* proxy) {
@@ -46,8 +56,9 @@ static void removeUnnamedServers(const ClusterUpdate* update, const proxyList* s
   for (std::int32_t i = 0; i < snapshot->count; ++i) {
     if (snapshot->active[i] == 0) continue;
     veskProxy* proxy = snapshot->proxies[i];
-    if (!isNamed(update->servers, proxy))
-      removeProxy(update->table, proxy, update->req, 0);
+    if (isNamed(update->servers, proxy)) continue;
+    setProxyUnlisted(proxy, true);
+    removeProxy(update->table, proxy, update->req, update->lock);
   }
 }
 
@@ -55,6 +66,7 @@ static void removeUnnamedServers(const ClusterUpdate* update, const proxyList* s
 static void adoptSequence(const ClusterUpdate* update) {
   mappingsTable* table = update->table;
   vesk_request* req = update->req;
+  const TableGuard guard(table, req, update->lock);
   if (update->failed) {
     req->traceE(req, kTraceState, "%s error updating clusters so seq is %d",
                 update->source->name, static_cast<std::int32_t>(table->clusterSeq));
@@ -65,10 +77,15 @@ static void adoptSequence(const ClusterUpdate* update) {
               update->sequence);
 }
 
-// REQUIRES: tableMutex.
+static proxyList copyOfServers(const ClusterUpdate* update) {
+  const TableGuard guard(update->table, update->req, update->lock);
+  keepAwaited(update->table, update->servers);
+  return update->table->masterList;
+}
+
 static void applyList(ClusterUpdate* update) {
   mappingsTable* table = update->table;
-  const proxyList snapshot = table->masterList;
+  const proxyList snapshot = copyOfServers(update);
   setClustered(table);
   update->req->trace(update->req, "Using sequence number %d from %s", update->sequence,
                      update->source->name);
@@ -76,14 +93,20 @@ static void applyList(ClusterUpdate* update) {
     joinNamedServer(update, &snapshot, update->servers->entries[i].value);
   reportServersRefused(update->req, update->refused);
   removeUnnamedServers(update, &snapshot);
-  (void)persistServers(table, update->req);  // it has logged, and is tried again
+  // It has logged, and is tried again.
+  (void)persistServers(table, update->req, update->lock);
   adoptSequence(update);
 }
 
-// REQUIRES: tableMutex.
-static void updateLocked(mappingsTable* table, vesk_request* req, veskProxy* proxy,
-                         std::int32_t sequence) {
-  if (isApplied(table, sequence)) {
+static bool isKnown(mappingsTable* table, vesk_request* req, std::int32_t sequence,
+                    std::uint32_t lock) {
+  const TableGuard guard(table, req, lock);
+  return isApplied(table, sequence);
+}
+
+void applyClusterNews(mappingsTable* table, vesk_request* req, veskProxy* proxy,
+                      std::int32_t sequence, std::uint32_t lock) {
+  if (isKnown(table, req, sequence, lock)) {
     req->traceE(req, kTraceDetail, "%s updateClusteredServers: seq %d, seen seq %d",
                 proxy->name, sequence, static_cast<std::int32_t>(table->clusterSeq));
     return;
@@ -93,12 +116,13 @@ static void updateLocked(mappingsTable* table, vesk_request* req, veskProxy* pro
   propertyTable* servers = proxy->fetchProps(req, proxy, kClusterSet, &sequence);
   if (!servers || servers->count == 0) {
     req->traceE(req, kTraceState, "%s clustered-servers not updated", proxy->name);
-  } else if (!isApplied(table, sequence)) {
+  } else if (!isKnown(table, req, sequence, lock)) {
     ClusterUpdate update{.table = table,
                          .req = req,
                          .source = proxy,
                          .servers = servers,
                          .sequence = sequence,
+                         .lock = lock,
                          .failed = false,
                          .refused = 0};
     applyList(&update);
@@ -106,8 +130,16 @@ static void updateLocked(mappingsTable* table, vesk_request* req, veskProxy* pro
   freeProperties(req, servers);
 }
 
+// Only what might be news is left to the thread: most replies bring the number that is
+// known.
+static void leaveNewsForThread(mappingsTable* table, vesk_request* req, veskProxy* proxy,
+                               std::int32_t sequence) {
+  if (!isKnown(table, req, sequence, 1)) leaveNews(table, proxy, sequence);
+}
+
 void updateClusteredServers(mappingsTable* table, vesk_request* req, veskProxy* proxy,
                             std::int32_t sequence) {
+  if (table->queue) return leaveNewsForThread(table, req, proxy, sequence);
   const SyncGuard guard(req, &table->tableMutex, &table->tableMutexHeld);
-  updateLocked(table, req, proxy, sequence);
+  applyClusterNews(table, req, proxy, sequence, 0);
 }

@@ -13,5 +13,11 @@
 
 // Brings the table in line with the list behind `sequence`, which `proxy` sent.
 // 0 and the number applied last cost no more than a trace line. May block.
+// Where a thread of the connector's own runs, that is left to it.
 void updateClusteredServers(mappingsTable* table, vesk_request* req, veskProxy* proxy,
                             std::int32_t sequence);
+
+// The same on this thread. `lock` 1: each change takes tableMutex for itself, and no
+// server is asked under it; 0: the caller holds it.
+void applyClusterNews(mappingsTable* table, vesk_request* req, veskProxy* proxy,
+                      std::int32_t sequence, std::uint32_t lock);

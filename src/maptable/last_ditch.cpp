@@ -1,7 +1,17 @@
 #include "maptable/last_ditch.h"
 
+#include "context/guards.h"
+#include "maptable/maintenance_queue.h"
 #include "maptable/membership.h"
 #include "maptable/table_startup.h"
+
+// With the guard `comeback` a server is asked once a second at most, however many
+// requests find nobody, and not at all while the list doesn't name it.
+static bool mayBeAsked(vesk_request* req, const veskProxy* proxy, std::int64_t now) {
+  if (!guarded(req, Guard::comeback)) return true;
+  const std::int64_t failedAt = getProxyRetryTime(proxy) - retryPause(req, proxy);
+  return failedAt < now && !isProxyUnlisted(proxy);
+}
 
 // REQUIRES: tableMutex.
 static bool reviveProxy(mappingsTable* table, vesk_request* req, veskProxy* proxy,
@@ -11,6 +21,8 @@ static bool reviveProxy(mappingsTable* table, vesk_request* req, veskProxy* prox
            "%s reset proxy retry time to now since all servers for this mapping are "
            "marked unreachable",
            proxy->name);
+  // What an attempt on another server came to must not put off this one's connect.
+  if (guarded(req, Guard::comeback)) req->lastError = 0;
   if (proxy->isAlive(proxy, req) == 0) return false;
   return addProxy(table, proxy, req, 0) == 0;
 }
@@ -23,7 +35,11 @@ std::int32_t lastDitchFindReachableServer(mappingsTable* table, vesk_request* re
   const mappingBalance* balance = table->mappingBalances[index];
   const char* key = table->mappings->entries[index].key;
 
-  if (table->bootstrapped == 0 && retrieveServersFromBootstrapServer(table, req) > 0 &&
+  if (table->queue) {
+    askForRevival(table);
+    return -1;
+  }
+  if (table->bootstrapped == 0 && retrieveServersFromBootstrapServer(table, req, 0) > 0 &&
       balance->anyActive != 0) {
     req->traceE(req, kTraceState, "found reachable server using bootstrap server");
     return 0;
@@ -31,6 +47,7 @@ std::int32_t lastDitchFindReachableServer(mappingsTable* table, vesk_request* re
   for (std::int32_t i = 0; i < list->count; ++i) {
     veskProxy* proxy = list->proxies[i];
     if (tryAnotherProxy(req, table, failed, proxy, 0) == 0) continue;
+    if (!mayBeAsked(req, proxy, now)) continue;
     if (reviveProxy(table, req, proxy, now)) return 0;
   }
   req->traceE(req, kTraceState, "couldn't find reachable server for %s map", key);

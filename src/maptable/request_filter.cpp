@@ -6,7 +6,7 @@
 #include "context/request_block.h"
 #include "context/text.h"
 #include "context/vesk_mutex.h"
-#include "maptable/membership.h"
+#include "maptable/table_refresh.h"
 #include "patterns/pattern_match.h"
 
 constexpr std::int32_t kNoMapping = -1;
@@ -15,27 +15,6 @@ char* removePathParms(vesk_request* req, const char* text) {
   const char* semicolon = std::strchr(text, ';');
   if (!semicolon) return nullptr;
   return copyText(req, {text, static_cast<std::size_t>(semicolon - text)});
-}
-
-// Gives one server its chance to come back and to say what it serves now.
-// REQUIRES: tableMutex.
-static void refreshServer(mappingsTable* table, vesk_request* req, veskProxy* proxy,
-                          bool activeInTable) {
-  if (!activeInTable) {
-    if (proxy->isAlive(proxy, req) == 0) return;
-    if (addProxy(table, proxy, req, 0) < 0) return;
-  }
-  const std::int32_t refreshed = proxy->refreshMappings(proxy, req);
-  if (refreshed == 0) updateProxy(table, proxy, req, 0);
-  if (refreshed < 0 && !isProxyActive(proxy)) removeProxy(table, proxy, req, 0);
-}
-
-// The walk changes the flags that it tests, so it goes over a copy of the list.
-// REQUIRES: tableMutex.
-static void refreshServers(mappingsTable* table, vesk_request* req) {
-  const proxyList snapshot = table->masterList;
-  for (std::int32_t i = 0; i < snapshot.count; ++i)
-    refreshServer(table, req, snapshot.proxies[i], snapshot.active[i] != 0);
 }
 
 static void traceFinding(vesk_request* req, const uriPattern& pattern,
@@ -92,7 +71,7 @@ static std::int32_t filterLocked(mappingsTable* table, vesk_request* req,
   req->trace(req, "filtering %.200s (%.200s) HOST=%s", orElse(req->uri, "null"),
              subject->strippedPath.data(),
              subject->hasHost ? subject->host.data() : "null");
-  refreshServers(table, req);
+  if (!table->queue) refreshServers(table, req, 0);  // else a thread does it
   return firstMatch(table, req, *subject);
 }
 

@@ -1,11 +1,11 @@
 // Which mapping a request belongs to, and the pass that keeps the servers fresh.
 //
-// filterRequest is the connector's clock: nothing runs in the background, so each
-// call first revives and refreshes every known server, then walks the mappings in
-// order and takes the first that fits.
+// filterRequest is the connector's clock: where no thread of its own runs, each call
+// first revives and refreshes every known server. Then it walks the mappings in order and
+// takes the first that fits.
 //
 // Threads: any; tableMutex is taken by what takes a table, and held across the
-// network traffic of the refresh.
+// network traffic of a refresh made here.
 // Failure: none; a server that can't be reached doesn't change the answer.
 #pragma once
 

@@ -1,17 +1,77 @@
 #include "maptable/server_join.h"
 
+#include "context/guards.h"
+#include "maptable/awaited_servers.h"
 #include "maptable/membership.h"
+#include "maptable/table_guard.h"
+#include "proxy/proxy_refresh.h"
 
-ServerJoin joinServer(mappingsTable* table, vesk_request* req, const char* server) {
-  if (!hasRoomForServer(table)) return ServerJoin::full;
+ServerJoin joinServer(mappingsTable* table, vesk_request* req, const char* server,
+                      std::uint32_t lock) {
+  {
+    const TableGuard guard(table, req, lock);
+    if (!hasRoomForServer(table)) return ServerJoin::full;
+  }
   veskProxy* proxy = table->newProxy(req);
   if (!proxy) return ServerJoin::noMemory;
   const auto interval = static_cast<std::int32_t>(table->proxyRetryInterval);
   if (proxy->initProxy(proxy, req, server, interval, 0) == 0 &&
-      addProxy(table, proxy, req, 0) == 0)
+      addProxy(table, proxy, req, lock) == 0)
     return ServerJoin::joined;
   (void)proxy->destroyInetProxy(proxy, req);  // nobody else holds a reference
   return ServerJoin::failed;
+}
+
+// What the table has to say of a name before anybody is asked.
+struct KnownServer {
+  veskProxy* proxy;  // null: it never joined
+  bool active;       // it takes part
+  bool awaitedLater;
+};
+
+static KnownServer lookUp(mappingsTable* table, vesk_request* req, const char* server,
+                          std::uint32_t lock) {
+  const TableGuard guard(table, req, lock);
+  const std::int32_t at = hasProxyNamed(table, server);
+  if (at < 0) return {nullptr, false, isAwaitedLater(table, req, server)};
+  return {table->masterList.proxies[at], table->masterList.active[at] != 0, false};
+}
+
+// The next attempt of a server that failed now is settled here, so that whoever brings
+// the list need not try again before.
+static ServerJoin admitNew(mappingsTable* table, vesk_request* req, const char* server,
+                           std::uint32_t lock) {
+  const ServerJoin outcome = joinServer(table, req, server, lock);
+  const TableGuard guard(table, req, lock);
+  if (outcome == ServerJoin::joined) forgetAwaited(table, server);
+  if (outcome != ServerJoin::failed) return outcome;
+  return awaitServer(table, req, server) ? ServerJoin::later : ServerJoin::failed;
+}
+
+// A server that is out comes back by its timer, if it has one, and else by an answer: it
+// may have been out because no list named it.
+static ServerJoin admitKnown(mappingsTable* table, vesk_request* req,
+                             const KnownServer& known, std::uint32_t lock) {
+  veskProxy* proxy = known.proxy;
+  setProxyUnlisted(proxy, false);
+  if (!known.active) {
+    if (getProxyRetryTime(proxy) != 0) return ServerJoin::later;
+    req->lastError = 0;  // what another server did doesn't put off this one's connect
+    if (answersQuestion(proxy, req) == 0) return ServerJoin::later;
+  }
+  return addProxy(table, proxy, req, lock) < 0 ? ServerJoin::failed : ServerJoin::known;
+}
+
+ServerJoin admitServer(mappingsTable* table, vesk_request* req, const char* server,
+                       std::uint32_t lock) {
+  const KnownServer known = lookUp(table, req, server, lock);
+  if (guarded(req, Guard::comeback)) {
+    if (known.proxy) return admitKnown(table, req, known, lock);
+    return known.awaitedLater ? ServerJoin::later : admitNew(table, req, server, lock);
+  }
+  if (!known.proxy) return joinServer(table, req, server, lock);
+  return addProxy(table, known.proxy, req, lock) < 0 ? ServerJoin::failed
+                                                     : ServerJoin::known;
 }
 
 void reportServersRefused(vesk_request* req, std::int32_t refused) {

@@ -7,6 +7,7 @@
 #include "context/memory.h"
 #include "context/request_block.h"
 #include "maptable/membership.h"
+#include "maptable/table_guard.h"
 
 constexpr char kStoreKey[] = "proxyservers";
 constexpr char kStoreStart[] = "proxyservers=";
@@ -169,15 +170,22 @@ static bool writeStore(mappingsTable* table, vesk_request* req, const char* text
   return true;
 }
 
-std::int32_t persistServers(mappingsTable* table, vesk_request* req) {
+// The text that the store should hold, or null: without memory, or without a server.
+static char* textToStore(mappingsTable* table, vesk_request* req, std::uint32_t lock) {
+  const TableGuard guard(table, req, lock);
+  return table->masterList.count == 0 ? nullptr : makeStoreText(table, req);
+}
+
+// The file is written without the lock, where this call took it: a slow disk must not
+// stop the requests. Then only one thread ever comes here.
+std::int32_t persistServers(mappingsTable* table, vesk_request* req, std::uint32_t lock) {
   const char* path = table->serverStore;
   if (!isGiven(path)) {
     req->log(req, "can't persist servers, no serverstore specified.");
     return -1;
   }
-  if (table->masterList.count == 0) return 0;
-  char* text = makeStoreText(table, req);
-  if (!text) return -1;
+  char* text = textToStore(table, req, lock);
+  if (!text) return table->masterList.count == 0 ? 0 : -1;
   if (table->storedServers && std::strcmp(table->storedServers, text) == 0) {
     req->trace(req, "no changes to serverstore %s", path);
     req->permFree(req, text);

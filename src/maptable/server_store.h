@@ -19,5 +19,6 @@
 // Writes the store if its text has changed: 0 when it holds the list or there is
 // nothing to write, else -1. A write that hasn't reached the file has failed, and
 // the next call tries it again. The write is not atomic.
-// REQUIRES: tableMutex, or initMutex while the table is first filled.
-std::int32_t persistServers(mappingsTable* table, vesk_request* req);
+// `lock` 1: tableMutex is taken here, and not held while the file is written; 0: the
+// caller holds it, or initMutex while the table is first filled.
+std::int32_t persistServers(mappingsTable* table, vesk_request* req, std::uint32_t lock);

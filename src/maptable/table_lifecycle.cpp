@@ -10,7 +10,7 @@
 #include "proxy/proxy_lifecycle.h"
 
 static void installOperations(mappingsTable* table) {
-  table->initTable = initTable;
+  table->initTable = initOrAwaitTable;
   table->filterRequest = filterRequest;
   table->handleRequest = handleRequest;
   table->handleRequestWithIndex = handleRequestWithIndex;

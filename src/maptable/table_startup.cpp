@@ -1,68 +1,89 @@
 #include "maptable/table_startup.h"
 
+#include "context/guards.h"
 #include "context/vesk_mutex.h"
+#include "maptable/maintenance_queue.h"
 #include "maptable/membership.h"
 #include "maptable/server_join.h"
 #include "maptable/server_store.h"
+#include "maptable/table_guard.h"
 #include "proxy/proxy_props.h"
 
-// REQUIRES: tableMutex, or initMutex while the table is first filled.
-static std::int32_t joinServers(mappingsTable* table, vesk_request* req,
-                                const propertyTable* servers) {
-  std::int32_t joined = 0;
+// What came of a list.
+struct ListOutcome {
+  std::int32_t joined;  // new servers
+  bool complete;        // every server of the list takes part
+};
+
+static ListOutcome joinServers(mappingsTable* table, vesk_request* req,
+                               const propertyTable* servers, std::uint32_t lock) {
+  ListOutcome list{0, true};
   std::int32_t refused = 0;
   for (std::int32_t i = 0; i < servers->count; ++i) {
-    const char* server = servers->entries[i].value;
-    const std::int32_t at = hasProxyNamed(table, server);
-    if (at >= 0) {
-      (void)addProxy(table, table->masterList.proxies[at], req, 0);
-      continue;
-    }
-    const ServerJoin outcome = joinServer(table, req, server);
-    if (outcome == ServerJoin::joined) ++joined;
+    const ServerJoin outcome = admitServer(table, req, servers->entries[i].value, lock);
+    if (outcome == ServerJoin::joined) ++list.joined;
     if (outcome == ServerJoin::full) ++refused;
+    if (outcome != ServerJoin::joined && outcome != ServerJoin::known)
+      list.complete = false;
   }
   reportServersRefused(req, refused);
-  return joined;
+  return list;
+}
+
+// Joins the servers of a list, frees it, and keeps them in the store.
+static ListOutcome applyList(mappingsTable* table, vesk_request* req,
+                             propertyTable* servers, std::uint32_t lock) {
+  const ListOutcome list = joinServers(table, req, servers, lock);
+  (void)persistServers(table, req,
+                       lock);  // it has logged; the servers serve all the same
+  freeProperties(req, servers);
+  return list;
 }
 
 std::int32_t addRemoteJvms(mappingsTable* table, vesk_request* req,
                            propertyTable* servers, std::uint32_t lock) {
-  if (lock) startSync(req, &table->tableMutex, &table->tableMutexHeld);
-  const std::int32_t joined = joinServers(table, req, servers);
-  (void)persistServers(table, req);  // it has logged; the servers serve all the same
-  if (lock) stopSync(req, &table->tableMutex, &table->tableMutexHeld);
-  freeProperties(req, servers);
-  return joined;
+  if (guarded(req, Guard::stall)) return applyList(table, req, servers, lock).joined;
+  const TableGuard guard(table, req, lock);
+  return applyList(table, req, servers, 0).joined;
 }
 
-// Joins what the bootstrap server has answered; the list is freed.
+static void adoptSequence(mappingsTable* table, vesk_request* req, std::int32_t sequence,
+                          std::uint32_t lock) {
+  const TableGuard guard(table, req, lock);
+  table->clusterSeq = sequence;
+}
+
+// Joins what the bootstrap server has answered; the list is freed. With the guard
+// `comeback` its number counts only when all of its servers have joined: the first reply
+// then brings the list again.
 static std::int32_t applyBootstrapList(mappingsTable* table, vesk_request* req,
-                                       propertyTable* servers, std::int32_t sequence) {
+                                       propertyTable* servers, std::int32_t sequence,
+                                       std::uint32_t lock) {
   if (servers->count == 0) {
     freeProperties(req, servers);
     return 0;
   }
-  if (sequence > 0) {
-    setClustered(table);
-    table->clusterSeq = sequence;
-  }
-  const std::int32_t joined = addRemoteJvms(table, req, servers, 0);
-  if (joined > 0) table->bootstrapped = 1;
-  return joined;
+  const bool early = !guarded(req, Guard::comeback);
+  if (sequence > 0) setClustered(table);
+  if (sequence > 0 && early) adoptSequence(table, req, sequence, lock);
+  const ListOutcome list = applyList(table, req, servers, lock);
+  if (sequence > 0 && !early && list.complete) adoptSequence(table, req, sequence, lock);
+  if (list.joined > 0) table->bootstrapped = 1;
+  return list.joined;
 }
 
 static std::int32_t askBootstrapServer(mappingsTable* table, vesk_request* req,
-                                       veskProxy* bootstrap) {
+                                       veskProxy* bootstrap, std::uint32_t lock) {
   const auto interval = static_cast<std::int32_t>(table->proxyRetryInterval);
   if (bootstrap->initProxy(bootstrap, req, table->bootstrapServer, interval, 1) != 0)
     return 0;
   std::int32_t sequence = 0;
   propertyTable* servers = bootstrap->fetchProps(req, bootstrap, kClusterSet, &sequence);
-  return servers ? applyBootstrapList(table, req, servers, sequence) : 0;
+  return servers ? applyBootstrapList(table, req, servers, sequence, lock) : 0;
 }
 
-std::int32_t retrieveServersFromBootstrapServer(mappingsTable* table, vesk_request* req) {
+std::int32_t retrieveServersFromBootstrapServer(mappingsTable* table, vesk_request* req,
+                                                std::uint32_t lock) {
   if (!table->bootstrapServer || table->bootstrapServer[0] == '\0') {
     req->log(req, "can't retrieve servers from server, no bootstrap specified.");
     return 0;
@@ -70,7 +91,7 @@ std::int32_t retrieveServersFromBootstrapServer(mappingsTable* table, vesk_reque
   req->trace(req, "trying to bootstrap from \"%s\"", table->bootstrapServer);
   veskProxy* bootstrap = table->newProxy(req);
   if (!bootstrap) return 0;
-  const std::int32_t joined = askBootstrapServer(table, req, bootstrap);
+  const std::int32_t joined = askBootstrapServer(table, req, bootstrap, lock);
   (void)bootstrap->destroyInetProxy(bootstrap, req);  // it never entered the table
   return joined;
 }
@@ -80,13 +101,16 @@ std::int32_t loadServersFromStore(mappingsTable* table, vesk_request* req) {
   return servers ? addRemoteJvms(table, req, servers, 1) : 0;
 }
 
+// Under the guard `stall` another thread may look at what there is so far, so each change
+// takes the lock; without it initMutex keeps all others out.
 // REQUIRES: initMutex.
 static std::int32_t fillTable(mappingsTable* table, vesk_request* req) {
-  if (table->initialized != 0) return 0;
-  std::int32_t joined = retrieveServersFromBootstrapServer(table, req);
+  if (isFilled(table)) return 0;
+  const std::uint32_t lock = guarded(req, Guard::stall) ? 1 : 0;
+  std::int32_t joined = retrieveServersFromBootstrapServer(table, req, lock);
   if (joined == 0) joined = loadServersFromStore(table, req);
   if (joined > 0) {
-    table->initialized = 1;
+    setFilled(table);
     return 0;
   }
   req->log(req, "Couldn't initialize from remote server, Vesk server(s) probably down.");
@@ -96,4 +120,8 @@ static std::int32_t fillTable(mappingsTable* table, vesk_request* req) {
 std::int32_t initTable(mappingsTable* table, vesk_request* req) {
   const SyncGuard guard(req, &table->initMutex, &table->initMutexHeld);
   return fillTable(table, req);
+}
+
+std::int32_t initOrAwaitTable(mappingsTable* table, vesk_request* req) {
+  return table->queue ? awaitTable(table, req) : initTable(table, req);
 }

@@ -13,6 +13,10 @@
 // Takes initMutex.
 [[nodiscard]] std::int32_t initTable(mappingsTable* table, vesk_request* req);
 
+// The table's operation: initTable, or, where a thread of the connector's own fills the
+// table, a wait for that of half a second at most.
+[[nodiscard]] std::int32_t initOrAwaitTable(mappingsTable* table, vesk_request* req);
+
 // Joins the servers that are the values of a table, which it frees, and writes
 // the store: the number of new ones. Known ones are activated. Nothing leaves.
 // `lock` 1: tableMutex is taken here; 0: the caller holds it, or initMutex.
@@ -20,9 +24,10 @@ std::int32_t addRemoteJvms(mappingsTable* table, vesk_request* req,
                            propertyTable* servers, std::uint32_t lock);
 
 // Asks the bootstrap server for the cluster's list and joins it: the number of
-// new servers. REQUIRES: tableMutex, or initMutex while the table is first filled.
+// new servers. `lock` as above.
 [[nodiscard]] std::int32_t retrieveServersFromBootstrapServer(mappingsTable* table,
-                                                              vesk_request* req);
+                                                              vesk_request* req,
+                                                              std::uint32_t lock);
 
 // Joins the servers of the store and writes it back: the number of new servers,
 // 0 if none. Blocks on the file and on the servers.

@@ -4,6 +4,15 @@
 
 #include "context/text.h"
 
+// Whoever sees the table filled must see all that filled it.
+bool isFilled(mappingsTable* table) {
+  return std::atomic_ref(table->initialized).load(std::memory_order_acquire) != 0;
+}
+
+void setFilled(mappingsTable* table) {
+  std::atomic_ref(table->initialized).store(1, std::memory_order_release);
+}
+
 bool isClustered(mappingsTable* table) {
   return std::atomic_ref(table->clustered).load() != 0;
 }

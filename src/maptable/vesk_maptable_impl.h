@@ -31,6 +31,9 @@ constexpr std::int32_t kRequestServed = 0;
 constexpr std::int32_t kRequestFailed = -1;
 constexpr std::int32_t kRequestNotOurs = -2;
 
+struct maintenanceQueue;
+struct maintenanceThread;
+
 struct proxyList {
   veskProxy* proxies[kMaxProxies];    // in order of joining
   std::uint32_t active[kMaxProxies];  // non-zero: takes part in this list
@@ -47,6 +50,12 @@ struct mappingBalance {
   std::uint32_t slotsStale;  // 1: weightSlots must be rebuilt before use
   std::int64_t totalWeight;  // of the active entries at the last build
   std::uint32_t anyActive;   // 1 while an entry of the list is active
+};
+
+// A server that the cluster's list names and that couldn't join; see awaited_servers.h.
+struct awaitedServer {
+  char name[kProxyNameSize];
+  std::int64_t nextAttempt;  // seconds since the epoch
 };
 
 // Values of tableUse.
@@ -75,7 +84,9 @@ struct mappingsTable {
 
   void* tableMutex;
   std::int32_t tableMutexHeld;
-  std::uint32_t initialized;  // under initMutex; 1 for ever after one success
+  // 1 for ever after one success. Written under initMutex, also read without it:
+  // atomically, see isFilled.
+  std::uint32_t initialized;
   void* initMutex;
   std::int32_t initMutexHeld;
 
@@ -102,9 +113,20 @@ struct mappingsTable {
 
   // Makes each server of the table: a new proxy with one reference, or null.
   veskProxy* (*newProxy)(vesk_request* req);
+
+  // With the guard `comeback`, under tableMutex.
+  awaitedServer awaited[kMaxProxies];
+  std::int32_t awaitedCount;
+  // With the guard `stall`; written by veskinit and veskend. Null: requests do the work.
+  maintenanceThread* maintenance;
+  maintenanceQueue* queue;
 };
 static_assert(std::is_trivial_v<mappingsTable> &&
               std::is_standard_layout_v<mappingsTable>);
+
+// Access to `initialized`.
+[[nodiscard]] bool isFilled(mappingsTable* table);
+void setFilled(mappingsTable* table);
 
 // Access to `clustered`.
 [[nodiscard]] bool isClustered(mappingsTable* table);

@@ -2,7 +2,9 @@
 
 #include <atomic>
 
+#include "context/guards.h"
 #include "context/vesk_request.h"
+#include "maptable/maintenance.h"
 #include "maptable/table_lifecycle.h"
 #include "nsapi/filter_stage.h"
 #include "nsapi/host_locks.h"
@@ -35,6 +37,17 @@ static void makeTable(const TableOptions* options) {
   if (table) (void)table->ignoreSuffixMap(table, &globalRequest, options->ignoreSuffix);
 }
 
+// The thread's record is one of start-up, with the lasting memory of that, but with the
+// limits of a request: those of start-up are still zeroes.
+static void startThread(mappingsTable* table) {
+  if (!table || !guarded(&globalRequest, Guard::stall)) return;
+  vesk_request model = globalRequest;
+  model.connectTimeout = soTimeouts[0];
+  model.sendTimeout = soTimeouts[1];
+  model.recvTimeout = soTimeouts[2];
+  startMaintenance(table, &model);
+}
+
 int veskinit(pblock* pb, Session* /*sn*/, Request* /*rq*/) {
   // A host that restarts within one process comes here again after veskend.
   setShuttingDown(false);
@@ -56,6 +69,7 @@ int veskinit(pblock* pb, Session* /*sn*/, Request* /*rq*/) {
   readGuardOptions(pb);
   makeTable(&options);
   readErrorUrl(pb);
+  startThread(getMappingsTable());
   daemon_atrestart(veskend, nullptr);
   return REQ_PROCEED;
 }
@@ -82,5 +96,6 @@ void veskend(void* /*data*/) {
   // Taken from its place first: a stage that starts now finds no table.
   mappingsTable* table = getMappingsTable();
   setMappingsTable(nullptr);
+  if (table) stopMaintenance(table, &globalRequest);
   mappingsTableDelete(table, &globalRequest);
 }

@@ -10,15 +10,21 @@ static std::int32_t pingServer(vesk_request* req, veskProxy* proxy) {
   return proxy->sendPing(proxy, req);
 }
 
-ConversationScope::ConversationScope(vesk_request* owner) : req(owner) {
+ConversationScope::ConversationScope(vesk_request* owner)
+    : req(owner), outerDeadline(owner->deadline) {
   startReadAhead(req, &ahead);
-  req->pingServer = pingServer;
+  if (req->conversationLimit != 0) {
+    req->deadline = req->ticks(req) + req->conversationLimit;
+  } else {
+    req->pingServer = pingServer;
+  }
 }
 
 // The buffer goes with the scope: nothing may find it in the record any more.
 ConversationScope::~ConversationScope() {
   req->readAhead = nullptr;
   req->pingServer = nullptr;
+  req->deadline = outerDeadline;
 }
 
 // One try to open a conversation on a connection.

@@ -62,7 +62,8 @@ struct ConversationKind {
 };
 
 // What a request needs while it converses: it reads ahead, and a receive limit is put
-// off while the server takes pings. For locals only.
+// off while the server takes pings, unless `conversationLimit` sets an end that no ping
+// moves. For locals only.
 struct ConversationScope {
   explicit ConversationScope(vesk_request* owner);
   ~ConversationScope();
@@ -70,6 +71,7 @@ struct ConversationScope {
   ConversationScope& operator=(const ConversationScope&) = delete;
 
   vesk_request* req;
+  std::int64_t outerDeadline;
   veskReadAhead ahead;  // of this conversation's socket alone
 };
 

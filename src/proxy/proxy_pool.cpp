@@ -45,6 +45,15 @@ static bool isConnectDeferredLocked(vesk_request* req, veskProxy* proxy) {
   return true;
 }
 
+// Takes the mark off a server whose connection told nothing against it. With the guard
+// `comeback` that doesn't count for one that is out of service: a conversation that began
+// before would leave it without a timer, and so out for ever.
+// REQUIRES: `lock`.
+static void clearRetryTimeLocked(vesk_request* req, veskProxy* proxy) {
+  const bool out = proxy->balance && !isProxyActive(proxy);
+  if (!out || !guarded(req, Guard::comeback)) setProxyRetryTime(proxy, 0);
+}
+
 // Marks the server as down. A temp proxy has no mark.
 // REQUIRES: `lock`.
 static void markUnreachableLocked(vesk_request* req, veskProxy* proxy, std::int64_t now) {
@@ -69,6 +78,11 @@ static VeskConnection* newPingedConnection(vesk_request* req, veskProxy* proxy,
   }
   *connection = {.next = nullptr, .socket = sock, .idleSince = 0};
   return connection;
+}
+
+void takeOutOfService(vesk_request* req, veskProxy* proxy) {
+  const SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
+  markUnreachableLocked(req, proxy, req->now(req));
 }
 
 static void noteConnectFailure(vesk_request* req, veskProxy* proxy) {
@@ -211,7 +225,7 @@ void returnVeskConnectionToPool(vesk_request* req, veskProxy* proxy,
   {
     SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
     // A connection that comes back whole is the proof that the server can be reached.
-    setProxyRetryTime(proxy, 0);
+    clearRetryTimeLocked(req, proxy);
     connection->idleSince = req->now(req);
     connection->next = proxy->pool->freeConnections;
     proxy->pool->freeConnections = connection;
@@ -233,7 +247,7 @@ static void noteLostConnectionLocked(vesk_request* req, veskProxy* proxy,
     req->traceE(req, kTraceDetail, "%s server unreachable, set proxy retry timer",
                 proxy->name);
   } else {
-    setProxyRetryTime(proxy, 0);
+    clearRetryTimeLocked(req, proxy);
   }
   if (spoilsIdleConnections(req->lastError)) proxy->destroyPooledSockets(req, proxy);
   // A server that lost a connection may have been started anew, with other mappings.

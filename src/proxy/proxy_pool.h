@@ -66,6 +66,9 @@ void returnVeskConnectionToPool(vesk_request* req, veskProxy* proxy,
 void destroyVeskConnection(vesk_request* req, veskProxy* proxy,
                            VeskConnection* connection);
 
+// Marks a server as down that was asked and gave no answer. Takes `lock`.
+void takeOutOfService(vesk_request* req, veskProxy* proxy);
+
 // Closes the connections that have lain idle for too long, where the guard `idle` says
 // so. Takes `lock`; the sockets are closed without it.
 void closeAgedConnections(vesk_request* req, veskProxy* proxy);

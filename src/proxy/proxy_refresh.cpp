@@ -1,5 +1,6 @@
 #include "proxy/proxy_refresh.h"
 
+#include "context/guards.h"
 #include "context/vesk_mutex.h"
 #include "properties/vesk_property.h"
 #include "proxy/mapping_order.h"
@@ -19,6 +20,14 @@ std::int32_t proxy_sendPing(veskProxy* proxy, vesk_request* req) {
   return 1;
 }
 
+std::int32_t answersQuestion(veskProxy* proxy, vesk_request* req) {
+  propertyTable* answer = proxy->fetchProps(req, proxy, "server-props", nullptr);
+  freeProperties(req, answer);  // how it is to be treated was settled when it joined
+  if (answer) return 1;
+  takeOutOfService(req, proxy);
+  return 0;
+}
+
 std::int32_t proxy_isAlive(veskProxy* proxy, vesk_request* req) {
   const std::int64_t now = req->now(req);
   // Read without the lock: an old value costs one ping or puts one off.
@@ -28,7 +37,8 @@ std::int32_t proxy_isAlive(veskProxy* proxy, vesk_request* req) {
     SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
     if (getProxyRetryTime(proxy) > now) return 0;  // another thread has moved it
   }
-  return proxy->sendPing(proxy, req);
+  if (!guarded(req, Guard::comeback)) return proxy->sendPing(proxy, req);
+  return isProxyUnlisted(proxy) ? 0 : answersQuestion(proxy, req);
 }
 
 static bool isRefreshDue(const veskProxy* proxy, std::int64_t now) {

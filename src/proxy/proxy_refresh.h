@@ -6,7 +6,8 @@
 //
 //   nextProxyRetryTime   0           the server is not marked unreachable
 //                        future      retry pause
-//                        past, now   a retry is due
+//                        past, now   a retry is due: a ping, or with the guard
+//                                    `comeback` a question that must be answered
 //   nextMapCheckTime     past, now   the next call refreshes
 //                        future      nothing is due
 //                        kNever      the interval is 0, and a refresh is running
@@ -26,3 +27,8 @@ constexpr std::int32_t kRefreshRetrySeconds = 10;
 [[nodiscard]] std::int32_t proxy_sendPing(veskProxy* proxy, vesk_request* req);
 [[nodiscard]] std::int32_t proxy_isAlive(veskProxy* proxy, vesk_request* req);
 [[nodiscard]] std::int32_t proxy_refreshMappings(veskProxy* proxy, vesk_request* req);
+
+// Whether a server answers a question about itself: 1 or 0. A ping proves only that a
+// kernel takes four bytes, which it does for a process that is stopped as well. One that
+// gives no answer is out of service until its next pause has ended. Blocks.
+[[nodiscard]] std::int32_t answersQuestion(veskProxy* proxy, vesk_request* req);

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 
+#include "context/guards.h"
 #include "context/vesk_mutex.h"
 
 std::int32_t proxyAddRef(veskProxy* proxy, vesk_request* req) {
@@ -22,9 +23,17 @@ void setNextMapCheckTime(vesk_request* /*req*/, veskProxy* proxy, std::int64_t n
   setMapCheckTime(proxy, interval != 0 ? now + interval : kNever);
 }
 
-// An interval of 0 switches the timed retry off, and a timer of 0 says "not marked".
-void setNextProxyRetryTime(vesk_request* /*req*/, veskProxy* proxy, std::int64_t now) {
+std::int32_t retryPause(const vesk_request* req, const veskProxy* proxy) {
   const std::int32_t interval = proxy->proxyRetryInterval;
+  // Out of service without a timer would be out for ever. A temp proxy is in no list.
+  if (interval <= 0 && proxy->balance && guarded(req, Guard::comeback))
+    return kShortPause;
+  return interval;
+}
+
+// An interval of 0 switches the timed retry off, and a timer of 0 says "not marked".
+void setNextProxyRetryTime(vesk_request* req, veskProxy* proxy, std::int64_t now) {
+  const std::int32_t interval = retryPause(req, proxy);
   setProxyRetryTime(proxy, interval != 0 ? now + interval : 0);
 }
 
@@ -67,6 +76,15 @@ void setProxyActive(veskProxy* proxy, bool active) {
   if (!proxy->balance) return;
   std::atomic_ref<std::uint32_t>(proxy->balance->active)
       .store(active ? 1 : 0, std::memory_order_relaxed);
+}
+
+bool isProxyUnlisted(const veskProxy* proxy) {
+  return std::atomic_ref(const_cast<veskProxy*>(proxy)->unlisted)
+             .load(std::memory_order_relaxed) != 0;
+}
+
+void setProxyUnlisted(veskProxy* proxy, bool unlisted) {
+  std::atomic_ref(proxy->unlisted).store(unlisted ? 1 : 0, std::memory_order_relaxed);
 }
 
 std::int64_t getProxyWeight(const veskProxy* proxy) {

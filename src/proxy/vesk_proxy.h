@@ -134,6 +134,9 @@ struct veskProxy {
 
   // Conversations about requests that run at this moment: atomically.
   std::int32_t conversations;
+  // 1: the cluster's list no longer names this server, so no timer brings it back.
+  // Written under the table's `tableMutex`, read without it: atomically.
+  std::uint32_t unlisted;
 };
 static_assert(std::is_trivial_v<veskProxy> && std::is_standard_layout_v<veskProxy>);
 static_assert(std::is_trivial_v<proxyBalance> && std::is_trivial_v<proxyMetrics>);
@@ -142,8 +145,16 @@ static_assert(std::is_trivial_v<proxyBalance> && std::is_trivial_v<proxyMetrics>
 std::int32_t proxyAddRef(veskProxy* proxy, vesk_request* req);
 std::int32_t proxyRelease(veskProxy* proxy, vesk_request* req);
 
+// The pause of a server that names no interval of its own, where the guard `comeback`
+// wants one; seconds.
+constexpr std::int32_t kShortPause = 10;
+
+// Seconds that a server which failed is left alone; 0: for good.
+[[nodiscard]] std::int32_t retryPause(const vesk_request* req, const veskProxy* proxy);
+
 // Set a timer to `now` plus its interval; an interval of 0 means kNever for the
-// mapping check and 0 for the retry. REQUIRES: `lock`.
+// mapping check and 0 for the retry. With the guard `comeback` a server that is out of
+// service always has a retry timer that ends. REQUIRES: `lock`.
 void setNextMapCheckTime(vesk_request* req, veskProxy* proxy, std::int64_t now);
 void setNextProxyRetryTime(vesk_request* req, veskProxy* proxy, std::int64_t now);
 
@@ -156,6 +167,8 @@ void setNextProxyRetryTime(vesk_request* req, veskProxy* proxy, std::int64_t now
 // nothing about locks: their callers hold what the fields ask for.
 [[nodiscard]] bool isProxyActive(const veskProxy* proxy);  // false on a temp proxy
 void setProxyActive(veskProxy* proxy, bool active);        // no-op on a temp proxy
+[[nodiscard]] bool isProxyUnlisted(const veskProxy* proxy);
+void setProxyUnlisted(veskProxy* proxy, bool unlisted);
 [[nodiscard]] std::int64_t getProxyWeight(const veskProxy* proxy);
 void setProxyWeight(veskProxy* proxy, std::int64_t weight);
 [[nodiscard]] std::int64_t getProxyRetryTime(const veskProxy* proxy);

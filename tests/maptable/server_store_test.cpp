@@ -19,24 +19,24 @@ class ServerStore : public MapTable {
 };
 
 TEST_F(ServerStore, holdsTheActiveFirstAndNotTheBootstrapServer) {
-  EXPECT_EQ(persistServers(table, t.req), 0);
+  EXPECT_EQ(persistServers(table, t.req, 0), 0);
   EXPECT_FALSE(fs::exists(path));  // an empty table says nothing
   join("boot:1");
-  EXPECT_EQ(persistServers(table, t.req), 0);
+  EXPECT_EQ(persistServers(table, t.req, 0), 0);
   EXPECT_EQ(stored(), "proxyservers=");
   join("a:1");
   veskProxy* b = join("b:1");
   join("c:1");
   remove(b);
-  EXPECT_EQ(persistServers(table, t.req), 0);
+  EXPECT_EQ(persistServers(table, t.req, 0), 0);
   EXPECT_EQ(stored(), "proxyservers=a:1;c:1;b:1;");
   EXPECT_EQ(t.tracedE("persisted servers in " + path + ": proxyservers=a:1;"), 1);
   fs::remove(path);
-  EXPECT_EQ(persistServers(table, t.req), 0);
+  EXPECT_EQ(persistServers(table, t.req, 0), 0);
   EXPECT_FALSE(fs::exists(path));
   EXPECT_EQ(t.traced("no changes to serverstore " + path), 1);
   EXPECT_EQ(addProxy(table, b, t.req, 1), 0);  // order alone is a change
-  EXPECT_EQ(persistServers(table, t.req), 0);
+  EXPECT_EQ(persistServers(table, t.req, 0), 0);
   EXPECT_EQ(stored(), "proxyservers=a:1;b:1;c:1;");
 }
 
@@ -79,7 +79,7 @@ TEST_F(ServerStore, hostileFilesAreReportedOnce) {
   EXPECT_THAT(t.logLines, ::testing::ElementsAre("could not read contents of " + path +
                                                  ": Is a directory"));
   join("a:1");
-  EXPECT_EQ(persistServers(table, t.req), -1);
+  EXPECT_EQ(persistServers(table, t.req, 0), -1);
   EXPECT_EQ(t.logged("could not open \"" + path + "\": Is a directory"), 1);
   fs::remove(path);
   std::ofstream(path) << "proxyservers=b:1;";
@@ -92,6 +92,6 @@ TEST_F(ServerStore, hostileFilesAreReportedOnce) {
 TEST_F(ServerStore, fullDiskIsAFailureAndTriedAgain) {
   makeTable("/dev/full", nullptr);
   join("a:1");
-  for (int i = 0; i < 2; ++i) EXPECT_EQ(persistServers(table, t.req), -1);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(persistServers(table, t.req, 0), -1);
   EXPECT_EQ(t.logged("could not persist servers in /dev/full: No space left on"), 2);
 }

@@ -61,7 +61,7 @@ TEST_F(Startup, knownServersReturnAndDontCount) {
   makeTable(nullptr, "boot:1");
   remove(join("a:1"));
   join("b:1");
-  EXPECT_EQ(retrieveServersFromBootstrapServer(table, t.req), 0);
+  EXPECT_EQ(retrieveServersFromBootstrapServer(table, t.req, 0), 0);
   EXPECT_EQ(names(table->masterList), " a:1 b:1");
   EXPECT_EQ(table->bootstrapped, 0U);
 }

@@ -1,0 +1,77 @@
+#include "maptable/table_refresh.h"
+
+#include <cerrno>
+
+#include "context/guards.h"
+#include "context/memory.h"
+#include "maptable/awaited_servers.h"
+#include "maptable/membership.h"
+#include "maptable/server_join.h"
+#include "maptable/table_guard.h"
+#include "proxy/proxy_pool.h"
+#include "proxy/proxy_refresh.h"
+
+// The walk changes the flags that it tests, so it goes over a copy of the list.
+static proxyList copyOfServers(mappingsTable* table, vesk_request* req,
+                               std::uint32_t lock) {
+  const TableGuard guard(table, req, lock);
+  return table->masterList;
+}
+
+// A server that had a time for its answer and missed it can't be told from one that is
+// gone: requests should not wait for it either.
+static void judgeFailedRefresh(vesk_request* req, veskProxy* proxy) {
+  if (req->conversationLimit != 0 && req->lastError == ETIMEDOUT)
+    takeOutOfService(req, proxy);
+}
+
+static void refreshServer(mappingsTable* table, vesk_request* req, veskProxy* proxy,
+                          bool activeInTable, std::uint32_t lock) {
+  closeAgedConnections(req, proxy);
+  if (!activeInTable) {
+    if (proxy->isAlive(proxy, req) == 0) return;
+    if (addProxy(table, proxy, req, lock) < 0) return;
+  }
+  const std::int32_t refreshed = proxy->refreshMappings(proxy, req);
+  if (refreshed == 0) updateProxy(table, proxy, req, lock);
+  if (refreshed < 0) judgeFailedRefresh(req, proxy);
+  if (refreshed < 0 && !isProxyActive(proxy)) removeProxy(table, proxy, req, lock);
+}
+
+// The list is empty without the guard `comeback`.
+static void admitAwaited(mappingsTable* table, vesk_request* req, std::uint32_t lock) {
+  // Each pass puts one name off, or takes it off the list: so this ends.
+  for (char name[kProxyNameSize]; !isShuttingDown();) {
+    {
+      const TableGuard guard(table, req, lock);
+      if (!nextAwaited(table, req, name)) return;
+    }
+    req->lastError = 0;
+    const ServerJoin outcome = admitServer(table, req, name, lock);
+    if (outcome == ServerJoin::later) continue;
+    const TableGuard guard(table, req, lock);
+    if (outcome == ServerJoin::known) forgetAwaited(table, name);
+    if (outcome != ServerJoin::known && outcome != ServerJoin::joined)
+      (void)awaitServer(table, req, name);  // it stands there
+  }
+}
+
+void refreshServers(mappingsTable* table, vesk_request* req, std::uint32_t lock) {
+  const proxyList snapshot = copyOfServers(table, req, lock);
+  for (std::int32_t i = 0; i < snapshot.count && !isShuttingDown(); ++i) {
+    // On the connector's own thread one server's failure is no business of the next.
+    if (lock) req->lastError = 0;
+    refreshServer(table, req, snapshot.proxies[i], snapshot.active[i] != 0, lock);
+  }
+  admitAwaited(table, req, lock);
+}
+
+void reviveServers(mappingsTable* table, vesk_request* req, std::uint32_t lock) {
+  const proxyList snapshot = copyOfServers(table, req, lock);
+  for (std::int32_t i = 0; i < snapshot.count && !isShuttingDown(); ++i) {
+    veskProxy* proxy = snapshot.proxies[i];
+    if (snapshot.active[i] != 0 || isProxyUnlisted(proxy)) continue;
+    req->lastError = 0;
+    if (answersQuestion(proxy, req) != 0) (void)addProxy(table, proxy, req, lock);
+  }
+}
