@@ -40,7 +40,7 @@ static int runStages(const Stages& stages, HostRequest* request) {
 
 // Gives the browser what the stages have come to: false when the response can't
 // be called complete.
-static bool answer(ServerState* server, HostRequest* request, int result) {
+static bool giveAnswer(ServerState* server, HostRequest* request, int result) {
   switch (judgeService({result, request->responseStarted})) {
     case Answer::none:
       return serveStatic(server, request);
@@ -56,7 +56,10 @@ static bool answer(ServerState* server, HostRequest* request, int result) {
   return false;
 }
 
-static bool serve(ServerState* server, HttpExchange* exchange, HostRequest* request) {
+// Without memory for the records there is nobody to ask and nothing to answer
+// with: the connection just ends.
+static bool readAndAnswer(ServerState* server, HttpExchange* exchange,
+                          HostRequest* request) {
   if (!openRequest(request, exchange)) return false;
   int refusal = exchange->readHead(request);
   if (refusal) {
@@ -65,7 +68,7 @@ static bool serve(ServerState* server, HttpExchange* exchange, HostRequest* requ
     return false;
   }
   const int result = runStages(*server->stages, request);
-  const bool complete = answer(server, request, result);
+  const bool complete = giveAnswer(server, request, result);
   return complete && !endsConnection(result);
 }
 
@@ -73,7 +76,7 @@ int runRequest(ServerState* server, mg_connection* connection) try {
   HttpExchange exchange(server, connection);
   HostRequest request;
   RunningRequest running(&request);
-  bool complete = serve(server, &exchange, &request);
+  bool complete = readAndAnswer(server, &exchange, &request);
   exchange.finish(complete);
   return request.status_num > 0 ? request.status_num : kServerError;
 } catch (const std::bad_alloc&) {

@@ -29,7 +29,9 @@ static const Stages* stagesOf(request_rec* r) {
   return config ? config->stages : nullptr;
 }
 
-static int failure(request_rec* r, const HostRequest& request) {
+// The page about a failure is httpd's own; what it takes from the plug-in is put
+// into the request.
+static int putFailure(request_rec* r, const HostRequest& request) {
   const FailureHead head = failureHead(request.status_num, request.reason);
   if (head.recorded) putErrorHead(r, &request);
   return head.status;
@@ -44,7 +46,7 @@ static int translate(request_rec* r, const Stages& stages) {
     case StageVerdict::declined:
       return DECLINED;
     case StageVerdict::failed:
-      return failure(r, request);
+      return putFailure(r, request);
     case StageVerdict::done:
       break;
   }
@@ -79,7 +81,7 @@ static int runTypeStage(RequestState* state, request_rec* r, const Stages& stage
   RunningStage running(&request);
   if (!putPaths(state, r)) return HTTP_INTERNAL_SERVER_ERROR;
   const int result = stages.runStage(Stage::objectType, &request.session, &request);
-  if (judgeStage(result) == StageVerdict::failed) return failure(r, request);
+  if (judgeStage(result) == StageVerdict::failed) return putFailure(r, request);
   if (stages.serves(&request)) {
     claim(state, r);
   } else {
@@ -88,7 +90,7 @@ static int runTypeStage(RequestState* state, request_rec* r, const Stages& stage
   return DECLINED;
 }
 
-static int type(request_rec* r) {
+static int findType(request_rec* r) {
   const Stages* stages = stagesOf(r);
   if (!stages || !concernsPlugin(r)) return DECLINED;
   RequestState* state = stateOf(r);
@@ -121,7 +123,7 @@ static int giveBack(RequestState* state, request_rec* r) {
 
 // A refusal of httpd's own comes first: it has kept the head from going out, and
 // the plug-in knows only that its response failed.
-static int answer(RequestState* state, request_rec* r, int result) {
+static int giveAnswer(RequestState* state, request_rec* r, int result) {
   HostRequest& request = state->request;
   if (state->exchange.refusal() && r->bytes_sent == 0) return state->exchange.refusal();
   const Answer verdict = judgeService({result, request.responseStarted});
@@ -129,7 +131,7 @@ static int answer(RequestState* state, request_rec* r, int result) {
     case Answer::none:
       return giveBack(state, r);
     case Answer::failure:
-      return failure(r, request);
+      return putFailure(r, request);
     case Answer::bare:
       (void)startResponse(&request);
       break;
@@ -141,12 +143,12 @@ static int answer(RequestState* state, request_rec* r, int result) {
   return OK;
 }
 
-static int serve(RequestState* state, request_rec* r, const Stages& stages) {
+static int runService(RequestState* state, request_rec* r, const Stages& stages) {
   HostRequest& request = state->request;
   RunningStage running(&request);
   if (!putClient(state, r)) return HTTP_INTERNAL_SERVER_ERROR;
   int result = stages.runStage(Stage::service, &request.session, &request);
-  return answer(state, r, result);
+  return giveAnswer(state, r, result);
 }
 
 }  // namespace host
@@ -163,22 +165,22 @@ int nsapiEndTranslation(request_rec*) {
 }
 
 int nsapiType(request_rec* r) {
-  return host::awaitsIndex(r) ? DECLINED : host::type(r);
+  return host::awaitsIndex(r) ? DECLINED : host::findType(r);
 }
 
 int nsapiTypeFolder(request_rec* r) {
-  return host::type(r);
+  return host::findType(r);
 }
 
 // After mod_dir has gone over to an index file, the claim is one of the
 // sub-request that found it: the request's own state is made here.
 int nsapiServe(request_rec* r) {
   if (!r->handler || std::strcmp(r->handler, host::kHandler) != 0) return DECLINED;
-  int status = host::type(r);
+  int status = host::findType(r);
   if (status != DECLINED) return status;
   const host::Stages* stages = host::stagesOf(r);
   host::RequestState* state = stages ? host::stateOf(r) : nullptr;
   if (!state || !state->typed) return DECLINED;
   if (host::isTooLong(r)) return HTTP_REQUEST_ENTITY_TOO_LARGE;
-  return host::serve(state, r, *stages);
+  return host::runService(state, r, *stages);
 }
