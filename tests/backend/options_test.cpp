@@ -29,10 +29,12 @@ TEST(options, givenOnesReplaceTheDefaults) {
             "mapcheck=10\nproxyretryinterval=10\nweight=1\nalgorithm=ROUNDROBIN\n"
             "sticky=true\nrep_id=A001\n/demo/*=demo\n*.jsp=demo\n****1234");
   EXPECT_EQ(outcome({"--listen=1.2.3.4:80", "--mapping", "/a/*=x=y",
-                     "--mapping=*.do=", "--sticky", "false", "--weight", "-3",
-                     "--load-value=4000000000", "--buddies=B002,C003"}),
+                     "--mapping=*.do=", R"(--mapping=/a\b=c\d)", "--sticky", "false",
+                     "--weight", "-3", "--load-value=4000000000", "--buddies=B002,C003"}),
             "mapcheck=10\nproxyretryinterval=10\nweight=-3\nalgorithm=ROUNDROBIN\n"
-            "sticky=false\nrep_id=\n/a/*=x=y\n*.do=\nB002C0034000000000");
+            "sticky=false\nrep_id=\n/a/*=x=y\n*.do=\n/a\\b=c\\\\d\n"
+            "B002C0034000000000")
+      << "a backslash is doubled in a value alone";
 }
 
 static void expectRefused(const std::vector<const char*>& arguments) {

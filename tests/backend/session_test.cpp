@@ -23,11 +23,6 @@ TEST(sessionId, isTakenApartAndPutTogether) {
   }
 }
 
-TEST(sessionId, buddiesHaveFourCharactersEach) {
-  EXPECT_EQ(backend::buddyText({"B002", "C003xyz", "*"}), "B002C003****");
-  EXPECT_EQ(backend::buddyText({}), "");
-}
-
 // Two servers of one machine must not own each other's sessions.
 TEST(sessionId, eachPortGivesAnotherRepId) {
   std::set<std::string> seen;
