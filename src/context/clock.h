@@ -22,5 +22,8 @@ void gtod(timeval* now);
 // is not used.
 [[nodiscard]] std::int64_t monotonicMillis(vesk_request* req);
 
+// Microseconds of the same clock, for durations that are only told.
+[[nodiscard]] std::int64_t monotonicMicros();
+
 // The default of the operation `now`: seconds since the epoch. `req` is not used.
 [[nodiscard]] std::int64_t wallClockSeconds(vesk_request* req);

@@ -64,7 +64,7 @@ struct veskOutcome {
   std::int32_t kind;      // a kOutcome value
   std::int32_t attempts;  // servers that were tried, each time counted
   char server[64];        // name of the last one; empty: none was
-  char state[3];          // two letters: where the last attempt ended, and why
+  char state[3];          // two letters of proxy/request_outcome.h
   std::int64_t micros;    // microseconds in all attempts together
 };
 

@@ -2,6 +2,9 @@
 
 #include <cerrno>
 
+#include "context/clock.h"
+#include "context/guards.h"
+#include "context/sockets.h"
 #include "context/text.h"
 #include "context/vesk_error.h"
 #include "context/vesk_mutex.h"
@@ -12,6 +15,8 @@
 #include "maptable/selection.h"
 #include "maptable/vesk_session.h"
 #include "proxy/proxy_error.h"
+#include "proxy/replay.h"
+#include "proxy/request_outcome.h"
 
 constexpr std::int32_t kFindMapping = -1;
 constexpr std::int32_t kNoSequence = -1;
@@ -37,7 +42,11 @@ enum class Search {
 };
 
 // What a failed attempt leads to.
-enum class Verdict { tryAgain, giveUp };
+enum class Verdict {
+  tryAgain,
+  giveUp,  // the request ends as the attempt has left it
+  answer,  // it ends, and the browser is told
+};
 
 static bool findMapping(Dispatch* dispatch) {
   dispatch->index =
@@ -101,6 +110,7 @@ static Search chooseProxy(Dispatch* dispatch) {
 static void reportNoServer(const Dispatch* dispatch) {
   vesk_request* req = dispatch->req;
   req->deferError = 0;
+  req->outcome.kind = kOutcomeFailed;
   req->lastError = ETIMEDOUT;
   proxyerror(req, nullptr);
   req->log(req,
@@ -110,11 +120,21 @@ static void reportNoServer(const Dispatch* dispatch) {
            orElse(dispatch->table->serverStore, "<null>"));
 }
 
+// One attempt, with what is to be told of it afterwards.
+static std::int32_t attempt(const Dispatch* dispatch, std::int32_t* sequence) {
+  vesk_request* req = dispatch->req;
+  veskProxy* proxy = dispatch->proxy;
+  beginOutcome(req, proxy);
+  const std::int64_t begin = monotonicMicros();
+  const std::int32_t result = proxy->handleRequest(req, proxy, dispatch->extra, sequence);
+  endOutcome(req, result == kRequestServed, monotonicMicros() - begin);
+  return result;
+}
+
 static std::int32_t forward(const Dispatch* dispatch) {
   veskProxy* proxy = dispatch->proxy;
   std::int32_t sequence = kNoSequence;
-  const std::int32_t result =
-      proxy->handleRequest(dispatch->req, proxy, dispatch->extra, &sequence);
+  const std::int32_t result = attempt(dispatch, &sequence);
   if (result == kRequestServed && sequence >= 0)
     updateClusteredServers(dispatch->table, dispatch->req, proxy, sequence);
   return result;
@@ -150,6 +170,23 @@ static bool confirmGone(const Dispatch* dispatch) {
   return true;
 }
 
+// How a request ends that no further server may see. With the guard `attempt` the browser
+// always gets an answer of the connector's; without it, the host's own error page.
+static Verdict endingOf(const vesk_request* req) {
+  return guarded(req, Guard::attempt) ? Verdict::answer : Verdict::giveUp;
+}
+
+// Whether anything forbids another attempt, whoever could make it: a response that the
+// browser has in part, a request that may have been carried out, a time that is over.
+static bool isLastAttempt(const Dispatch* dispatch) {
+  vesk_request* req = dispatch->req;
+  if (req->responseStarted && guarded(req, Guard::partial)) return true;
+  if (isPastDeadline(req)) return true;
+  if (mayReplay(req)) return false;
+  reportNoReplay(req, dispatch->proxy);
+  return true;
+}
+
 // Draws the conclusions of a failed attempt.
 static Verdict concludeFailure(Dispatch* dispatch) {
   vesk_request* req = dispatch->req;
@@ -158,19 +195,36 @@ static Verdict concludeFailure(Dispatch* dispatch) {
               dispatch->proxy->name, req->lastError, describeError(req->lastError));
   removeIfUnreachable(dispatch);
   if (req->lastError == EVESK_CLIENT_DOWN || !isClustered(table)) return Verdict::giveUp;
+  if (isLastAttempt(dispatch)) return Verdict::answer;
   if (tryAnotherProxy(req, table, &dispatch->failed, dispatch->proxy, 1) != 0)
     return Verdict::tryAgain;
   // A server that has gone comes back into the table without a ping as long as the
   // cluster's list names it, and may so be chosen twice. That spends the one
   // attempt beyond the distinct servers: from then on, only untried ones follow.
-  if (!confirmGone(dispatch)) return Verdict::giveUp;
+  if (!confirmGone(dispatch)) return endingOf(req);
   dispatch->untriedOnly = true;
   return Verdict::tryAgain;
 }
 
-static std::int32_t endRequest(const Dispatch* dispatch, std::int32_t result) {
+// The attempts have only logged, as long as another could follow: now the browser is told
+// what the last one came to.
+static void answerFailure(const Dispatch* dispatch) {
+  vesk_request* req = dispatch->req;
+  if (!req->deferError || req->responseStarted) return;
+  req->deferError = 0;
+  proxyerror(req, dispatch->proxy);
+}
+
+static std::int32_t endRequest(const Dispatch* dispatch, std::int32_t result,
+                               Verdict verdict) {
+  if (result != kRequestServed && verdict == Verdict::answer) answerFailure(dispatch);
   dispatch->proxy->requestEnded(dispatch->proxy, dispatch->req);
   return result;
+}
+
+static std::int32_t declineRequest(vesk_request* req) {
+  req->outcome.kind = kOutcomeDeclined;
+  return kRequestNotOurs;
 }
 
 static std::int32_t dispatchRequest(Dispatch* dispatch) {
@@ -178,19 +232,20 @@ static std::int32_t dispatchRequest(Dispatch* dispatch) {
   for (;;) {
     switch (chooseProxy(dispatch)) {
       case Search::noMapping:
-        if (!findMapping(dispatch)) return kRequestNotOurs;
+        if (!findMapping(dispatch)) return declineRequest(dispatch->req);
         continue;
       case Search::nobody:
         reportNoServer(dispatch);
         return result;
       case Search::noneUntried:
-        return endRequest(dispatch, result);
+        return endRequest(dispatch, result, endingOf(dispatch->req));
       case Search::found:
         break;
     }
     result = forward(dispatch);
-    if (result == kRequestServed || concludeFailure(dispatch) == Verdict::giveUp)
-      return endRequest(dispatch, result);
+    if (result == kRequestServed) return endRequest(dispatch, result, Verdict::giveUp);
+    const Verdict verdict = concludeFailure(dispatch);
+    if (verdict != Verdict::tryAgain) return endRequest(dispatch, result, verdict);
   }
 }
 
@@ -206,7 +261,8 @@ std::int32_t handleRequestWithIndex(mappingsTable* table, vesk_request* req,
   dispatch.proxy = nullptr;
   dispatch.untriedOnly = false;
   dispatch.failed.count = 0;
-  if (index < 0 && !findMapping(&dispatch)) return kRequestNotOurs;
+  if (index < 0 && !findMapping(&dispatch)) return declineRequest(req);
+  if (guarded(req, Guard::attempt)) req->markResponse(req);
   req->sessionId = getSessionId(req);
   const std::int32_t result = dispatchRequest(&dispatch);
   if (req->sessionId) req->free(req, req->sessionId);

@@ -3,6 +3,7 @@
 #include "context/vesk_error.h"
 #include "proxy/proxy_pool.h"
 #include "proxy/replay.h"
+#include "proxy/request_outcome.h"
 #include "proxy/wire.h"
 
 // A conversation lives on behind a receive limit while its server takes pings.
@@ -44,6 +45,7 @@ static bool tryOpening(vesk_request* req, veskProxy* proxy, std::int32_t sock,
   // A send that failed may have left the first part of the frame with the server.
   const bool anySent = opening->sent || req->bytesSent != before;
   if (opening->isAction && anySent) noteFrameSent(req);
+  if (opening->isAction) noteStage(req, kStageWait);
   return opening->sent && readWord(req, sock, proxy, opening->outCommand) == 0;
 }
 

@@ -11,6 +11,7 @@
 #include "proxy/proxy_error.h"
 #include "proxy/proxy_marshal.h"
 #include "proxy/replay.h"
+#include "proxy/request_outcome.h"
 #include "proxy/wire.h"
 
 // Sends the value of a header or variable; one that is absent goes out empty.
@@ -82,6 +83,7 @@ static Next onPutClient(Conversation* talk) {
   // Also after a failed write: part of the block may have gone out, and no page may
   // follow it as if it were the first.
   req->responseStarted = 1;
+  noteStage(req, kStageBody);
   if (result != -1) return Next::readCommand;
   req->lastError = EVESK_CLIENT_DOWN;
   const bool givenUp = req->clientWriteFailures >= kMaxClientWriteFailures;
@@ -179,6 +181,7 @@ static void refuseCommand(Conversation* talk) {
 // The response is complete. A server that sent no body has not started it yet.
 static void finishService(Conversation* talk) {
   vesk_request* req = talk->req;
+  noteStage(req, kStageEnd);
   req->trace(req, "PROXY_FINISH <- [%d]", talk->sock);
   if (req->writeClient(req, nullptr, 0) == -1) req->lastError = EVESK_CLIENT_DOWN;
 }
@@ -218,7 +221,10 @@ static std::int32_t openService(Conversation* talk, const char* extra) {
 // One attempt on a server that takes it.
 static std::int32_t attempt(Conversation* talk, const char* extra) {
   const ConversationScope scope{talk->req};
-  if (openService(talk, extra) == 0) return runConversation(talk);
+  if (openService(talk, extra) == 0) {
+    noteStage(talk->req, kStageHead);
+    return runConversation(talk);
+  }
   proxyerror(talk->req, talk->proxy);
   return -1;
 }

@@ -6,10 +6,13 @@
 #include <filesystem>
 #include <fstream>
 
+#include "context/guards.h"
 #include "context/vesk_mutex.h"
 #include "maptable/table_lifecycle.h"
 #include "proxy/proxy_error.h"
 #include "proxy/proxy_lifecycle.h"
+#include "proxy/proxy_pool.h"
+#include "proxy/proxy_refresh.h"
 
 static FakeCluster* current = nullptr;
 
@@ -54,9 +57,13 @@ static std::int32_t fakeInit(veskProxy* proxy, vesk_request* req, const char* se
 
 static propertyTable* fakeFetch(vesk_request* req, veskProxy* proxy, const char* set,
                                 std::int32_t* sequence) {
+  FakeServer* server = serverOf(proxy);
+  if (std::strcmp(set, "server-props") == 0) {
+    ++server->questions;
+    return server->up ? parseProperties(req, "") : nullptr;
+  }
   EXPECT_STREQ(set, "clustered-servers");
   *sequence = -1;
-  FakeServer* server = serverOf(proxy);
   if (!server || !server->up) return nullptr;
   ++server->lists;
   *sequence = server->listSequence;
@@ -90,7 +97,7 @@ static std::int32_t fakeRequest(vesk_request* req, veskProxy* proxy, const char*
   *sequence = reply.sequence;
   req->lastError = reply.error;
   if (reply.error == 0) return 0;
-  if (reply.unreachable) setProxyActive(proxy, false);
+  if (reply.unreachable) takeOutOfService(req, proxy);
   if (reply.last) serverOf(proxy)->up = false;
   proxyerror(req, proxy);
   return -1;
@@ -113,7 +120,11 @@ static veskProxy* fakeProxy(vesk_request* req) {
   proxy->fetchProps = fakeFetch;
   proxy->initProxy = fakeInit;
   proxy->refreshMappings = fakeRefresh;
-  proxy->isAlive = proxy->sendPing = [](veskProxy* self, vesk_request*) {
+  proxy->isAlive = [](veskProxy* self, vesk_request* by) {
+    return guarded(by, Guard::comeback) ? proxy_isAlive(self, by)
+                                        : self->sendPing(self, by);
+  };
+  proxy->sendPing = [](veskProxy* self, vesk_request*) {
     ++serverOf(self)->pings;
     if (serverOf(self)->up) return 1;
     setProxyActive(self, false);  // as the pool does

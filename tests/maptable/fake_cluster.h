@@ -39,7 +39,7 @@ struct FakeServer {
   const char* replicationId = nullptr;
 
   // What it was asked.
-  std::atomic<int> pings = 0, refreshes = 0, flushes = 0, lists = 0;
+  std::atomic<int> pings = 0, refreshes = 0, flushes = 0, lists = 0, questions = 0;
 };
 
 struct FakeCluster {

@@ -1,0 +1,56 @@
+#include "proxy/request_outcome.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "context/vesk_error.h"
+
+static char causeOf(std::int32_t error) {
+  switch (error) {
+    case ECONNREFUSED:
+    case EHOSTUNREACH:
+    case EHOSTDOWN:
+    case ENETUNREACH:
+      return 'R';
+    case ETIMEDOUT:
+      return 'T';
+    case ECONNRESET:
+    case EPIPE:
+      return 'X';
+    case EVESK_BUSY:
+      return 'B';
+    case EVESK_PROTOCOL:
+    case 0:  // a word that is no command leaves no error
+      return 'P';
+    case EVESK_CLIENT_DOWN:
+      return 'C';
+    case ENOBUFS:
+      return 'M';
+    default:
+      return 'O';
+  }
+}
+
+void beginOutcome(vesk_request* req, const veskProxy* proxy) {
+  veskOutcome* outcome = &req->outcome;
+  static_assert(sizeof outcome->server == sizeof proxy->name);
+  std::memcpy(outcome->server, proxy->name, sizeof proxy->name);
+  ++outcome->attempts;
+  noteStage(req, kStageConnect);
+}
+
+// A response that ends broken has been noted where that was decided, and stays so. And an
+// answer that the browser didn't take was not served, whatever the server thinks.
+void endOutcome(vesk_request* req, bool served, std::int64_t micros) {
+  veskOutcome* outcome = &req->outcome;
+  outcome->micros += micros;
+  const bool taken = served && req->lastError != EVESK_CLIENT_DOWN;
+  outcome->state[1] = taken ? '-' : causeOf(req->lastError);
+  if (taken) {
+    outcome->kind = kOutcomeServed;
+  } else if (served) {
+    outcome->kind = kOutcomeBroken;
+  } else if (outcome->kind != kOutcomeBroken) {
+    outcome->kind = kOutcomeFailed;
+  }
+}
