@@ -42,7 +42,8 @@ static void joinNamedServer(ClusterUpdate* update, const proxyList* snapshot,
   if (!concernsUpdate(update, snapshot, server)) return;
   const ServerJoin outcome =
       admitServer(update->table, update->req, server, update->lock);
-  if (outcome == ServerJoin::failed) update->failed = true;
+  if (outcome == ServerJoin::failed || outcome == ServerJoin::noMemory)
+    update->failed = true;
   if (outcome == ServerJoin::full) ++update->refused;
 }
 

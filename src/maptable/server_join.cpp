@@ -1,5 +1,7 @@
 #include "maptable/server_join.h"
 
+#include <cerrno>
+
 #include "context/guards.h"
 #include "maptable/awaited_servers.h"
 #include "maptable/membership.h"
@@ -15,11 +17,13 @@ ServerJoin joinServer(mappingsTable* table, vesk_request* req, const char* serve
   veskProxy* proxy = table->newProxy(req);
   if (!proxy) return ServerJoin::noMemory;
   const auto interval = static_cast<std::int32_t>(table->proxyRetryInterval);
+  req->lastError = 0;  // an older reason must not pass for the one of this failure
   if (proxy->initProxy(proxy, req, server, interval, 0) == 0 &&
       addProxy(table, proxy, req, lock) == 0)
     return ServerJoin::joined;
+  const bool starved = req->lastError == ENOBUFS;
   (void)proxy->destroyInetProxy(proxy, req);  // nobody else holds a reference
-  return ServerJoin::failed;
+  return starved ? ServerJoin::noMemory : ServerJoin::failed;
 }
 
 // What the table has to say of a name before anybody is asked.
@@ -48,6 +52,12 @@ static ServerJoin admitNew(mappingsTable* table, vesk_request* req, const char* 
   return awaitServer(table, req, server) ? ServerJoin::later : ServerJoin::failed;
 }
 
+static ServerJoin activateKnown(mappingsTable* table, vesk_request* req, veskProxy* proxy,
+                                std::uint32_t lock) {
+  // There is room for a known one, so nothing but memory can be missing.
+  return addProxy(table, proxy, req, lock) < 0 ? ServerJoin::noMemory : ServerJoin::known;
+}
+
 // A server that is out comes back by its timer, if it has one, and else by an answer: it
 // may have been out because no list named it.
 static ServerJoin admitKnown(mappingsTable* table, vesk_request* req,
@@ -59,7 +69,7 @@ static ServerJoin admitKnown(mappingsTable* table, vesk_request* req,
     req->lastError = 0;  // what another server did doesn't put off this one's connect
     if (answersQuestion(proxy, req) == 0) return ServerJoin::later;
   }
-  return addProxy(table, proxy, req, lock) < 0 ? ServerJoin::failed : ServerJoin::known;
+  return activateKnown(table, req, proxy, lock);
 }
 
 ServerJoin admitServer(mappingsTable* table, vesk_request* req, const char* server,
@@ -70,8 +80,7 @@ ServerJoin admitServer(mappingsTable* table, vesk_request* req, const char* serv
     return known.awaitedLater ? ServerJoin::later : admitNew(table, req, server, lock);
   }
   if (!known.proxy) return joinServer(table, req, server, lock);
-  return addProxy(table, known.proxy, req, lock) < 0 ? ServerJoin::failed
-                                                     : ServerJoin::known;
+  return activateKnown(table, req, known.proxy, lock);
 }
 
 void reportServersRefused(vesk_request* req, std::int32_t refused) {

@@ -5,7 +5,9 @@
 // Threads: `lock` 1: tableMutex is taken here, for the change alone, and not while the
 // server is asked; 0: the caller holds it all along, or initMutex while the table is
 // first filled.
-// Failure: the result; what the server said stands in the proxy's lines. Blocks.
+// Failure: the result; what the server said stands in the proxy's lines. A server that is
+// lost to exhausted memory is told apart from one that is down: the list that named it
+// must not count as applied. Blocks.
 #pragma once
 
 #include "maptable/vesk_maptable_impl.h"
@@ -15,7 +17,7 @@ enum class ServerJoin {
   known,     // it stood in the table and serves
   later,     // it isn't there, and its next attempt is settled: nobody need try again
   failed,    // the server couldn't be set up; the proxy's lines tell why
-  noMemory,  // no proxy could be made
+  noMemory,  // for its proxy, or for its mappings in the table
   full,      // the table takes no more servers
 };
 

@@ -47,63 +47,78 @@ static std::int32_t storeSize(vesk_request* req, std::FILE* file, const char* pa
   return size > 0 ? static_cast<std::int32_t>(size) : 0;
 }
 
-// The file's text, from permMalloc, or null for one that is empty or unreadable.
-static char* readStore(vesk_request* req, std::FILE* file, const char* path) {
+// Reads the file's text into storedServers, which stays null for a file that is empty or
+// unreadable. False without memory.
+static bool readText(mappingsTable* table, vesk_request* req, std::FILE* file) {
+  const char* path = table->serverStore;
   const std::int32_t size = storeSize(req, file, path);
-  if (size == 0) return nullptr;
+  if (size == 0) return true;
   auto* text = static_cast<char*>(newPermBlock(req, std::int64_t{size} + 1));
-  if (!text) return nullptr;
+  if (!text) return false;
   std::rewind(file);
   const std::size_t got = std::fread(text, 1, static_cast<std::size_t>(size), file);
   if (got == 0) {
     reportUnreadable(req, path);
     req->permFree(req, text);
-    return nullptr;
+    return true;
   }
   text[got] = '\0';
-  return text;
+  table->storedServers = text;
+  return true;
 }
 
-// The parsed store, or null; its text stays in storedServers.
-static propertyTable* openStore(mappingsTable* table, vesk_request* req) {
+// The same for the file that is configured, if one is.
+static bool readStore(mappingsTable* table, vesk_request* req) {
   const char* path = table->serverStore;
   if (!isGiven(path)) {
     req->log(req, "can't load servers from serverstore, no serverstore specified.");
-    return nullptr;
+    return true;
   }
   std::FILE* file = req->fileOpen(req, path, "r");
   if (!file) {
     req->log(req, "could not open serverstore \"%s\": %s", path, std::strerror(errno));
-    return nullptr;
+    return true;
   }
   req->trace(req, "loadServersFromStore(%s)", path);
-  table->storedServers = readStore(req, file, path);
+  const bool hadMemory = readText(table, req, file);
   (void)std::fclose(file);  // it was only read
-  return table->storedServers ? parseProperties(req, table->storedServers) : nullptr;
+  return hadMemory;
 }
 
-// Puts the names of a store's value into `servers`, numbered in their order.
-static void splitServers(vesk_request* req, const char* value, propertyTable* servers) {
+// Puts the names of a store's value into `servers`, numbered in their order. False
+// without memory; names that find the table full are left out, with a log line.
+static bool splitNames(vesk_request* req, const char* value, propertyTable* servers) {
   const RequestBlock names{req, req->strdup(req, value)};
-  if (!names.bytes) return;
+  if (!names.bytes) return false;
   char* rest = nullptr;
   std::int32_t number = 0;
   for (const char* name = strtok_r(names.bytes, kSeparators, &rest); name;
        name = strtok_r(nullptr, kSeparators, &rest)) {
     char key[kServerKeySize];
     (void)std::snprintf(key, sizeof(key), "Server_%i", ++number);
-    if (setProperty(req, servers, key, name) < 0) return;  // full, or no memory
+    if (addCopies(req, servers, key, name) < 0) return servers->count == kMaxProperties;
   }
+  return true;
+}
+
+// Adds the names of the store's text. False without memory.
+static bool addStoredNames(vesk_request* req, const char* text, propertyTable* servers) {
+  propertyTable* store = parseProperties(req, text);
+  if (!store) return false;
+  const char* value = getPropertyValue(store, kStoreKey);
+  const bool whole = !value || splitNames(req, value, servers);
+  freeProperties(req, store);
+  return whole;
 }
 
 propertyTable* readStoredServers(mappingsTable* table, vesk_request* req) {
   forgetStored(table, req);
-  propertyTable* store = openStore(table, req);
+  if (!readStore(table, req)) return nullptr;
   propertyTable* servers = parseProperties(req, "");
-  const char* value = getPropertyValue(store, kStoreKey);
-  if (servers && value) splitServers(req, value, servers);
-  freeProperties(req, store);
-  return servers;
+  if (!servers || !table->storedServers) return servers;
+  if (addStoredNames(req, table->storedServers, servers)) return servers;
+  freeProperties(req, servers);
+  return nullptr;
 }
 
 static char* appendText(char* end, const char* text) {

@@ -12,7 +12,8 @@
 #include "maptable/vesk_maptable_impl.h"
 
 // The names in the store, in their order, as the values of a new table, which the
-// caller frees: empty when there is no store or nothing in it; null without memory.
+// caller frees: empty when there is no store or nothing in it. Null without memory: half
+// a list would be written back as the whole.
 // Blocks on the file. REQUIRES: initMutex.
 [[nodiscard]] propertyTable* readStoredServers(mappingsTable* table, vesk_request* req);
 

@@ -13,16 +13,18 @@
 struct ListOutcome {
   std::int32_t joined;  // new servers
   bool complete;        // every server of the list takes part
+  bool starved;         // memory ran out for one
 };
 
 static ListOutcome joinServers(mappingsTable* table, vesk_request* req,
                                const propertyTable* servers, std::uint32_t lock) {
-  ListOutcome list{0, true};
+  ListOutcome list{0, true, false};
   std::int32_t refused = 0;
   for (std::int32_t i = 0; i < servers->count; ++i) {
     const ServerJoin outcome = admitServer(table, req, servers->entries[i].value, lock);
     if (outcome == ServerJoin::joined) ++list.joined;
     if (outcome == ServerJoin::full) ++refused;
+    if (outcome == ServerJoin::noMemory) list.starved = true;
     if (outcome != ServerJoin::joined && outcome != ServerJoin::known)
       list.complete = false;
   }
@@ -30,21 +32,26 @@ static ListOutcome joinServers(mappingsTable* table, vesk_request* req,
   return list;
 }
 
-// Joins the servers of a list, frees it, and keeps them in the store.
+// Joins the servers of a list, frees it, and keeps them in the store; but the store, and
+// a restart with it, would lose a server that memory ran out for.
 static ListOutcome applyList(mappingsTable* table, vesk_request* req,
                              propertyTable* servers, std::uint32_t lock) {
   const ListOutcome list = joinServers(table, req, servers, lock);
-  (void)persistServers(table, req,
-                       lock);  // it has logged; the servers serve all the same
+  // A failed write has been logged; the servers serve all the same.
+  if (!list.starved) (void)persistServers(table, req, lock);
   freeProperties(req, servers);
   return list;
 }
 
+static std::int32_t resultOf(const ListOutcome& list) {
+  return list.starved ? -1 : list.joined;
+}
+
 std::int32_t addRemoteJvms(mappingsTable* table, vesk_request* req,
                            propertyTable* servers, std::uint32_t lock) {
-  if (guarded(req, Guard::stall)) return applyList(table, req, servers, lock).joined;
+  if (guarded(req, Guard::stall)) return resultOf(applyList(table, req, servers, lock));
   const TableGuard guard(table, req, lock);
-  return applyList(table, req, servers, 0).joined;
+  return resultOf(applyList(table, req, servers, 0));
 }
 
 static void adoptSequence(mappingsTable* table, vesk_request* req, std::int32_t sequence,
@@ -68,8 +75,9 @@ static std::int32_t applyBootstrapList(mappingsTable* table, vesk_request* req,
   if (sequence > 0 && early) adoptSequence(table, req, sequence, lock);
   const ListOutcome list = applyList(table, req, servers, lock);
   if (sequence > 0 && !early && list.complete) adoptSequence(table, req, sequence, lock);
-  if (list.joined > 0) table->bootstrapped = 1;
-  return list.joined;
+  if (list.starved) adoptSequence(table, req, 0, lock);  // the next reply brings it anew
+  if (list.joined > 0 && !list.starved) table->bootstrapped = 1;
+  return resultOf(list);
 }
 
 static std::int32_t askBootstrapServer(mappingsTable* table, vesk_request* req,
@@ -98,9 +106,18 @@ std::int32_t retrieveServersFromBootstrapServer(mappingsTable* table, vesk_reque
 
 std::int32_t loadServersFromStore(mappingsTable* table, vesk_request* req) {
   propertyTable* servers = readStoredServers(table, req);
-  return servers ? addRemoteJvms(table, req, servers, 1) : 0;
+  return servers ? addRemoteJvms(table, req, servers, 1) : -1;
 }
 
+static bool hasServers(mappingsTable* table, vesk_request* req, std::uint32_t lock) {
+  const TableGuard guard(table, req, lock);
+  return table->masterList.count > 0;
+}
+
+// A start-up that ran out of memory for a server isn't one: its URIs would go unrouted,
+// and nothing would look for them. The servers that have joined by then are no new ones
+// to the next attempt, so what counts is that the table has any.
+//
 // Under the guard `stall` another thread may look at what there is so far, so each change
 // takes the lock; without it initMutex keeps all others out.
 // REQUIRES: initMutex.
@@ -109,7 +126,7 @@ static std::int32_t fillTable(mappingsTable* table, vesk_request* req) {
   const std::uint32_t lock = guarded(req, Guard::stall) ? 1 : 0;
   std::int32_t joined = retrieveServersFromBootstrapServer(table, req, lock);
   if (joined == 0) joined = loadServersFromStore(table, req);
-  if (joined > 0) {
+  if (joined >= 0 && hasServers(table, req, lock)) {
     setFilled(table);
     return 0;
   }

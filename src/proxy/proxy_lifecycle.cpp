@@ -1,5 +1,6 @@
 #include "proxy/proxy_lifecycle.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -72,7 +73,10 @@ static void copyName(veskProxy* proxy, const char* server) {
 // without mappings serves nothing, and is no use to the table.
 static std::int32_t applyProps(veskProxy* proxy, vesk_request* req,
                                const propertyTable* props, std::int32_t retryInterval) {
-  if (applySettings(proxy, req, props, retryInterval) < 0) return -1;
+  if (applySettings(proxy, req, props, retryInterval) < 0) {
+    req->lastError = ENOBUFS;  // nothing else can fail there
+    return -1;
+  }
   if (proxy_refreshMappings(proxy, req) < 0) {
     req->trace(req, "initProxy failed to initialize mappings");
     return -1;
@@ -86,7 +90,10 @@ static std::int32_t setUpFromServer(veskProxy* proxy, vesk_request* req,
                                     std::int32_t retryInterval) {
   if (veskMetrics) {
     proxy->metrics = newMetrics(req);
-    if (!proxy->metrics) return -1;
+    if (!proxy->metrics) {
+      req->lastError = ENOBUFS;
+      return -1;
+    }
   }
   propertyTable* props = fetchProps(req, proxy, "server-props", nullptr);
   if (!props) {
@@ -102,6 +109,7 @@ static std::int32_t makePool(veskProxy* proxy, vesk_request* req,
                              const ServerAddress& address) {
   proxy->pool = initPool(req, proxy, address.host, address.port);
   if (proxy->pool) return 0;
+  req->lastError = ENOBUFS;
   req->log(req, "initProxy failed to initialize socket pool");
   return -1;
 }

@@ -105,6 +105,7 @@ static std::int32_t fakeRequest(vesk_request* req, veskProxy* proxy, const char*
 
 // The operation `newProxy` of the tables here.
 static veskProxy* fakeProxy(vesk_request* req) {
+  if (current->created >= current->mostCreated) return nullptr;
   veskProxy* proxy = veskProxyNew(req);
   if (!proxy) return nullptr;
   ++current->created;

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <climits>
 #include <deque>
 #include <map>
 #include <string>
@@ -56,6 +57,7 @@ struct FakeCluster {
   std::string asked;      // names given to initProxy, in order, each with a blank
   std::string forwarded;  // servers of all requests, in the same form
   std::atomic<int> created = 0, destroyed = 0, ended = 0;
+  int mostCreated = INT_MAX;    // then there is no memory for one more
   bool recordForwarded = true;  // off while threads run
 };
 

@@ -143,6 +143,9 @@ TEST_F(Membership, returningServerIsFreshAgain) {
   EXPECT_EQ(table->clusterSeq, 0);
   EXPECT_EQ(table->tableUse, kTableChanged);
   EXPECT_EQ(cluster["a:1"].flushes, 1);
+  EXPECT_EQ(t.traced("removeProxy - after"), 1);
+  EXPECT_EQ(t.traced("   /demo*=demo"), 2);
+  EXPECT_EQ(t.traced("      a:1 active: 0"), 1);
   setProxyRetryTime(a, 99);
   EXPECT_EQ(addProxy(table, a, t.req, 1), 0);
   EXPECT_EQ(getProxyRetryTime(a), 0);
