@@ -29,6 +29,7 @@ static void enterNode(veskAttributeIndex* index, veskAttribute* node) {
   *slot = node;
 }
 
+// A list without its index is only slower: nothing else depends on it.
 static void dropIndex(vesk_request* req) {
   if (req->attributeIndex) req->free(req, req->attributeIndex);
   req->attributeIndex = nullptr;
@@ -125,6 +126,8 @@ void freeAttributeNames(vesk_request* req) {
   char** names = req->attributeNames;
   if (!names) return;
   req->attributeNames = nullptr;
+  // Up to the null, wherever it stands: an array that was cut short by a failed copy ends
+  // there.
   for (char** name = names; *name; ++name) req->free(req, *name);
   req->free(req, static_cast<void*>(names));
 }

@@ -14,6 +14,8 @@ static void* checkedBlock(vesk_request* req, Allocator allocate, std::int64_t si
   return allocate(req, static_cast<std::int32_t>(size));
 }
 
+// Cleared by hand: the record's allocators know no cleared blocks, and a host's pool need
+// not clear what it hands out again.
 static void* zeroedBlock(vesk_request* req, Allocator allocate, std::int64_t size) {
   void* block = checkedBlock(req, allocate, size);
   return block ? std::memset(block, 0, static_cast<std::size_t>(size)) : nullptr;

@@ -68,6 +68,7 @@ bool isSpellingOf(const char* name, const char* other) {
 }
 
 // Bytes that `text` takes with each '%' written as three; the NUL not counted.
+// Counted first, so that one allocation is enough; in 64 bits, since it may triple.
 static std::int64_t encodedLength(const char* text) {
   std::int64_t length = 0;
   for (; *text; ++text) length += *text == '%' ? 3 : 1;

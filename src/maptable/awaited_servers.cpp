@@ -16,6 +16,7 @@ static std::int32_t findAwaited(const mappingsTable* table, const char* name) {
 }
 
 static awaitedServer* newAwaited(mappingsTable* table, const char* name) {
+  // As many as the table takes servers: more could never join.
   if (table->awaitedCount >= kMaxProxies) return nullptr;
   awaitedServer* server = &table->awaited[table->awaitedCount++];
   std::memset(server, 0, sizeof *server);
@@ -32,16 +33,19 @@ static std::int64_t pauseOf(const mappingsTable* table) {
 
 bool awaitServer(mappingsTable* table, vesk_request* req, const char* name) {
   const std::int32_t at = findAwaited(table, name);
+  // One that failed again keeps its place and gets a new pause.
   awaitedServer* server = at >= 0 ? &table->awaited[at] : newAwaited(table, name);
   if (server) server->nextAttempt = req->now(req) + pauseOf(table);
   return server != nullptr;
 }
 
+// A name whose time has come counts as unknown, so that whoever meets it next tries it.
 bool isAwaitedLater(const mappingsTable* table, vesk_request* req, const char* name) {
   const std::int32_t at = findAwaited(table, name);
   return at >= 0 && table->awaited[at].nextAttempt > req->now(req);
 }
 
+// The order means nothing: each is tried when its own time has come.
 static void removeAwaited(mappingsTable* table, std::int32_t at) {
   table->awaited[at] = table->awaited[--table->awaitedCount];
 }
@@ -67,6 +71,7 @@ bool nextAwaited(const mappingsTable* table, vesk_request* req, char* name) {
   const std::int64_t now = req->now(req);
   for (std::int32_t i = 0; i < table->awaitedCount; ++i) {
     if (table->awaited[i].nextAttempt > now) continue;
+    // A copy: the attempt runs without the lock, and the entry may move meanwhile.
     std::memcpy(name, table->awaited[i].name, kProxyNameSize);
     return true;
   }

@@ -22,6 +22,8 @@ struct ClusterUpdate {
   std::int32_t refused;          // new servers that found the table full
 };
 
+// 0 is "no number" on the wire and "unknown" in the table; the two must never meet as
+// equal.
 static bool isApplied(const mappingsTable* table, std::int32_t sequence) {
   return sequence == 0 || sequence == table->clusterSeq;
 }
@@ -47,6 +49,7 @@ static void joinNamedServer(ClusterUpdate* update, const proxyList* snapshot,
   if (outcome == ServerJoin::full) ++update->refused;
 }
 
+// The list is short, and names are compared as far as a proxy keeps them.
 static bool isNamed(const propertyTable* servers, const veskProxy* proxy) {
   for (std::int32_t i = 0; i < servers->count; ++i)
     if (isProxyNamed(proxy, servers->entries[i].value)) return true;
@@ -55,9 +58,12 @@ static bool isNamed(const propertyTable* servers, const veskProxy* proxy) {
 
 static void removeUnnamedServers(const ClusterUpdate* update, const proxyList* snapshot) {
   for (std::int32_t i = 0; i < snapshot->count; ++i) {
+    // One that is out already stays as it is: removing it again would clear the number
+    // that this update is about to adopt.
     if (snapshot->active[i] == 0) continue;
     veskProxy* proxy = snapshot->proxies[i];
     if (isNamed(update->servers, proxy)) continue;
+    // Before the removal: from then on its timers may be looked at.
     setProxyUnlisted(proxy, true);
     removeProxy(update->table, proxy, update->req, update->lock);
   }
@@ -68,6 +74,7 @@ static void adoptSequence(const ClusterUpdate* update) {
   mappingsTable* table = update->table;
   vesk_request* req = update->req;
   const TableGuard guard(table, req, update->lock);
+  // A list that couldn't be applied whole is not applied: the next reply tries again.
   if (update->failed) {
     req->traceE(req, kTraceState, "%s error updating clusters so seq is %d",
                 update->source->name, static_cast<std::int32_t>(table->clusterSeq));
@@ -99,6 +106,8 @@ static void applyList(ClusterUpdate* update) {
   adoptSequence(update);
 }
 
+// Asked twice, before the list is fetched and after: another thread may have applied it
+// while this one was reading.
 static bool isKnown(mappingsTable* table, vesk_request* req, std::int32_t sequence,
                     std::uint32_t lock) {
   const TableGuard guard(table, req, lock);
@@ -114,6 +123,8 @@ void applyClusterNews(mappingsTable* table, vesk_request* req, veskProxy* proxy,
   }
   req->traceE(req, kTraceState, "%s cluster info is stale %d, refreshing ...",
               proxy->name, sequence);
+  // The number that comes with the list replaces the one that came with the reply: the
+  // list may have changed once more in between.
   propertyTable* servers = proxy->fetchProps(req, proxy, kClusterSet, &sequence);
   if (!servers || servers->count == 0) {
     req->traceE(req, kTraceState, "%s clustered-servers not updated", proxy->name);

@@ -29,6 +29,7 @@ struct maintenanceThread {
 // each conversation gets an end that doesn't depend on them.
 static void limitWaits(vesk_request* req) {
   const std::int32_t limit = veskMaintenanceTimeout * kMillisPerSecond;
+  // The answer as a whole; the limits of the single waits below would add up.
   req->conversationLimit = limit;
   req->endsAtShutdown = 1;
   for (std::int32_t* wait : {&req->connectTimeout, &req->sendTimeout, &req->recvTimeout})
@@ -59,6 +60,8 @@ void maintainTable(mappingsTable* table, vesk_request* req, const MaintenanceWor
   refreshServers(table, req, 1);
 }
 
+// The first round comes before the first sleep: the table is filled when the web server
+// has started, and not when the first request is already waiting.
 static void* runMaintenance(void* argument) {
   auto* maintenance = static_cast<maintenanceThread*>(argument);
   mappingsTable* table = maintenance->table;
@@ -87,6 +90,7 @@ static maintenanceThread* newThread(mappingsTable* table, const vesk_request* mo
       static_cast<maintenanceThread*>(newPermBlock(req, sizeof(maintenanceThread)));
   if (!made) return nullptr;
   made->table = table;
+  // A copy: the model is a local of the start-up thread.
   made->request = *model;
   limitWaits(&made->request);
   if (createQuietly(&made->thread, made) == 0) return made;
@@ -95,6 +99,7 @@ static maintenanceThread* newThread(mappingsTable* table, const vesk_request* mo
 }
 
 void startMaintenance(mappingsTable* table, const vesk_request* model) {
+  // The model is shown to be untouched; making the queue writes lastError at most.
   vesk_request req = *model;
   if (openQueue(table, &req) == 0) {
     table->maintenance = newThread(table, model, &req);

@@ -41,6 +41,7 @@ std::int32_t openQueue(mappingsTable* table, vesk_request* req) {
   return 0;
 }
 
+// The thread has been joined, and no stage runs any more: nobody can wait here now.
 void closeQueue(mappingsTable* table, vesk_request* req) {
   maintenanceQueue* queue = table->queue;
   if (!queue) return;
@@ -51,6 +52,7 @@ void closeQueue(mappingsTable* table, vesk_request* req) {
   req->permFree(req, queue);
 }
 
+// A moment and no duration: a wait that is interrupted goes on to the same end.
 static timespec momentIn(std::int32_t millis) {
   constexpr long kNanosPerMilli = 1000000;
   constexpr long kNanosPerSecond = 1000000000;
@@ -81,12 +83,15 @@ static bool hasAttempt(const maintenanceQueue* queue, vesk_request* req) {
 std::int32_t awaitTable(mappingsTable* table, vesk_request* req) {
   if (isFilled(table)) return 0;
   maintenanceQueue* queue = table->queue;
+  // Taken before the mutex: the time that it costs to get that counts too.
   const timespec end = momentIn(kMostWait);
   const QueueGuard guard(queue);
   if (!hasAttempt(queue, req)) return -1;
   wakeThread(queue);
   const std::int64_t before = queue->attempts;
   int waited = 0;
+  // An attempt that began before this request counts as its own: it asks the same
+  // servers.
   while (waited == 0 && queue->attempts == before && !queue->stopping)
     waited = pthread_cond_timedwait(&queue->concluded, &queue->mutex, &end);
   return isFilled(table) ? 0 : -1;
@@ -110,6 +115,7 @@ MaintenanceWork takeWork(mappingsTable* table, std::int32_t limit) {
   maintenanceQueue* queue = table->queue;
   const timespec end = momentIn(limit);
   const QueueGuard guard(queue);
+  // `woken` is kept in the queue, so that a wake while the thread works isn't lost.
   while (!queue->woken && !queue->stopping &&
          pthread_cond_timedwait(&queue->wake, &queue->mutex, &end) == 0) {
   }
@@ -119,6 +125,7 @@ MaintenanceWork takeWork(mappingsTable* table, std::int32_t limit) {
                                 .newsSequence = queue->newsSequence};
   queue->woken = false;
   queue->revive = false;
+  // Taken out whole: what comes from here on is new, and wakes again.
   queue->newsFrom = nullptr;
   return work;
 }

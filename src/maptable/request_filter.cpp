@@ -11,6 +11,7 @@
 
 constexpr std::int32_t kNoMapping = -1;
 
+// No text is made where there is nothing to remove: most paths have no parameter.
 char* removePathParms(vesk_request* req, const char* text) {
   const char* semicolon = std::strchr(text, ';');
   if (!semicolon) return nullptr;
@@ -37,6 +38,7 @@ static void traceFinding(vesk_request* req, const uriPattern& pattern,
 // REQUIRES: tableMutex.
 static std::int32_t firstMatch(const mappingsTable* table, vesk_request* req,
                                const MatchSubject& subject) {
+  // An empty URI may match "*"; one that is missing belongs to nobody.
   if (!subject.uri.data()) return kNoMapping;
   const std::span patterns(table->patterns,
                            static_cast<std::size_t>(table->mappings->count));
@@ -57,6 +59,7 @@ static MatchSubject makeSubject(const vesk_request* req, const char* path,
   MatchSubject subject{};
   if (req->uri) subject.uri = req->uri;
   subject.strippedPath = stripped ? stripped : path;
+  // Asked of the path as it came: the stripped one has lost the answer.
   subject.hadParameters = std::strchr(path, ';') != nullptr;
   subject.hasHost = host != nullptr;
   if (host) subject.host = host;
@@ -66,6 +69,7 @@ static MatchSubject makeSubject(const vesk_request* req, const char* path,
 static std::int32_t filterLocked(mappingsTable* table, vesk_request* req,
                                  MatchSubject* subject,
                                  std::uint32_t honourIgnoreSuffix) {
+  // From the first filter on, a server that joins no longer sets the rules of balancing.
   table->tableUse = kTableServing;
   subject->ignoreSuffix = honourIgnoreSuffix != 0 && table->ignoreSuffix != 0;
   req->trace(req, "filtering %.200s (%.200s) HOST=%s", orElse(req->uri, "null"),
@@ -80,6 +84,7 @@ std::int32_t filterRequest(mappingsTable* table, vesk_request* req,
   const char* path = req->path ? req->path : req->uri;
   if (!path) path = "";
   const RequestBlock stripped{req, removePathParms(req, path)};
+  // Fetched before the lock: the host may take its time over a header.
   const char* host = req->getHeader(req, "HOST");
   MatchSubject subject = makeSubject(req, path, stripped.bytes, host);
   std::int32_t index = kNoMapping;

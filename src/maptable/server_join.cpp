@@ -14,6 +14,7 @@ ServerJoin joinServer(mappingsTable* table, vesk_request* req, const char* serve
     const TableGuard guard(table, req, lock);
     if (!hasRoomForServer(table)) return ServerJoin::full;
   }
+  // Made before the server is known to be of use: what it says is kept in the record.
   veskProxy* proxy = table->newProxy(req);
   if (!proxy) return ServerJoin::noMemory;
   const auto interval = static_cast<std::int32_t>(table->proxyRetryInterval);
@@ -33,6 +34,7 @@ struct KnownServer {
   bool awaitedLater;
 };
 
+// The pointer stays good without the lock: a proxy never leaves the table.
 static KnownServer lookUp(mappingsTable* table, vesk_request* req, const char* server,
                           std::uint32_t lock) {
   const TableGuard guard(table, req, lock);
@@ -65,6 +67,7 @@ static ServerJoin admitKnown(mappingsTable* table, vesk_request* req,
   veskProxy* proxy = known.proxy;
   setProxyUnlisted(proxy, false);
   if (!known.active) {
+    // Its timer says when; the list says only that it is wanted.
     if (getProxyRetryTime(proxy) != 0) return ServerJoin::later;
     req->lastError = 0;  // what another server did doesn't put off this one's connect
     if (answersQuestion(proxy, req) == 0) return ServerJoin::later;
@@ -83,6 +86,7 @@ ServerJoin admitServer(mappingsTable* table, vesk_request* req, const char* serv
   return activateKnown(table, req, known.proxy, lock);
 }
 
+// One line for all of them: a list may name hundreds.
 void reportServersRefused(vesk_request* req, std::int32_t refused) {
   if (refused == 0) return;
   req->log(req, "%d servers not added, the table is full at %d servers", refused,

@@ -29,12 +29,15 @@ static void refreshServer(mappingsTable* table, vesk_request* req, veskProxy* pr
                           bool activeInTable, std::uint32_t lock) {
   closeAgedConnections(req, proxy);
   if (!activeInTable) {
+    // Whoever is out is asked only when its timer says so: that is one comparison,
+    // mostly.
     if (proxy->isAlive(proxy, req) == 0) return;
     if (addProxy(table, proxy, req, lock) < 0) return;
   }
   const std::int32_t refreshed = proxy->refreshMappings(proxy, req);
   if (refreshed == 0) updateProxy(table, proxy, req, lock);
   if (refreshed < 0) judgeFailedRefresh(req, proxy);
+  // A failed refresh alone takes nobody out: old mappings still serve.
   if (refreshed < 0 && !isProxyActive(proxy)) removeProxy(table, proxy, req, lock);
 }
 

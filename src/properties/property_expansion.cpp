@@ -56,6 +56,8 @@ static char* resolve(Expansion* expansion, const char* name) {
   // Counted at every level alike: values that refer to each other in width cost as much
   // as those that do so in depth.
   --expansion->lookupsLeft;
+  // The reserved names come first: a property of such a name must not hide the server's
+  // own.
   if (expansion->serverVariables && std::strcmp(name, "vesk.server.rootdir") == 0) {
     if (!expansion->serverName) return nullptr;
     return copyUnchanged(expansion,
@@ -143,6 +145,7 @@ static char* expandValue(Expansion* expansion, const char* value) {
   return text;
 }
 
+// The limits are counted per call from outside, so that no value can use up another's.
 static Expansion plainExpansion(const propertyTable* table,
                                 const propertyTable* defaults) {
   return {.table = table,

@@ -67,6 +67,7 @@ static Line scanPair(Parser* parser) {
   return Line::pair;
 }
 
+// A control Z ends the text, as in files that old editors have written.
 static Line scanLine(Parser* parser) {
   switch (*parser->at) {
     case '\0':
@@ -83,6 +84,7 @@ static Line scanLine(Parser* parser) {
   }
 }
 
+// Keys are taken as they stand, blanks and all: the syntax trims nothing.
 static char* copyKey(vesk_request* req, const Extent* key) {
   return copyPermText(req, {key->start, static_cast<std::size_t>(key->length)});
 }
@@ -176,6 +178,8 @@ static propertyTable* loadFromFile(vesk_request* req, std::FILE* file, const cha
   return parseProperties(req, text.bytes);
 }
 
+// The streams of the C library, and not of the request: this reads files of the operator,
+// before there is any request.
 propertyTable* loadProperties(vesk_request* req, const char* path) {
   req->trace(req, "loadProperties(%s)", path);
   std::FILE* file = std::fopen(path, "re");

@@ -12,6 +12,8 @@ static std::int32_t findProperty(const propertyTable* table, const char* key) {
   return -1;
 }
 
+// A table that couldn't be made is asked like an empty one: the caller has a default
+// anyway.
 const char* getPropertyValue(const propertyTable* table, const char* key) {
   const std::int32_t index = table ? findProperty(table, key) : -1;
   return index < 0 ? nullptr : table->entries[index].value;

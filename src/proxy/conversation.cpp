@@ -77,6 +77,8 @@ VeskConnection* sendCommand(veskProxy* proxy, vesk_request* req, const char* fra
 std::int32_t openConversation(Conversation* talk, const char* frame,
                               std::int32_t length) {
   talk->connection = sendCommand(talk->proxy, talk->req, frame, length, &talk->command);
+  // Without one there is nothing to end: the caller tells the browser, or gives up its
+  // set.
   if (!talk->connection) return -1;
   talk->sock = talk->connection->socket;
   return 0;
@@ -124,6 +126,8 @@ static Next perform(Conversation* talk) {
 
 static std::int32_t readCommand(Conversation* talk) {
   if (readNumber(talk, &talk->command) == 0) return 0;
+  // Said here and not by the reader of words: only between commands is a lost connection
+  // worth its own line; within one the handler's failure tells.
   talk->req->log(talk->req, "command error: %s <- [%d]",
                  describeError(talk->req->lastError), talk->sock);
   return -1;
@@ -141,6 +145,8 @@ static bool serveCommands(Conversation* talk) {
     if (perform(talk) == Next::abort) return false;
     if (readCommand(talk) < 0) return false;
   }
+  // A word of 0 or below ends it as well, and leaves no error: the page then calls it a
+  // protocol error.
   return talk->command == PROXY_FINISH;
 }
 

@@ -107,6 +107,8 @@ static std::int32_t setUpFromServer(veskProxy* proxy, vesk_request* req,
 
 static std::int32_t makePool(veskProxy* proxy, vesk_request* req,
                              const ServerAddress& address) {
+  // The address is taken as it stands; text that is none fails at the first connect,
+  // where the log can name the server.
   proxy->pool = initPool(req, proxy, address.host, address.port);
   if (proxy->pool) return 0;
   req->lastError = ENOBUFS;
@@ -132,6 +134,8 @@ static std::int32_t setUp(veskProxy* proxy, vesk_request* req, const char* serve
 
 std::int32_t initProxy(veskProxy* proxy, vesk_request* req, const char* server,
                        std::int32_t retryInterval, std::int32_t temp) {
+  // The pool says that it was set up: a second call for the same proxy finds it and
+  // leaves everything as it is.
   if (!proxy->pool && setUp(proxy, req, server, retryInterval, temp) < 0) return -1;
   req->trace(req, "initialized%sproxy for %s", temp ? " temp " : " ", proxy->name);
   return 0;
@@ -161,6 +165,7 @@ std::int32_t proxy_destroyInetProxy(veskProxy* proxy, vesk_request* req) {
   // The lock is left before the proxy goes: its record holds it.
   const std::int32_t left = proxy->release(proxy, req);
   if (left > 0) return left;
+  // The connections first: closing them still looks at the rest of the record.
   destroyPool(proxy, req);
   freeProperties(req, proxy->mappings);
   destroyBalance(proxy, req);

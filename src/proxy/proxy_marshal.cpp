@@ -75,6 +75,7 @@ static std::int64_t headersSize(const vesk_request* req) {
   return total;
 }
 
+// Each term here has its counterpart in putItems, in the same order.
 static std::int64_t otherItemsSize(const RequestItems& items) {
   const vesk_request* req = items.req;
   std::int64_t total = kOneStringItem + textLength(req->uri);
@@ -110,6 +111,8 @@ static void putHeaders(FrameWriter* out, const vesk_request* req) {
   }
 }
 
+// The order of the items is the protocol's; the end mark tells the server where the block
+// ends, whatever the length in front says.
 static void putItems(FrameWriter* out, const RequestItems& items) {
   const vesk_request* req = items.req;
   putAttributes(out, items);
@@ -155,6 +158,7 @@ std::int32_t buildRequest(vesk_request* req, char** outFrame, const char* extra)
   req->trace(req, "PROXY_SERVICE_40 ->");
   blockSize += fetchVariables(&items);
   blockSize += otherItemsSize(items);
+  // One byte longer than the frame: texts are copied with their end in mind.
   FrameWriter out{allocateFrame(req, blockSize), 0};
   if (!out.buffer) {
     freeVariables(items);

@@ -81,6 +81,8 @@ static std::int32_t askForSet(Conversation* talk) {
 propertyTable* fetchProps(vesk_request* req, veskProxy* proxy, const char* set,
                           std::int32_t* sequence) {
   if (sequence) *sequence = -1;
+  // From here on the socket is read ahead: what stands behind the set is found before
+  // another question could take it for its answer.
   const ConversationScope scope{req};
   Conversation talk{};
   talk.kind = &kPropsConversation;

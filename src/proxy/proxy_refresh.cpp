@@ -49,6 +49,8 @@ static bool isRefreshDue(const veskProxy* proxy, std::int64_t now) {
 
 // Takes a refresh that is due, so that no other thread starts it; false when one
 // has.
+// The timer is moved before the server is asked: while one thread waits for it, all
+// others find nothing due.
 static bool claimRefresh(veskProxy* proxy, vesk_request* req, std::int64_t now) {
   SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
   if (getMapCheckTime(proxy) > now) return false;

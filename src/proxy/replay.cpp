@@ -17,6 +17,8 @@ static bool isRepeatable(const char* method) {
   return method && std::any_of(std::begin(kRepeatable), std::end(kRepeatable), same);
 }
 
+// The body starts over, and what this attempt does to the marks can be told from what
+// those before it did.
 void beginReplay(vesk_request* req) {
   veskReplay* replay = &req->replay;
   replay->given = 0;
@@ -50,6 +52,8 @@ static void hold(vesk_request* req, const char* bytes, std::int32_t count) {
   const bool follows = replay->bodyRead == replay->heldSize;
   replay->bodyRead += count;
   if (!follows || replay->bodyRead > kMaxHeldBody) return;
+  // As a whole at once: a body that is worth holding mostly fills it, and growing would
+  // copy what is held again and again.
   if (!replay->held) replay->held = static_cast<char*>(newBlock(req, kMaxHeldBody));
   if (!replay->held) return;
   std::memcpy(replay->held + replay->heldSize, bytes, static_cast<std::size_t>(count));
@@ -62,6 +66,8 @@ std::int32_t readBody(vesk_request* req, char* buffer, std::int32_t length) {
   if (replay->given < replay->heldSize && length > 0)
     return giveHeld(replay, buffer, length);
   const std::int32_t count = std::min(req->getPostData(req, buffer, length), length);
+  // The end of the body, and a browser that broke off, are passed on and not remembered:
+  // the host tells the same to the next attempt.
   if (count <= 0) return count;
   // Of a method that never goes out twice nothing needs to be kept.
   if (guarded(req, Guard::replay) && isRepeatable(req->method)) {
@@ -72,6 +78,8 @@ std::int32_t readBody(vesk_request* req, char* buffer, std::int32_t length) {
   return count;
 }
 
+// Every byte that was read must be held: a gap would reach the next server as another
+// body.
 bool mayReplay(const vesk_request* req) {
   const veskReplay& replay = req->replay;
   if (!guarded(req, Guard::replay) || !replay.frameSent) return true;
@@ -79,6 +87,7 @@ bool mayReplay(const vesk_request* req) {
 }
 
 void reportNoReplay(vesk_request* req, const veskProxy* proxy) {
+  // The pool asks first and dispatch asks again: the operator needs to know once.
   if (req->replay.reported) return;
   req->replay.reported = 1;
   if (isRepeatable(req->method)) {

@@ -5,6 +5,8 @@
 
 #include "context/vesk_error.h"
 
+// The letters are for logs that are counted by machines: few, and stable whatever errno
+// value a kernel chooses.
 static char causeOf(std::int32_t error) {
   switch (error) {
     case ECONNREFUSED:
@@ -43,6 +45,7 @@ void beginOutcome(vesk_request* req, const veskProxy* proxy) {
 // answer that the browser didn't take was not served, whatever the server thinks.
 void endOutcome(vesk_request* req, bool served, std::int64_t micros) {
   veskOutcome* outcome = &req->outcome;
+  // What failed attempts took counts as well: it is time that the browser has waited.
   outcome->micros += micros;
   const bool taken = served && req->lastError != EVESK_CLIENT_DOWN;
   outcome->state[1] = taken ? '-' : causeOf(req->lastError);

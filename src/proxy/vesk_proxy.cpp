@@ -72,6 +72,8 @@ bool isProxyActive(const veskProxy* proxy) {
              .load(std::memory_order_relaxed) != 0;
 }
 
+// Kept by the pool and by the table alike: each sees at its next look what the other
+// found.
 void setProxyActive(veskProxy* proxy, bool active) {
   if (!proxy->balance) return;
   std::atomic_ref<std::uint32_t>(proxy->balance->active)

@@ -64,6 +64,8 @@ std::int32_t sendBytes(vesk_request* req, const char* buffer, std::int32_t lengt
   return sent == length ? sent : -1;
 }
 
+// The operation gives all that was asked for, or the end of the stream; the loop is for
+// operations that a test, or another transport, puts in its place.
 std::int32_t readFully(vesk_request* req, char* buffer, std::int32_t length,
                        std::int32_t sock, veskProxy* proxy) {
   std::int32_t total = 0;
@@ -111,6 +113,7 @@ char* readData(std::int32_t sock, vesk_request* req, std::int32_t* outLength,
   return data.handOn();
 }
 
+// In one piece: a length without its bytes would cost the server a second read.
 std::int32_t writeString(vesk_request* req, std::int32_t sock, const char* text) {
   const RequestBlock frame{req, newBlock(req, kWordSize + textLength(text))};
   if (!frame.bytes) return -1;
