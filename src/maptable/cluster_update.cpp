@@ -22,8 +22,9 @@ struct ClusterUpdate {
   std::int32_t refused;          // new servers that found the table full
 };
 
-// 0 is "no number" on the wire and "unknown" in the table; the two must never meet as
-// equal.
+// Compared for equality, since a cluster that was started anew counts from the beginning
+// again. 0 is "no number" on the wire and "unknown" in the table; the two must never meet
+// as equal.
 static bool isApplied(const mappingsTable* table, std::int32_t sequence) {
   return sequence == 0 || sequence == table->clusterSeq;
 }
@@ -39,6 +40,8 @@ static bool concernsUpdate(const ClusterUpdate* update, const proxyList* snapsho
   return at < 0 || (at < snapshot->count && snapshot->active[at] == 0);
 }
 
+// A server that can't join doesn't keep the others from joining; it only keeps the number
+// open. One that finds the table full doesn't, as no later attempt would change that.
 static void joinNamedServer(ClusterUpdate* update, const proxyList* snapshot,
                             const char* server) {
   if (!concernsUpdate(update, snapshot, server)) return;
@@ -56,6 +59,8 @@ static bool isNamed(const propertyTable* servers, const veskProxy* proxy) {
   return false;
 }
 
+// Over the copy: what this update has itself brought in or back is new in it, or not
+// active there, and so is left alone.
 static void removeUnnamedServers(const ClusterUpdate* update, const proxyList* snapshot) {
   for (std::int32_t i = 0; i < snapshot->count; ++i) {
     // One that is out already stays as it is: removing it again would clear the number
@@ -85,6 +90,7 @@ static void adoptSequence(const ClusterUpdate* update) {
               update->sequence);
 }
 
+// The servers and flags that stood when the update began: joining changes both.
 static proxyList copyOfServers(const ClusterUpdate* update) {
   const TableGuard guard(update->table, update->req, update->lock);
   keepAwaited(update->table, update->servers);

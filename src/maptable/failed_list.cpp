@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+// A walk: the list holds as many as a request has had attempts.
 bool hasFailed(const failedList& failed, const veskProxy* proxy) {
   veskProxy* const* end = failed.proxies + failed.count;
   return std::find(failed.proxies, end, proxy) != end;
@@ -15,6 +16,7 @@ std::int32_t tryAnotherProxy(vesk_request* req, mappingsTable* table, failedList
     req->traceE(req, kTraceDetail, "%s already in failed target list", proxy->name);
     return 0;
   }
+  // Asking alone notes nothing: the last resort only pings whom it asks about.
   if (record) failed->proxies[failed->count++] = proxy;
   req->traceE(req, kTraceDetail, "%s not in failed target list", proxy->name);
   return 1;

@@ -44,6 +44,8 @@ std::int32_t lastDitchFindReachableServer(mappingsTable* table, vesk_request* re
     req->traceE(req, kTraceState, "found reachable server using bootstrap server");
     return 0;
   }
+  // One that answers is enough: the others come back by their own timers, and the
+  // request waits.
   for (std::int32_t i = 0; i < list->count; ++i) {
     veskProxy* proxy = list->proxies[i];
     if (tryAnotherProxy(req, table, failed, proxy, 0) == 0) continue;

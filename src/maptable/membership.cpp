@@ -5,6 +5,7 @@
 
 #include "context/vesk_mutex.h"
 #include "maptable/mapping_columns.h"
+#include "maptable/table_guard.h"
 #include "properties/property_index.h"
 #include "proxy/proxy_refresh.h"
 
@@ -39,6 +40,8 @@ struct MappingChange {
   std::int32_t remarks[std::size(kRemarks)];  // how often each had a reason
 };
 
+// A proxy keeps the first 63 bytes of its text. Compared whole, a longer one would be
+// made anew by every list that names it, and thrown out again by the same list.
 bool isProxyNamed(const veskProxy* proxy, const char* text) {
   return std::strncmp(proxy->name, text, kProxyNameSize - 1) == 0;
 }
@@ -47,12 +50,14 @@ bool hasRoomForServer(const mappingsTable* table) {
   return table->masterList.count < kMaxProxies;
 }
 
+// By name where servers join: the same server may come as another record.
 static std::int32_t findByName(const proxyList* list, const char* name) {
   for (std::int32_t i = 0; i < list->count; ++i)
     if (isProxyNamed(list->proxies[i], name)) return i;
   return kNotFound;
 }
 
+// By record where one leaves: what it never joined must not be cleared for another.
 static std::int32_t findProxy(const proxyList* list, const veskProxy* proxy) {
   for (std::int32_t i = 0; i < list->count; ++i)
     if (list->proxies[i] == proxy) return i;
@@ -83,6 +88,8 @@ static void reportFurtherRemarks(const MappingChange& change) {
                       change.remarks[i] - kLinesOfAKind, kRemarks[i]);
 }
 
+// A mapping whose list is full is served by those that came first; the server still
+// serves its other mappings.
 static void appendToMapping(MappingChange* change, std::int32_t index) {
   if (appendProxy(change->table->mappingProxies[index], change->proxy)) return;
   if (isShown(change, kListFull))
@@ -91,6 +98,8 @@ static void appendToMapping(MappingChange* change, std::int32_t index) {
         change->proxy->name, change->table->mappings->entries[index].key, kMaxProxies);
 }
 
+// A request for a mapping with none active goes the expensive way, by pings; so this is
+// counted when a list changes, and not when a request comes.
 static void setAnyActive(mappingsTable* table, std::int32_t index) {
   const proxyList* list = table->mappingProxies[index];
   std::uint32_t any = 0;
@@ -117,6 +126,8 @@ static bool createMapping(MappingChange* change, std::int32_t number) {
   mappingsTable* table = change->table;
   const property& pair = change->proxy->mappings->entries[number];
   if (findIndexed(&change->keys, pair.key) >= 0) return true;
+  // The pair that makes a mapping is done with it; a second one of the same key is not,
+  // and meets a known mapping like any other.
   markProperty(&change->settled, number);
   if (table->mappings->count >= kMaxMappings) {
     if (isShown(change, kTableFull))  // refused there, with the line
@@ -143,7 +154,8 @@ static std::int32_t createMappings(MappingChange* change) {
   return 0;
 }
 
-// While the table is being built, the server that came last sets the rules.
+// While the table is being built, the server that came last sets the rules. Once
+// requests are served, a server that joins must not change how they are spread.
 static void adoptSettings(MappingChange* change, std::int32_t index) {
   mappingBalance* mapping = change->table->mappingBalances[index];
   const proxyBalance* server = change->proxy->balance;
@@ -165,6 +177,8 @@ static void activateInMapping(MappingChange* change, std::int32_t index) {
     appendToMapping(change, index);
     return;
   }
+  // Named by the cluster or revived: that counts as being in service until a connection
+  // says otherwise.
   setProxyActive(list->proxies[at], true);
   list->active[at] = 1;
   change->req->trace(change->req,
@@ -195,6 +209,8 @@ static void joinKnownMapping(MappingChange* change, const property& pair,
   activateInMapping(change, index);
 }
 
+// A server's retry timer ends with its return: a pause that is left over would put off
+// its connections and its refreshes.
 static void activateInMasterList(mappingsTable* table, veskProxy* proxy) {
   proxyList* servers = &table->masterList;
   const std::int32_t at = hasProxyNamed(table, proxy->name);
@@ -207,6 +223,8 @@ static void activateInMasterList(mappingsTable* table, veskProxy* proxy) {
   if (servers->count > 1) setClustered(table);
 }
 
+// The mappings of this call are at the end, where createMappings has put them; they move
+// only when all has been looked up, since the index knows them by position.
 static void joinMappings(MappingChange* change) {
   const propertyTable* pairs = change->proxy->mappings;
   mappingsTable* table = change->table;
@@ -224,7 +242,9 @@ static void joinMappings(MappingChange* change) {
 // REQUIRES: tableMutex, `lock` of the proxy.
 static std::int32_t addProxyLocked(mappingsTable* table, veskProxy* proxy,
                                    vesk_request* req) {
-  // Asked before anything joins: the mappings of a first server stand in its own order.
+  // Asked before anything joins: the mappings of a first server are in order already.
+  // A table of one mapping can't be told from an empty one by this: what the second
+  // server brings stands in its own order then, too.
   const bool sorted = table->lastMapping != 0;
   if (proxy->mappings) {
     MappingChange change;
@@ -239,6 +259,8 @@ static std::int32_t addProxyLocked(mappingsTable* table, veskProxy* proxy,
   return 0;
 }
 
+// Refused whole rather than in part: a server that serves mappings and isn't in
+// masterList could neither be removed nor freed.
 static bool acceptsProxy(const mappingsTable* table, const veskProxy* proxy,
                          vesk_request* req) {
   if (hasRoomForServer(table) || hasProxyNamed(table, proxy->name) >= 0) return true;
@@ -249,20 +271,25 @@ static bool acceptsProxy(const mappingsTable* table, const veskProxy* proxy,
 
 std::int32_t addProxy(mappingsTable* table, veskProxy* proxy, vesk_request* req,
                       std::uint32_t lock) {
-  if (lock) startSync(req, &table->tableMutex, &table->tableMutexHeld);
   std::int32_t result = -1;
-  if (acceptsProxy(table, proxy, req)) {
-    const SyncGuard guard(req, &proxy->lock, &proxy->lockHeld);
-    result = addProxyLocked(table, proxy, req);
+  std::int32_t sequence = 0;
+  {
+    const TableGuard tableGuard(table, req, lock);
+    if (acceptsProxy(table, proxy, req)) {
+      const SyncGuard guard(req, &proxy->lock, &proxy->lockHeld);
+      result = addProxyLocked(table, proxy, req);
+    }
+    sequence = static_cast<std::int32_t>(table->clusterSeq);
   }
-  const auto sequence = static_cast<std::int32_t>(table->clusterSeq);
-  if (lock) stopSync(req, &table->tableMutex, &table->tableMutexHeld);
+  // Told behind the locks: a line may wait for a disk.
   if (result == 0)
     req->traceE(req, kTraceState, "%s added/activated proxy, seq %d", proxy->name,
                 sequence);
   return result;
 }
 
+// The sums of weights are made anew in every mapping, though only its own have changed: a
+// removal is rare, and a sum that still counts the server would draw it.
 static void leaveMapping(mappingsTable* table, veskProxy* proxy, std::int32_t index) {
   proxyList* list = table->mappingProxies[index];
   if (!list) return;  // index 0 of an empty table
@@ -287,6 +314,8 @@ static void removeProxyLocked(mappingsTable* table, veskProxy* proxy, vesk_reque
     req->log(req, "Whoa Nelly, removed proxy that's not in the master list %s",
              proxy->name);
   }
+  // The cluster may not know that its server is gone, and so may not change its number:
+  // without one of our own, the next reply brings the list again whatever it says.
   table->clusterSeq = 0;
   req->traceE(req, kTraceState, "%s removed proxy, seq %d", proxy->name, 0);
   dumpMappings(table, req, "removeProxy - after");
@@ -294,15 +323,13 @@ static void removeProxyLocked(mappingsTable* table, veskProxy* proxy, vesk_reque
 
 void removeProxy(mappingsTable* table, veskProxy* proxy, vesk_request* req,
                  std::uint32_t lock) {
-  if (lock) startSync(req, &table->tableMutex, &table->tableMutexHeld);
-  {
-    const SyncGuard guard(req, &proxy->lock, &proxy->lockHeld);
-    removeProxyLocked(table, proxy, req);
-  }
-  if (lock) stopSync(req, &table->tableMutex, &table->tableMutexHeld);
+  const TableGuard tableGuard(table, req, lock);
+  const SyncGuard guard(req, &proxy->lock, &proxy->lockHeld);
+  removeProxyLocked(table, proxy, req);
 }
 
-// False without memory: the old value stays then.
+// Here the server's own word counts, also against the value that others have sent: it is
+// the newest. False without memory: the old value stays then.
 static bool updateKnownMapping(MappingChange* change, const property& pair,
                                std::int32_t index) {
   mappingsTable* table = change->table;
@@ -323,7 +350,9 @@ static bool updateKnownMapping(MappingChange* change, const property& pair,
   return replaced;
 }
 
-// False when a value couldn't be replaced for want of memory.
+// A mapping that only a server out of service has brought counts as having none: a
+// request for it must not meet that server without a ping. False when a value couldn't be
+// replaced for want of memory.
 static bool updateServedMappings(MappingChange* change) {
   const propertyTable* pairs = change->proxy->mappings;
   mappingsTable* table = change->table;
@@ -352,6 +381,7 @@ static void dropMapping(mappingsTable* table, const veskProxy* proxy,
   setAnyActive(table, index);
 }
 
+// The mappings of this call needn't be looked at: the server has just brought them.
 static void dropOtherMappings(const MappingChange& change) {
   for (std::int32_t i = 0; i < change.firstNew; ++i)
     if (!isMarked(change.served, i)) dropMapping(change.table, change.proxy, i);
@@ -385,11 +415,8 @@ static void updateProxyLocked(mappingsTable* table, veskProxy* proxy, vesk_reque
 
 void updateProxy(mappingsTable* table, veskProxy* proxy, vesk_request* req,
                  std::uint32_t lock) {
-  if (lock) startSync(req, &table->tableMutex, &table->tableMutexHeld);
+  const TableGuard tableGuard(table, req, lock);
+  const SyncGuard guard(req, &proxy->lock, &proxy->lockHeld);
   table->tableUse = kTableChanged;
-  {
-    const SyncGuard guard(req, &proxy->lock, &proxy->lockHeld);
-    updateProxyLocked(table, proxy, req);
-  }
-  if (lock) stopSync(req, &table->tableMutex, &table->tableMutexHeld);
+  updateProxyLocked(table, proxy, req);
 }

@@ -18,6 +18,8 @@ char* removePathParms(vesk_request* req, const char* text) {
   return copyText(req, {text, static_cast<std::size_t>(semicolon - text)});
 }
 
+// The texts are what an operator compares with the server's list of mappings, so they
+// show the pattern in the form that the table holds.
 static void traceFinding(vesk_request* req, const uriPattern& pattern,
                          PatternMatch match) {
   switch (match) {
@@ -35,6 +37,7 @@ static void traceFinding(vesk_request* req, const uriPattern& pattern,
   }
 }
 
+// A pattern that is passed over doesn't end the walk: a less specific one may fit.
 // REQUIRES: tableMutex.
 static std::int32_t firstMatch(const mappingsTable* table, vesk_request* req,
                                const MatchSubject& subject) {
@@ -52,8 +55,9 @@ static std::int32_t firstMatch(const mappingsTable* table, vesk_request* req,
   return kNoMapping;
 }
 
-// The subject's views point at the request's texts, at `stripped` and at `host`;
-// the last two may be null.
+// The subject's views point at the request's texts, at `stripped` and at `host`; the last
+// two may be null. A path whose copy found no memory counts with its parameters: that may
+// miss a suffix, and declines a request rather than misroute it.
 static MatchSubject makeSubject(const vesk_request* req, const char* path,
                                 const char* stripped, const char* host) {
   MatchSubject subject{};
@@ -66,6 +70,8 @@ static MatchSubject makeSubject(const vesk_request* req, const char* path,
   return subject;
 }
 
+// The refresh comes first, and its changes count for this request already: a server that
+// has just come back may be the one that it needs. REQUIRES: tableMutex.
 static std::int32_t filterLocked(mappingsTable* table, vesk_request* req,
                                  MatchSubject* subject,
                                  std::uint32_t honourIgnoreSuffix) {

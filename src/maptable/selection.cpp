@@ -49,7 +49,8 @@ static std::int64_t drawBelow(std::int64_t total) {
   return static_cast<std::int64_t>(drawn % bound);
 }
 
-// What the servers are like at this moment. `failed` may be null.
+// What the servers are like at this moment, each value read once: a server changes its
+// weight, and the pool its state, without the lock. `failed` may be null.
 static void readServers(const proxyList* list, const failedList* failed,
                         ServerState* servers) {
   for (std::int32_t i = 0; i < list->count; ++i) {
@@ -75,6 +76,8 @@ static ChoiceQuestion questionOf(const proxyList* list, const mappingBalance* ba
           .sessionId = req->sessionId};
 }
 
+// Told before weights are summed: that may write a line of its own, about memory, and
+// the reader should know by then what the choice is about.
 static void tellAboutSession(vesk_request* req, const proxyList* list,
                              const Choice& choice) {
   if (choice.reason == ChoiceReason::sessionOwner ||
@@ -141,6 +144,8 @@ static void applyChoice(const proxyList* list, mappingBalance* balance,
   }
 }
 
+// The timers and flags of the chosen server are only told, not asked: whether it can be
+// reached is for the attempt to find out.
 veskProxy* selectProxy(mappingsTable* table, vesk_request* req, std::int32_t index) {
   table->tableUse = kTableServing;
   const proxyList* list = table->mappingProxies[index];
@@ -160,6 +165,7 @@ veskProxy* selectProxy(mappingsTable* table, vesk_request* req, std::int32_t ind
   return proxy;
 }
 
+// Without an algorithm or a cursor: these choices are no turns of the rotation.
 veskProxy* selectUntried(const proxyList* list, const failedList& failed) {
   ServerState servers[kMaxProxies];
   readServers(list, &failed, servers);

@@ -59,6 +59,8 @@ static Choice ownerOfDrawn(const ChoiceQuestion& question) {
                   ChoiceReason::weightDrawn);
 }
 
+// The tests of an entry differ on purpose: a session asks the server's own state, all
+// that balance ask its part in this list.
 static Choice runAlgorithm(const ChoiceQuestion& question) {
   switch (question.algorithm) {
     case BALANCE_ROUNDROBIN_WEIGHTED:
@@ -80,12 +82,15 @@ static bool ownsSession(const ServerState& server, const char* id) {
   return own && *own && std::strncmp(own, id, kReplicationIdLength) == 0;
 }
 
+// The owner is looked for among all: one that is out of service has buddies.
 static std::int32_t findOwner(const ChoiceQuestion& question) {
   for (std::int32_t i = 0; i < question.count; ++i)
     if (ownsSession(question.servers[i], question.sessionId)) return i;
   return kNobody;
 }
 
+// The order of the list decides between two that fit one buddy, the order of buddies in
+// the id between buddies.
 static std::int32_t findBuddy(const ChoiceQuestion& question, const char* buddy) {
   for (std::int32_t i = 0; i < question.count; ++i) {
     const ServerState& server = question.servers[i];
@@ -114,12 +119,15 @@ static bool asksForSession(const ChoiceQuestion& question) {
   return question.sticky && question.sessionId;
 }
 
+// The states of 128 servers cost more to read than a rotation costs; so it does without.
 bool readsServers(const ChoiceQuestion& question) {
   if (question.count == 1) return false;
   return asksForSession(question) || question.algorithm == BALANCE_MIN ||
          question.algorithm == BALANCE_MAX;
 }
 
+// A mapping's only server is chosen in any state: there is nobody else, and the attempt
+// shows whether it is back.
 Choice chooseServer(const ChoiceQuestion& question) {
   if (question.count == 1) return choiceOf(0, ChoiceReason::onlyServer);
   if (!asksForSession(question)) return runAlgorithm(question);
@@ -130,6 +138,8 @@ Choice chooseServer(const ChoiceQuestion& question) {
   return choice;
 }
 
+// Neither algorithm nor session count any more: this is for a request that has met the
+// same dead server twice.
 Choice chooseUntried(const ChoiceQuestion& question) {
   for (std::int32_t i = 0; i < question.count; ++i) {
     const ServerState& server = question.servers[i];

@@ -8,6 +8,9 @@
 #include "maptable/table_guard.h"
 #include "proxy/proxy_refresh.h"
 
+// The room is asked for before the server is: a table that is full would make a proxy of
+// each further name, only to throw it away. addProxy asks again, for another thread may
+// have been faster.
 ServerJoin joinServer(mappingsTable* table, vesk_request* req, const char* server,
                       std::uint32_t lock) {
   {

@@ -21,11 +21,13 @@ static bool isGiven(const char* text) {
   return text && text[0] != '\0';
 }
 
+// Without a text to compare with, the next occasion writes whatever the list is.
 static void forgetStored(mappingsTable* table, vesk_request* req) {
   freePerm(req, table->storedServers);
   table->storedServers = nullptr;
 }
 
+// With the system's own word: the path, the rights and the disk look the same from here.
 static void reportUnreadable(vesk_request* req, const char* path) {
   req->log(req, "could not read contents of %s: %s", path, std::strerror(errno));
 }
@@ -127,7 +129,8 @@ static char* appendText(char* end, const char* text) {
   return end + length;
 }
 
-// Appends the servers whose flag is set, or those whose flag is clear.
+// Appends the servers whose flag is set, or those whose flag is clear. The bootstrap
+// server is asked first at every start anyway, and names itself if it serves.
 static char* appendServers(const mappingsTable* table, char* end, bool active) {
   const proxyList* servers = &table->masterList;
   for (std::int32_t i = 0; i < servers->count; ++i) {
@@ -142,7 +145,8 @@ static char* appendServers(const mappingsTable* table, char* end, bool active) {
   return end;
 }
 
-// The text that the store should hold, from permMalloc, or null.
+// The text that the store should hold, from permMalloc, or null. Servers out of service
+// stay in it, at the end: they may be all that answers at the next start.
 static char* makeStoreText(const mappingsTable* table, vesk_request* req) {
   std::size_t size = sizeof(kStoreStart);
   for (std::int32_t i = 0; i < table->masterList.count; ++i)
@@ -193,6 +197,8 @@ static char* textToStore(mappingsTable* table, vesk_request* req, std::uint32_t 
 
 // The file is written without the lock, where this call took it: a slow disk must not
 // stop the requests. Then only one thread ever comes here.
+// What hasn't changed isn't written: a store on a slow disk would hold up all requests
+// with each update, and a write that breaks off loses what was there.
 std::int32_t persistServers(mappingsTable* table, vesk_request* req, std::uint32_t lock) {
   const char* path = table->serverStore;
   if (!isGiven(path)) {

@@ -9,6 +9,8 @@
 #include "maptable/table_startup.h"
 #include "proxy/proxy_lifecycle.h"
 
+// The only place that names all that a table can do; whatever a test or a guard puts in
+// the place of one is put there afterwards.
 static void installOperations(mappingsTable* table) {
   table->initTable = initOrAwaitTable;
   table->filterRequest = filterRequest;

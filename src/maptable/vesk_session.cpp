@@ -32,6 +32,8 @@ static char* sessionFromUri(vesk_request* req, const char* uri) {
   return copyText(req, {value, std::strcspn(value, ";")});
 }
 
+// A cookie header without an id hides one in the URI: a browser that takes cookies has
+// been given its id by cookie, and what is in the URI may be an old link.
 char* getSessionId(vesk_request* req) {
   const char* cookie = req->getHeader(req, "cookie");
   if (cookie) {
@@ -42,6 +44,8 @@ char* getSessionId(vesk_request* req) {
   return req->uri ? sessionFromUri(req, req->uri) : nullptr;
 }
 
+// The mark may stand anywhere, even within the owner's four bytes: that is how servers
+// have always read it.
 static const char* firstBuddy(const char* sessionId) {
   const char* mark = std::strstr(sessionId, kBuddyMark);
   if (!mark || std::strlen(mark) < kBuddyMarkLength + kReplicationIdLength)

@@ -9,6 +9,8 @@ static bool isBoundary(char c) {
   return c == '/' || c == '&' || c == '#';
 }
 
+// The whole value counts, port included: a pattern for one port must not take requests
+// of another.
 static bool hostFits(const uriPattern& pattern, const MatchSubject& subject) {
   if (!pattern.hasHost) return true;
   const std::string_view host = hostOf(pattern);

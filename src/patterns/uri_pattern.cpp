@@ -32,6 +32,8 @@ std::int32_t extlen(const char* pattern) {
   return star ? clampToInt32(textLength(star + 1)) : 0;
 }
 
+// One number, because a merge compares each pattern many times and would else walk over
+// both texts each time. Lengths are cut to 31 bits, which no text of a table exceeds.
 std::uint64_t patternRank(const char* pattern) {
   const std::uint64_t host = isHostQualified(pattern) ? 1 : 0;
   const auto prefix = static_cast<std::uint64_t>(prefixlen(pattern));
@@ -48,6 +50,8 @@ uriPattern splitPattern(const char* text) {
   pattern.prefixLength = prefixlen(text);
   pattern.hasHost = isHostQualified(text) ? 1 : 0;
   pattern.isSuffix = std::strncmp(path, "*.", 2) == 0 ? 1 : 0;
+  // Patterns of one application share their beginning, so the end of a prefix tells
+  // most of them apart.
   if (pattern.prefixLength > 0) pattern.prefixEnd = path[pattern.prefixLength - 1];
   if (path[pattern.prefixLength] == '\0') return pattern;
 

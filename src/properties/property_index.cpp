@@ -16,6 +16,7 @@ static const char* keyAt(const propertyIndex* index, std::int32_t position) {
   return index->table->entries[position].key;
 }
 
+// In front of its chain: its key is new, so no other pair has to be met first.
 void enterIndexed(propertyIndex* index, std::int32_t position) {
   std::int16_t* head = &index->heads[bucketOf(keyAt(index, position))];
   index->next[position] = *head;
@@ -30,6 +31,8 @@ void indexProperties(propertyIndex* index, const propertyTable* table) {
   for (std::int32_t i = table->count - 1; i >= 0; --i) enterIndexed(index, i);
 }
 
+// The keys themselves decide: the index holds positions only, and no copy of a hash that
+// a renamed key would leave wrong.
 std::int32_t findIndexed(const propertyIndex* index, const char* key) {
   std::int16_t at = index->heads[bucketOf(key)];
   while (at != kEnd && std::strcmp(keyAt(index, at), key) != 0) at = index->next[at];

@@ -33,7 +33,8 @@ std::int32_t longerThan(const property* first, const property* second) {
   return patternRank(first->key) > patternRank(second->key) ? 1 : 0;
 }
 
-// The '/' before the first '*' of a pattern, or null when there is none.
+// The '/' before the first '*' of a pattern, or null when there is none. Servers write
+// '/path/*' and mean '/path' as well, which the rest of the connector says without it.
 static const char* slashBeforeStar(const char* pattern) {
   const char* star = std::strchr(pattern, '*');
   if (!star || star == pattern || star[-1] != '/') return nullptr;
@@ -81,6 +82,8 @@ static bool convertEntries(Sorting* sorting) {
   return true;
 }
 
+// In one pass behind all conversions: positions stay valid meanwhile, and each removal
+// by itself would move half of the table.
 static void dropDoubles(const Sorting& sorting) {
   vesk_request* req = sorting.req;
   property* entries = sorting.table->entries;
@@ -97,7 +100,8 @@ static void dropDoubles(const Sorting& sorting) {
   sorting.table->count = kept;
 }
 
-// Takes the entries behind the sorted ones, in order among themselves.
+// Takes the entries behind the sorted ones, in order among themselves. Equals stay as
+// the server sent them: the first of two that both match is the one it has put first.
 static void takeChunk(const propertyTable* table, std::int32_t start, RankedEntry* chunk,
                       std::int32_t count) {
   for (std::int32_t i = 0; i < count; ++i) {
@@ -125,6 +129,7 @@ static void mergeChunk(propertyTable* table, std::int32_t sorted,
   }
 }
 
+// A merge sort would need room for a second table, which a refresh may not get.
 static void sortEntries(propertyTable* table) {
   RankedEntry chunk[kChunk];
   for (std::int32_t sorted = 0; sorted < table->count;) {
