@@ -58,8 +58,10 @@ void toLowerCaseWithUnderscores(vesk_request* /*req*/, const char* in, char* out
   withUnderscores(in, out, std::tolower);
 }
 
+// By hand, for this is asked many times a request, and of header names alone.
 static char plainByte(char byte) {
-  return byte == '_' ? '-' : convertByte(byte, std::tolower);
+  if (byte == '_') return '-';
+  return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
 }
 
 bool isSpellingOf(const char* name, const char* other) {
