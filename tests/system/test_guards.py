@@ -34,3 +34,34 @@ def test_request_ends_at_its_time_whatever_its_server_says(site):
     page = host.fetch("/demo/sleep?ms=30000")
     assert (page.status, page.reason) == (504, "Gateway Timeout")
     assert host.serves()
+
+
+@both
+@pytest.mark.parametrize("count", [1, 2])
+def test_failed_attempt_leaves_nothing_behind(site, guards, count):
+    """One server breaks off behind its headers: an error page follows, or the next server."""
+    attempts = []
+
+    def serve(peer, _):
+        attempts.append(peer)
+        if len(attempts) > 1:
+            peer.send(wire.client(b"second"), wire.word(wire.FINISH))
+            return True
+        peer.send(wire.status(404, "First"), wire.header("content-encoding", "gzip"),
+                  wire.header("content-length", "3"), wire.header("set-cookie", "first=1"))
+        return False
+
+    fakes = [site.fake(serve, props={"rep_id": f"f00{n}"}.items()) for n in range(count)]
+    listed = wire.properties([("server", fake.address) for fake in fakes])
+    for fake in fakes:
+        fake.answers["clustered-servers"] = wire.set_answer(listed, 1 if count > 1 else None)
+    page = site.host(fakes[0], guards=guards).fetch("/demo/")
+    left = [page.header(name) for name in ("content-encoding", "content-length", "set-cookie")]
+    body = b"second" if count > 1 else b"<H2>Server Error"
+    if guards == "none":
+        assert left == ["gzip", "3", "first=1"]
+        assert (page.status, page.body) == (404 if count > 1 else 503, body[:3])
+    else:
+        assert left == [None] * 3
+        assert (page.status, page.reason) == ((200, "OK") if count > 1 else (503, "Server Error"))
+        assert page.body.startswith(body) and page.complete
