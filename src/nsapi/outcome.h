@@ -1,7 +1,7 @@
 // What became of a request, left for the host and its logs in the host's variables:
 // `vesk-outcome` (served, broken, failed, declined), `vesk-server`, `vesk-attempts`,
-// `vesk-state` (two letters: where the last attempt ended, and why), `vesk-time`
-// (microseconds in all attempts).
+// `vesk-state` (the two letters of proxy/request_outcome.h), `vesk-time` (microseconds in
+// all attempts).
 //
 // Ownership: the host copies the texts. Threads: the request's own.
 // Failure: none; what the host has no memory for is missing.
