@@ -41,8 +41,9 @@ static void rebuildIndex(vesk_request* req) {
   dropIndex(req);
   std::int64_t capacity = 1;
   while (capacity < std::int64_t{4} * req->attributes->count) capacity *= 2;
-  const std::int64_t size = std::int64_t{sizeof(veskAttributeIndex)} +
-                            (capacity - 1) * std::int64_t{sizeof(veskAttribute*)};
+  constexpr std::int64_t kSlotSize = sizeof(veskAttributeIndex::slots);
+  const std::int64_t size =
+      std::int64_t{sizeof(veskAttributeIndex)} + (capacity - 1) * kSlotSize;
   auto* index = static_cast<veskAttributeIndex*>(newZeroed(req, size));
   if (!index) return;
   index->capacity = static_cast<std::int32_t>(capacity);
