@@ -1,5 +1,6 @@
 #include "backend/pages/digest.h"
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
 #include <stdexcept>
@@ -12,8 +13,12 @@ static void mustWork(int result) {
   if (result != 1) throw std::runtime_error("SHA-256 failed");
 }
 
+// The library keeps some memory for each thread that has used it, and frees it
+// when the thread ends: later than the end of the thread's connection, which is
+// all that a server going down waits for. So it goes with the digest.
 void Sha256::Release::operator()(evp_md_ctx_st* context) const {
   EVP_MD_CTX_free(context);
+  OPENSSL_thread_stop();
 }
 
 Sha256::Sha256() : context_(EVP_MD_CTX_new()) {
