@@ -2,54 +2,13 @@
 
 #include <nlohmann/json.hpp>
 
-#include "backend/log.h"
 #include "backend/pages/digest.h"
 #include "backend/pages/multipart.h"
 #include "backend/pages/reply.h"
+#include "backend/pages/request_body.h"
 #include "backend/text.h"
-#include "backend/wire/protocol.h"
 
 namespace backend {
-
-// How the request announced its body.
-struct BodyPlan {
-  std::optional<std::int64_t> length;  // Content-Length, when there is one
-};
-
-static BodyPlan planOf(const PageCall& call) {
-  const std::string_view* text = headerOf(call.request, "content-length");
-  if (!text) return {};
-  const std::optional<std::int64_t> length = wholeNumber(*text);
-  if (length && *length >= 0) return {length};
-  throw BadRequest("the Content-Length of the request is not a number");
-}
-
-// Reads the body block by block and hands each to `take`. Memory: one block.
-// False when it broke off before its announced length; `total` counts what
-// came.
-template <typename Take>
-static bool readBody(const PageCall& call, const BodyPlan& plan, std::int64_t& total,
-                     Take take) {
-  std::string block;
-  while (!plan.length || total < *plan.length) {
-    const std::int64_t left = plan.length ? *plan.length - total : kMaxDataFrame;
-    const auto wanted =
-        static_cast<std::int32_t>(left < kMaxDataFrame ? left : kMaxDataFrame);
-    const std::int32_t count = call.exchange.askData(wanted, block);
-    // Without a length, a body that ends and one that breaks off look alike.
-    if (count <= 0) return !plan.length;
-    total += count;
-    take(std::string_view(block));
-  }
-  return true;
-}
-
-static BadRequest brokenBody(const PageCall& call, std::int64_t total) {
-  const std::string reason =
-      "the request body broke off after " + std::to_string(total) + " bytes";
-  logLine(call.connection.peer(), reason);
-  return BadRequest(reason);
-}
 
 static void putEchoHead(const PageCall& call, const BodyPlan& plan) {
   const std::string_view* type = headerOf(call.request, "content-type");

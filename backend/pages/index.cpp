@@ -22,6 +22,7 @@ constexpr LinkRow kLinks[] = {
     {"upload", "send a file, get its SHA-256"},
     {"bytes?n=1000000", "a million bytes"},
     {"stream?blocks=10&size=1000&ms=300", "ten blocks, one by one"},
+    {"marked?mark=mine&blocks=5", "blocks that tell whose they are"},
     {"sleep?ms=2000", "an answer after two seconds"},
     {"status?code=418", "any status code"},
     {"attribute?name=colour&value=blue", "set an attribute of the request"},

@@ -31,6 +31,7 @@ void showIndex(const PageCall& call);
 void showSnoop(const PageCall& call);
 void showEcho(const PageCall& call);
 void showUpload(const PageCall& call);
+void showMarked(const PageCall& call);
 void showBytes(const PageCall& call);
 void showStatus(const PageCall& call);
 void showSleep(const PageCall& call);

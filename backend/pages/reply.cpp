@@ -3,9 +3,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 
 #include "backend/session_id.h"
 #include "backend/text.h"
+#include "backend/wire/protocol.h"
 
 namespace backend {
 
@@ -137,6 +139,12 @@ void sendMessage(const PageCall& call, int status, std::string_view sentence) {
                               htmlOf(call.server.options.repId) + " at " +
                               htmlOf(call.connection.local()) + "</p>\n";
   sendHtml(call, status, title, content);
+}
+
+void pauseFor(const PageCall& call, std::int64_t milliseconds) {
+  if (milliseconds == 0) return;
+  if (call.server.connections.pause(std::chrono::milliseconds(milliseconds))) return;
+  throw BrokenOff("the server is going down");
 }
 
 nlohmann::ordered_json serverFacts(const PageCall& call) {

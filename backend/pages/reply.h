@@ -43,6 +43,11 @@ void sendHtml(const PageCall& call, int status, std::string_view title,
 // A page for people: the status and one sentence, which is escaped here.
 void sendMessage(const PageCall& call, int status, std::string_view sentence);
 
+constexpr std::int64_t kMaxPause = 600000;  // milliseconds
+
+// Waits; when the server goes down meanwhile, the conversation breaks off.
+void pauseFor(const PageCall& call, std::int64_t milliseconds);
+
 // Address, replication id and process id.
 [[nodiscard]] nlohmann::ordered_json serverFacts(const PageCall& call);
 

@@ -15,6 +15,7 @@ constexpr PageRow kPages[] = {
     {"upload", showUpload},   {"bytes", showBytes},         {"status", showStatus},
     {"sleep", showSleep},     {"stream", showStream},       {"session", showSession},
     {"busy", showBusy},       {"attribute", showAttribute}, {"die", showDie},
+    {"marked", showMarked},
 };
 
 // A folder's page is index.jsp.

@@ -1,29 +1,19 @@
 // The pages that answer with a given size, status or delay.
 
 #include <algorithm>
-#include <chrono>
 
 #include "backend/pages/reply.h"
 #include "backend/text.h"
-#include "backend/wire/protocol.h"
 
 namespace backend {
 
 constexpr std::int64_t kMaxBytes = std::int64_t{1} << 34;  // 16 GiB
 constexpr std::int64_t kMaxBlocks = 1000000;
 constexpr std::int64_t kMaxBlockSize{1 << 20};
-constexpr std::int64_t kMaxPause = 600000;  // milliseconds
 constexpr std::size_t kBlock{64U << 10U};
 
 // A prime, so that a block that is lost, doubled or shifted shows in the bytes.
 constexpr std::size_t kPatternLength = 251;
-
-// Waits; when the server goes down meanwhile, the conversation breaks off.
-static void pauseFor(const PageCall& call, std::int64_t milliseconds) {
-  if (milliseconds == 0) return;
-  if (call.server.connections.pause(std::chrono::milliseconds(milliseconds))) return;
-  throw BrokenOff("the server is going down");
-}
 
 // The bytes at `offset` and behind it: each is its position modulo 251.
 static std::string_view patternAt(const std::string& pattern, std::int64_t offset,

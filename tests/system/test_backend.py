@@ -141,6 +141,19 @@ def test_body_that_breaks_off_ends_well(connect, page, body, end, status):
     assert peer.reply().status == 200
 
 
+@pytest.mark.parametrize("body,end,status", [(b"m7\n" * 9, 0, 200), (b"m7\n" * 8, -1, 400),
+                                             (b"m7\n" * 8 + b"m8\n", 0, 400)])
+def test_marked_checks_its_body_and_tells_once_that_it_was_carried_out(server, connect, body, end,
+                                                                       status):
+    headers = [("content-length", "27")]
+    reply = connect(ask("marked?mark=m7&blocks=2&size=30", headers, "POST")).reply(body, end)
+    assert reply.status == status
+    assert server.errors().count("carried out m7\n") == (status == 200)
+    if status == 200:
+        assert reply.body.decode() == "".join(f"m7 A001 {n}/2 ".ljust(29, ".") + "\n" for n in (1, 2))
+        assert "Content-Length: 60\r\n" in reply.said[2][1]
+
+
 def test_session_of_another_server_is_taken_over(connect):
     ours, peer = "JSESSIONID=A001abcTRB002****", connect()
     given = (wire.PUT_HEADER_VALUE, "Set-Cookie", ours + "; Path=/; HttpOnly")
