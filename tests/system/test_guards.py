@@ -7,6 +7,23 @@ both = pytest.mark.parametrize("guards", ["none", "all"])
 
 
 @both
+def test_browser_is_nobody_whatever_it_sends(site, guards):
+    host = site.host(site.backend(), guards=guards)
+    forged = {"auth-user": "admin", "auth_type": "basic", "path-info": "/up", "keysize": "256"}
+    words = {"REMOTE_USER": "auth-user", "AUTH_TYPE": "auth_type", "PATH_INFO": "path-info",
+             "HTTPS_KEYSIZE": "keysize"}
+    asked = "&".join(f"header={name}" for name in [*words, *forged])
+    seen = host.fetch("/demo/snoop?" + asked, headers=forged.items()).json()
+    came = {name.lower(): value for name, value in seen["headers"]}  # what the host let through
+    answers = dict(seen["get_header"])
+    for variable, name in words.items():
+        expected = came.get(name, "") if guards == "none" else ""
+        assert answers[variable] == expected
+        assert seen["variables"].get(variable, expected) == expected
+        assert answers[name] == came.get(name, ""), "the header under its own name"
+
+
+@both
 def test_secrets_stay_out_of_the_log(site, guards):
     host = site.host(site.cluster(2)[0], verbose="true", guards=guards)
     secrets = [("Cookie", "JSESSIONID=zzzz0123456789; auth=SECRET"),
