@@ -29,6 +29,8 @@ const char* shownSession(const vesk_request* req, const char* id, char* buffer) 
   return buffer;
 }
 
+// Nothing of it, not even its begin: a password may be no longer than what would be
+// shown.
 const char* shownValue(const vesk_request* req, const char* name, const char* value) {
   return guarded(req, Guard::privacy) && isSecretName(name) ? "***" : value;
 }

@@ -53,7 +53,8 @@ void WriteToLogE(vesk_request* req, std::uint64_t flags, const char* format, ...
   va_end(args);
 }
 
-// A block as its host writes it, with secrets covered; what doesn't fit is left out.
+// A block in the form that hosts give it, with secrets covered; what doesn't fit into a
+// line is left out. The host's own text would have to be taken apart again for that.
 static const char* coveredText(const vesk_request* req, const pblock* block, char* text) {
   BlockWalk walk{block, 0, nullptr};
   int used = 0;

@@ -21,10 +21,12 @@ void leaveOutcome(const vesk_request* req) {
   const veskOutcome& outcome = req->outcome;
   pblock* vars = requestOf(req)->vars;
   const auto kind = static_cast<std::size_t>(outcome.kind);
+  // Without a word at all a host goes by the stage's result, as for any other plug-in.
   if (kind >= std::size(kNames) || !kNames[kind]) return;
   leave(vars, "vesk-outcome", kNames[kind]);
   leave(vars, "vesk-server", outcome.server);
   leave(vars, "vesk-state", outcome.state);
+  // As text, since the API's own numbers are ints, and microseconds soon are more.
   char number[24];
   (void)std::snprintf(number, sizeof number, "%" PRId32, outcome.attempts);
   leave(vars, "vesk-attempts", number);

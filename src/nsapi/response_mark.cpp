@@ -20,7 +20,8 @@ static void releaseTexts(vesk_request* req) {
   texts = nullptr;
 }
 
-// False when memory runs out; what was copied by then stands in order.
+// False when memory runs out; what was copied by then stands in order, so that it can be
+// released as a list of its own length.
 static bool copyParameters(vesk_request* req, const pblock* block, const char** texts) {
   BlockWalk walk{block, 0, nullptr};
   while (const pb_param* param = nextParameter(&walk)) {
@@ -32,7 +33,8 @@ static bool copyParameters(vesk_request* req, const pblock* block, const char** 
   return true;
 }
 
-// Copies, because an attempt may replace what the host holds.
+// Copies, because an attempt may replace what the host holds. Most often there is nothing
+// to copy.
 static bool markHeaders(vesk_request* req, const pblock* headers) {
   const std::int64_t count = countParameters(headers);
   if (count == 0) return true;
@@ -51,6 +53,8 @@ void markResponse(vesk_request* req) {
   req->log(req, "no memory to keep headers of the response for another attempt");
 }
 
+// By the host's own functions, for the memory is the host's. A host that can't find what
+// its own block lists ends the walk, where it could go on for ever.
 static void dropAll(pblock* block) {
   for (;;) {
     BlockWalk walk{block, 0, nullptr};
@@ -61,6 +65,8 @@ static void dropAll(pblock* block) {
   }
 }
 
+// All go, also those that stood there before: whether the attempt has changed one can't
+// be seen from its name.
 static void restoreHeaders(vesk_request* req, pblock* headers) {
   dropAll(headers);
   const char** text = req->responseMark.texts;
