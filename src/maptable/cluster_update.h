@@ -4,6 +4,7 @@
 // was applied last, the list is fetched from the server that answered: new servers
 // join, returning ones are activated, those no longer named leave.
 //
+// Ownership: the fetched list is freed here; servers that join are the table's.
 // Threads: any; tableMutex is taken, and held across the network traffic.
 // Failure: traced; the number is then not adopted, so that the next reply tries
 // again. The request that brought the news is never affected.

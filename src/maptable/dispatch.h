@@ -10,6 +10,7 @@
 //
 // In a cluster an attempt that fails writes no page, because another may follow.
 //
+// Ownership: all that one request needs lies on its stack; the servers are the table's.
 // Threads: any. tableMutex is taken to choose a server, to remove one, and for a
 // cluster update behind the response; never while a server serves the request.
 // Failure: the result; lastError holds the reason of the last attempt.

@@ -1,5 +1,6 @@
 // The last resort of a mapping in a cluster that has no active server left.
 //
+// Ownership: nothing changes hands.
 // Threads: REQUIRES tableMutex, which is held while servers are asked.
 // Failure: -1; the caller answers the browser.
 #pragma once

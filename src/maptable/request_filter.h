@@ -4,6 +4,7 @@
 // first revives and refreshes every known server. Then it walks the mappings in order and
 // takes the first that fits.
 //
+// Ownership: the request's texts stay its own; what is copied is freed here.
 // Threads: any; tableMutex is taken by what takes a table, and held across the
 // network traffic of a refresh made here.
 // Failure: none; a server that can't be reached doesn't change the answer.

@@ -1,6 +1,7 @@
 // The server for one attempt of a request: the records are read, server_choice chooses,
 // and what follows from its choice is written back and told.
 //
+// Ownership: a chosen server stays the table's, and valid without the lock.
 // Threads: REQUIRES tableMutex. Failure: null; the caller answers the browser.
 // Blocking: never.
 #pragma once

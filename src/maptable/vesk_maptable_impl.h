@@ -1,9 +1,8 @@
 // The connector's one routing table: which URI patterns go to the backend, and
 // which servers serve each of them.
 //
-// `mappings`, `mappingProxies`, `mappingBalances` and `patterns` are parallel
-// columns. They only grow: a server that leaves has flags cleared and keeps its
-// entries.
+// `mappings`, `mappingProxies`, `mappingBalances` and `patterns` are parallel columns.
+// They only grow: a server that leaves has flags cleared and keeps its entries.
 //
 // Ownership: the table owns its proxies (masterList), lists, balances and texts,
 // all from permMalloc, until mappingsTableDelete.
@@ -11,6 +10,7 @@
 // `tableMutex` guards all contents and is held across the network traffic of a
 // refresh and of a cluster update, never while a request is forwarded.
 // Locks, in order: initMutex, tableMutex, a proxy's `lock`.
+// Failure: an operation's result. Units: seconds, where a field says nothing else.
 #pragma once
 
 #include <cstdint>

@@ -5,7 +5,7 @@
 // begins with '*' stands for any server in service.
 //
 // Ownership: getSessionId gives a new text; buddies point into it.
-// Threads: the request's own; no lock.
+// Threads: the request's own; no lock. Failure: null. Units: bytes.
 #pragma once
 
 #include "context/vesk_request.h"
