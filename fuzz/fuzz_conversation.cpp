@@ -1,14 +1,16 @@
-// A server that says anything at all, in both kinds of conversation: the first
-// byte chooses, the rest is what arrives. Whatever it is, nothing may be read or
-// written outside a buffer, and all request memory must come back.
+// A server that says anything at all, in both kinds of conversation, with all guards and
+// with none: the first byte chooses, the rest is what arrives. Whatever it is, nothing
+// may be read or written outside a buffer, and all request memory must come back.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
+#include "context/guards.h"
 #include "context/request_setup.h"
 #include "properties/vesk_property.h"
 #include "proxy/mapping_order.h"
 #include "proxy/proxy_lifecycle.h"
+#include "proxy/replay.h"
 
 // A length from the wire may ask for gigabytes; the heap of a fuzzer may not.
 constexpr std::int32_t kMaxBlock = 1 << 16;
@@ -80,6 +82,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   peer = {data + 1, size - 1};
   vesk_request request;
   prepare(&request);
+  if ((data[0] & 2U) != 0) request.guards = kAllGuards;
+  request.method = (data[0] & 4U) != 0 ? "PUT" : "POST";
+  request.hasPostData = 1;
   veskProxy* proxy = veskProxyNew(&request);
   if (proxy->initProxy(proxy, &request, "127.0.0.1:1", 0, 1) == 0)
     converse(&request, proxy, (data[0] & 1U) != 0);
@@ -87,5 +92,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   request.freeAttributes(&request);
   request.freeAttributeNames(&request);
   releaseKeptBlocks(&request);
+  endReplay(&request);
   return 0;
 }
