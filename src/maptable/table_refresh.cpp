@@ -1,5 +1,6 @@
 #include "maptable/table_refresh.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include "context/guards.h"
@@ -59,22 +60,46 @@ static void admitAwaited(mappingsTable* table, vesk_request* req, std::uint32_t 
   }
 }
 
+static std::int32_t countOut(const proxyList& servers) {
+  std::int32_t out = 0;
+  for (std::int32_t i = 0; i < servers.count; ++i)
+    if (servers.active[i] == 0 && !isProxyUnlisted(servers.proxies[i])) ++out;
+  return out;
+}
+
+// The limit of a question to one of so many servers that are out of service. They share
+// the time of one, so that a server that is well again isn't kept waiting by others that
+// take every connection and never answer.
+static std::int32_t shareOfLimit(std::int32_t limit, std::int32_t out) {
+  constexpr std::int32_t kLeast = 1000;  // milliseconds
+  if (limit == 0 || out < 2) return limit;
+  return std::min(limit, std::max(limit / out, kLeast));
+}
+
 void refreshServers(mappingsTable* table, vesk_request* req, std::uint32_t lock) {
   const proxyList snapshot = copyOfServers(table, req, lock);
+  const std::int32_t limit = req->conversationLimit;
+  const std::int32_t share = shareOfLimit(limit, countOut(snapshot));
   for (std::int32_t i = 0; i < snapshot.count && !isShuttingDown(); ++i) {
+    const bool active = snapshot.active[i] != 0;
     // On the connector's own thread one server's failure is no business of the next.
     if (lock) req->lastError = 0;
-    refreshServer(table, req, snapshot.proxies[i], snapshot.active[i] != 0, lock);
+    req->conversationLimit = active ? limit : share;
+    refreshServer(table, req, snapshot.proxies[i], active, lock);
   }
+  req->conversationLimit = limit;
   admitAwaited(table, req, lock);
 }
 
 void reviveServers(mappingsTable* table, vesk_request* req, std::uint32_t lock) {
   const proxyList snapshot = copyOfServers(table, req, lock);
+  const std::int32_t limit = req->conversationLimit;
+  req->conversationLimit = shareOfLimit(limit, countOut(snapshot));
   for (std::int32_t i = 0; i < snapshot.count && !isShuttingDown(); ++i) {
     veskProxy* proxy = snapshot.proxies[i];
     if (snapshot.active[i] != 0 || isProxyUnlisted(proxy)) continue;
     req->lastError = 0;
     if (answersQuestion(proxy, req) != 0) (void)addProxy(table, proxy, req, lock);
   }
+  req->conversationLimit = limit;
 }
