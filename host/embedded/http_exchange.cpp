@@ -128,6 +128,7 @@ int HttpExchange::startResponse(HostRequest* request) try {
   HeadSettings settings{.http11 = isHttp11(info_),
                         .headRequest = method && std::strcmp(method, "HEAD") == 0,
                         .keepAlive = keepAlive_,
+                        .outcome = outcomeOf(*request),
                         .date = date,
                         .server = server_->version};
   ResponseHead head =
@@ -161,9 +162,15 @@ void HttpExchange::closeAfterwards() {
   mg_disable_connection_keep_alive(connection_);
 }
 
-void HttpExchange::finish(bool complete) {
-  bool whole = writer_.finish();
-  if (whole && complete && keepAlive_ && body_.drain(connection_)) {
+std::int64_t HttpExchange::missing() const {
+  return writer_.missing();
+}
+
+void HttpExchange::finish(Answer answer) {
+  if (answer != Answer::whole) closeAfterwards();
+  const bool ended =
+      answer == Answer::broken ? writer_.cut() : writer_.finish(keepAlive_);
+  if (ended && keepAlive_ && body_.drain(connection_)) {
     ClientInput::ofThread().expectHead();
   } else {
     closeAfterwards();

@@ -37,9 +37,8 @@ class HttpExchange final : public Exchange, private ByteSink {
   // the status of the answer that a malformed request gets.
   [[nodiscard]] int readHead(HostRequest* request);
 
-  // Ends the response: `complete` is false when the plug-in gave up in the
-  // middle. Decides what becomes of the connection.
-  void finish(bool complete);
+  // Ends the response as it is judged, and decides what becomes of the connection.
+  void finish(Answer answer);
 
   // Makes the connection end with this response.
   void closeAfterwards();
@@ -47,6 +46,7 @@ class HttpExchange final : public Exchange, private ByteSink {
   int readBody(unsigned char* buffer, int size) override;
   int startResponse(HostRequest* request) override;
   int writeBody(const char* bytes, int size) override;
+  [[nodiscard]] std::int64_t missing() const override;
   bool peer(sockaddr_in* address) override;
   char* clientName() override;
   char* translateUri(const char* uri, Session* session) override;

@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cstdio>
 
+#include "layer/judge.h"
 #include "layer/status.h"
 #include "layer/text.h"
 
@@ -93,7 +94,7 @@ static Framing framingOf(int status, const ResponseHead& head, const HeadSetting
 
 ResponseHead buildHead(int status, const char* reason, const pblock* srvhdrs,
                        const HeadSettings& settings) {
-  ResponseHead head{{}, Framing::none, -1, !settings.keepAlive, {}};
+  ResponseHead head{{}, 0, Framing::none, -1, !settings.keepAlive, {}};
   if (!reason) reason = usualReason(status);
   head.text = "HTTP/1.1 " + std::to_string(status) + " " + reason + "\r\n";
   putHeader(&head.text, "Date", settings.date);
@@ -102,10 +103,13 @@ ResponseHead buildHead(int status, const char* reason, const pblock* srvhdrs,
     takeHeader(&head, entry->param, status != kNoContent);
   }
   head.framing = framingOf(status, head, settings);
+  const bool counted = head.framing == Framing::none || head.length >= 0;
+  if (announcesClose(settings.outcome, counted)) head.close = true;
   if (head.framing == Framing::untilClose) head.close = true;
   if (head.framing == Framing::chunked) {
     putHeader(&head.text, "Transfer-Encoding", "chunked");
   }
+  head.fate = head.text.size();
   if (head.close) putHeader(&head.text, "Connection", "close");
   if (!head.close && !settings.http11) putHeader(&head.text, "Connection", "keep-alive");
   head.text += "\r\n";
@@ -163,8 +167,27 @@ bool ResponseWriter::write(const char* bytes, std::size_t size) {
   return !failed_;
 }
 
-bool ResponseWriter::finish() {
+std::int64_t ResponseWriter::missing() const {
+  return head_.framing == Framing::counted ? left_ : -1;
+}
+
+void ResponseWriter::announceClose() {
+  head_.text.resize(head_.fate);
+  putHeader(&head_.text, "Connection", "close");
+  head_.text += "\r\n";
+  head_.close = true;
+}
+
+// The head goes out all the same: a browser that has seen nothing at all sends its
+// request once more.
+bool ResponseWriter::cut() {
+  if (started_) (void)sendHead();
+  return false;
+}
+
+bool ResponseWriter::finish(bool keep) {
   if (!started_) return false;
+  if (!keep && headWaits_ && !head_.close) announceClose();
   buffer_.clear();
   if (headWaits_) buffer_ = head_.text;
   headWaits_ = false;

@@ -23,6 +23,7 @@ enum class Framing { none, counted, chunked, untilClose };
 
 struct ResponseHead {
   std::string text;      // status line to empty line
+  std::size_t fate;      // where in it the connection's fate begins, the last header
   Framing framing;       // how the body goes out
   std::int64_t length;   // of a counted body
   bool close;            // the connection can't take another request
@@ -34,6 +35,7 @@ struct HeadSettings {
   bool http11;            // the client speaks HTTP/1.1
   bool headRequest;       // the method is HEAD
   bool keepAlive;         // client and server would keep the connection
+  const char* outcome;    // what the plug-in has said by now; null: nothing
   std::string_view date;  // value of the Date header
   std::string_view server;
 };
@@ -74,13 +76,21 @@ class ResponseWriter {
   // Sends the head alone if it is still waiting.
   [[nodiscard]] bool sendHead();
 
-  // Sends what is still missing at the end. True when the response is complete
-  // and the connection can take another request.
-  [[nodiscard]] bool finish();
+  // What is missing of a counted body; below 0 for any other.
+  [[nodiscard]] std::int64_t missing() const;
+
+  // Sends what is still missing at the end; without `keep`, a head that still waits says
+  // that the connection closes. True when the response is complete and the connection
+  // can take another request.
+  [[nodiscard]] bool finish(bool keep);
+
+  // Ends the response without its end. False, as finish.
+  [[nodiscard]] bool cut();
 
  private:
   [[nodiscard]] bool sendBlock(const char* bytes, std::size_t size);
   [[nodiscard]] bool send(const char* bytes, std::size_t size);
+  void announceClose();
 
   ByteSink* sink_;
   ResponseHead head_{};

@@ -24,10 +24,9 @@ static bool serveStatic(ServerState* server, HostRequest* request) {
   return sendStaticFile(request, root.empty() || !uri ? "" : root + uri);
 }
 
-static bool serveFailure(HostRequest* request) {
+static void serveFailure(HostRequest* request) {
   const FailureHead head = failureHead(request->status_num, request->reason);
   sendErrorPage(request, head.status, head.reason);
-  return true;
 }
 
 static int runStages(const Stages& stages, HostRequest* request) {
@@ -38,46 +37,47 @@ static int runStages(const Stages& stages, HostRequest* request) {
   return stages.runStage(Stage::service, &request->session, request);
 }
 
-// Gives the browser what the stages have come to: false when the response can't
-// be called complete.
-static bool giveAnswer(ServerState* server, HostRequest* request, int result) {
-  switch (judgeService({result, request->responseStarted})) {
+// Gives the browser what the stages have come to where nothing was started: the answer
+// that the response is by then.
+static Answer giveAnswer(ServerState* server, HostRequest* request, Answer answer) {
+  switch (answer) {
     case Answer::none:
-      return serveStatic(server, request);
+      return serveStatic(server, request) ? Answer::whole : Answer::broken;
     case Answer::failure:
-      return serveFailure(request);
+      serveFailure(request);
+      return Answer::whole;
     case Answer::bare:
-      return startResponse(request) != REQ_ABORTED;
+      (void)startResponse(request);  // a client that has gone shows when it is written to
+      return Answer::whole;
     case Answer::whole:
-      return true;
     case Answer::broken:
+    case Answer::unknown:
       break;
   }
-  return false;
+  return answer;
 }
 
 // Without memory for the records there is nobody to ask and nothing to answer
 // with: the connection just ends.
-static bool readAndAnswer(ServerState* server, HttpExchange* exchange,
-                          HostRequest* request) {
-  if (!openRequest(request, exchange)) return false;
+static Answer readAndAnswer(ServerState* server, HttpExchange* exchange,
+                            HostRequest* request) {
+  if (!openRequest(request, exchange)) return Answer::broken;
   int refusal = exchange->readHead(request);
   if (refusal) {
     exchange->closeAfterwards();
     sendErrorPage(request, refusal, nullptr);
-    return false;
+    return Answer::whole;
   }
   const int result = runStages(*server->stages, request);
-  const bool complete = giveAnswer(server, request, result);
-  return complete && !endsConnection(result);
+  if (endsConnection(result)) exchange->closeAfterwards();
+  return giveAnswer(server, request, judgeRequest(*request, result));
 }
 
 int runRequest(ServerState* server, mg_connection* connection) try {
   HttpExchange exchange(server, connection);
   HostRequest request;
   RunningRequest running(&request);
-  bool complete = readAndAnswer(server, &exchange, &request);
-  exchange.finish(complete);
+  exchange.finish(readAndAnswer(server, &exchange, &request));
   return request.status_num > 0 ? request.status_num : kServerError;
 } catch (const std::bad_alloc&) {
   mg_disable_connection_keep_alive(connection);

@@ -88,9 +88,13 @@ int HttpdExchange::startResponse(HostRequest* request) {
   // The head must not go out: the refusal takes its place.
   if (refusal_ != 0 || r_->connection->aborted) return REQ_ABORTED;
   left_ = putHead(r_, request);
-  if (!r_->header_only && !isHeadOnly(r_->status)) return REQ_PROCEED;
-  left_ = 0;
-  return REQ_NOACTION;
+  if (r_->header_only || isHeadOnly(r_->status)) {
+    left_ = 0;
+    return REQ_NOACTION;
+  }
+  const bool closes = announcesClose(outcomeOf(*request), left_ >= 0);
+  if (closes) r_->connection->keepalive = AP_CONN_CLOSE;
+  return REQ_PROCEED;
 }
 
 bool HttpdExchange::pass() {
@@ -123,12 +127,28 @@ int HttpdExchange::writeBody(const char* bytes, int size) {
   return pass() ? size : -1;
 }
 
-void HttpdExchange::finish(bool complete) {
-  if (!complete || left_ > 0) r_->connection->keepalive = AP_CONN_CLOSE;
+std::int64_t HttpdExchange::missing() const {
+  return left_;
+}
+
+// The filters of a protocol know this bucket as the end of a gateway that broke off: no
+// last chunk, or a stream that is reset. A filter that packs the body passes it on behind
+// what looks like a good end.
+void HttpdExchange::putBreak() {
+  r_->no_cache = 1;
+  if (r_->main) r_->main->no_cache = 1;
+  apr_bucket* broken = ap_bucket_error_create(HTTP_BAD_GATEWAY, nullptr, r_->pool,
+                                              r_->connection->bucket_alloc);
+  APR_BRIGADE_INSERT_TAIL(out_, broken);
+}
+
+void HttpdExchange::finish(Answer answer) {
+  if (answer != Answer::whole) r_->connection->keepalive = AP_CONN_CLOSE;
   if (ended_) return;
   ended_ = true;
   apr_bucket_alloc_t* buckets = r_->connection->bucket_alloc;
   if (!out_) out_ = apr_brigade_create(r_->pool, buckets);
+  if (answer == Answer::broken) putBreak();
   APR_BRIGADE_INSERT_TAIL(out_, apr_bucket_eos_create(buckets));
   (void)pass();  // a client that has gone is told of in httpd's own log
 }

@@ -26,6 +26,7 @@ class HttpdExchange final : public Exchange {
   int readBody(unsigned char* buffer, int size) override;
   int startResponse(HostRequest* request) override;
   int writeBody(const char* bytes, int size) override;
+  [[nodiscard]] std::int64_t missing() const override;
   bool peer(sockaddr_in* address) override;
   char* clientName() override;
   char* translateUri(const char* uri, Session* session) override;
@@ -33,8 +34,8 @@ class HttpdExchange final : public Exchange {
   void log(int degree, const char* function, HostRequest* request,
            const char* message) override;
 
-  // Ends a started response; `complete` false closes the connection behind it.
-  void finish(bool complete);
+  // Ends a started response as it is judged.
+  void finish(Answer answer);
 
   // The status that the request deserves whatever a plug-in says of it, as for
   // a body that is too long; 0: none.
@@ -46,6 +47,7 @@ class HttpdExchange final : public Exchange {
   int takeBytes(unsigned char* buffer, int size);
   [[nodiscard]] bool fetchBody(int size);
   [[nodiscard]] bool pass();
+  void putBreak();
 
   request_rec* r_;
   apr_bucket_brigade* body_;  // read and not yet taken; null: nothing was read

@@ -126,7 +126,8 @@ static int giveBack(RequestState* state, request_rec* r) {
 static int giveAnswer(RequestState* state, request_rec* r, int result) {
   HostRequest& request = state->request;
   if (state->exchange.refusal() && r->bytes_sent == 0) return state->exchange.refusal();
-  const Answer verdict = judgeService({result, request.responseStarted});
+  if (endsConnection(result)) r->connection->keepalive = AP_CONN_CLOSE;
+  const Answer verdict = judgeRequest(request, result);
   switch (verdict) {
     case Answer::none:
       return giveBack(state, r);
@@ -137,9 +138,10 @@ static int giveAnswer(RequestState* state, request_rec* r, int result) {
       break;
     case Answer::whole:
     case Answer::broken:
+    case Answer::unknown:
       break;
   }
-  state->exchange.finish(verdict != Answer::broken);
+  state->exchange.finish(verdict == Answer::bare ? Answer::whole : verdict);
   return OK;
 }
 

@@ -11,6 +11,8 @@
 // Errors: as each function tells; nothing may be thrown.
 #pragma once
 
+#include <cstdint>
+
 #include "nsapi.h"
 
 namespace host {
@@ -33,6 +35,10 @@ class Exchange {
   // Sends body bytes, after startResponse gave REQ_PROCEED: `size`, or -1 with
   // errno. Blocks.
   virtual int writeBody(const char* bytes, int size) = 0;
+
+  // What is missing of the started response's content-length, in bytes; below 0 when it
+  // has none.
+  [[nodiscard]] virtual std::int64_t missing() const = 0;
 
   // The client's IPv4 address and port: false when it has none.
   virtual bool peer(sockaddr_in* address) = 0;

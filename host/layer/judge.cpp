@@ -19,15 +19,37 @@ bool initFails(int result) {
   return result == REQ_ABORTED || result == REQ_EXIT;
 }
 
-// Once a response was started, it can't be taken back: nobody else may answer,
-// and a failure can be shown only by breaking off.
+static bool says(const char* outcome, std::string_view word) {
+  return outcome && outcome == word;
+}
+
+// Bytes tell more than words, and a plug-in's own word more than the result of its
+// stage: a function fails, too, when all that it did was to send a page with a status
+// that tells of an error.
+static Answer judgeStarted(const ServiceEnd& end) {
+  if (!end.hasBody || end.missing == 0) return Answer::whole;
+  if (end.missing > 0 || says(end.outcome, "broken")) return Answer::broken;
+  if (says(end.outcome, "served")) return Answer::whole;
+  const bool failed = judgeStage(end.result) == StageVerdict::failed;
+  return failed ? Answer::unknown : Answer::whole;
+}
+
+// Once a response was started, it can't be taken back: nobody else may answer.
 Answer judgeService(const ServiceEnd& end) {
-  const StageVerdict verdict = judgeStage(end.result);
-  if (verdict == StageVerdict::failed) {
-    return end.responseStarted ? Answer::broken : Answer::failure;
+  if (end.responseStarted) return judgeStarted(end);
+  switch (judgeStage(end.result)) {
+    case StageVerdict::failed:
+      return Answer::failure;
+    case StageVerdict::done:
+      return Answer::bare;
+    case StageVerdict::declined:
+      break;
   }
-  if (end.responseStarted) return Answer::whole;
-  return verdict == StageVerdict::done ? Answer::bare : Answer::none;
+  return Answer::none;
+}
+
+bool announcesClose(const char* outcome, bool hasLength) {
+  return !hasLength && says(outcome, "failed");
 }
 
 bool endsConnection(int result) {

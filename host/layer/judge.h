@@ -7,6 +7,8 @@
 // Pure functions: any thread, no lock, no memory.
 #pragma once
 
+#include <cstdint>
+
 namespace host {
 
 // --- a stage ------------------------------------------------------------------
@@ -25,10 +27,13 @@ enum class StageVerdict {
 
 // --- the answer ---------------------------------------------------------------
 
-// How the stages left the request.
+// How the stages left the request. The last three count once a response was started.
 struct ServiceEnd {
-  int result;            // of the last stage that ran
-  bool responseStarted;  // its head has been given to the web server
+  int result;                     // of the last stage that ran
+  bool responseStarted = false;   // its head has been given to the web server
+  bool hasBody = false;           // false: it answers HEAD, or is a 204 or 304
+  std::int64_t missing = -1;      // bytes of its content-length; below 0: it has none
+  const char* outcome = nullptr;  // what the plug-in calls its end; null: nothing
 };
 
 enum class Answer {
@@ -36,11 +41,16 @@ enum class Answer {
   failure,  // the page about a failure; nothing of a response was sent
   bare,     // a head alone, which is still to be started
   whole,    // the response ends properly, and the connection may be kept
-  broken,   // the response breaks off, and the browser is to notice
+  broken,   // the response is cut without its end, so that the browser notices
+  unknown,  // the response ends properly, and the connection with it
 };
 
 // What the browser gets once the stages have run.
 [[nodiscard]] Answer judgeService(const ServiceEnd& end);
+
+// True when a head that is about to leave must say that the connection ends with its
+// response: the plug-in has said by now what makes its end unknown.
+[[nodiscard]] bool announcesClose(const char* outcome, bool hasLength);
 
 // True when a stage wants the connection to end with this request.
 [[nodiscard]] bool endsConnection(int result);

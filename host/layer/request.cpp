@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "layer/parameters.h"
 #include "layer/status.h"
 
 namespace host {
@@ -41,7 +42,18 @@ int startResponse(HostRequest* request) {
   // A plug-in that takes its status back sets this field, and has no way to the reason.
   if (request->status_num == 0) request->reason = nullptr;
   if (request->status_num == 0) request->status_num = kOk;
-  return request->exchange->startResponse(request);
+  const int result = request->exchange->startResponse(request);
+  request->hasBody = result != REQ_NOACTION;
+  return result;
+}
+
+const char* outcomeOf(const HostRequest& request) {
+  return findValue(request.vars, "vesk-outcome");
+}
+
+Answer judgeRequest(const HostRequest& request, int result) {
+  return judgeService({result, request.responseStarted, request.hasBody,
+                       request.exchange->missing(), outcomeOf(request)});
 }
 
 }  // namespace host

@@ -13,6 +13,7 @@
 #include <cstdint>
 
 #include "layer/exchange.h"
+#include "layer/judge.h"
 #include "layer/pool.h"
 #include "nsapi.h"
 
@@ -28,6 +29,7 @@ struct HostRequest : Request {
   Exchange* exchange;
   const char* reason;    // given to protocol_status; null: the usual one
   bool responseStarted;  // protocol_start_response was called
+  bool hasBody;          // the started response may have one
   bool overfull;         // a block took no further parameter
   bool translateOnly;    // made to translate a URI; there is no client for it
 };
@@ -55,5 +57,11 @@ class RunningRequest {
 // Marks the response as started and hands its head to the web server; a status
 // of 0 becomes 200. What the exchange gives. REQUIRES: none was started.
 int startResponse(HostRequest* request);
+
+// What the plug-in has left as `vesk-outcome`, or null.
+[[nodiscard]] const char* outcomeOf(const HostRequest& request);
+
+// What the browser gets of a request whose last stage gave `result`.
+[[nodiscard]] Answer judgeRequest(const HostRequest& request, int result);
 
 }  // namespace host

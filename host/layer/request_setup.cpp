@@ -18,6 +18,7 @@ bool openRequest(HostRequest* request, Exchange* exchange) {
   request->exchange = exchange;
   request->reason = nullptr;
   request->responseStarted = false;
+  request->hasBody = false;
   request->overfull = false;
   request->translateOnly = false;
   return request->vars && request->reqpb && request->headers && request->srvhdrs &&

@@ -3,6 +3,9 @@
 // `vesk-state` (the two letters of proxy/request_outcome.h), `vesk-time` (microseconds in
 // all attempts).
 //
+// Left when the stage ends, and as the head leaves if the end is known by then: that of
+// an error page is.
+//
 // Ownership: the host copies the texts. Threads: the request's own.
 // Failure: none; what the host has no memory for is missing.
 #pragma once

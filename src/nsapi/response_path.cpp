@@ -15,6 +15,7 @@
 #include "context/request_block.h"
 #include "context/text.h"
 #include "nsapi/host_objects.h"
+#include "nsapi/outcome.h"
 
 const char* errorUrl = nullptr;
 
@@ -144,6 +145,7 @@ void addHeader(vesk_request* req, const char* name, const char* value) {
 // Whatever keeps the body away, a HEAD or a client that has left, the server's answer
 // must be read to its end: its connection is needed again.
 static void startResponse(vesk_request* req) {
+  leaveOutcome(req);
   const int result = protocol_start_response(sessionOf(req), requestOf(req));
   if (result != REQ_NOACTION && result != REQ_ABORTED) return;
   req->noClientOutput = 1;

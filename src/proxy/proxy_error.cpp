@@ -59,6 +59,8 @@ static void sendPage(vesk_request* req, char* page, const char* message) {
     req->setStatus(req, kServiceUnavailable, "Server Error");
   }
   req->addHeader(req, "content-type", "text/html");
+  // Known before the head leaves, so that the host can say there what it makes of it.
+  req->outcome.kind = kOutcomeFailed;
   // The page is the last word of this request: responseStarted is set even where it could
   // not be written, so that the host doesn't add a page of its own behind half of one.
   (void)req->writeClient(req, page, length);  // there is nobody else to tell

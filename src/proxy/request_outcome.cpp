@@ -38,6 +38,7 @@ void beginOutcome(vesk_request* req, const veskProxy* proxy) {
   static_assert(sizeof outcome->server == sizeof proxy->name);
   std::memcpy(outcome->server, proxy->name, sizeof proxy->name);
   ++outcome->attempts;
+  outcome->kind = kOutcomeUnknown;  // how the one before ended counts no longer
   noteStage(req, kStageConnect);
 }
 

@@ -195,20 +195,29 @@ TEST(stages, functionsThatNobodyCanRunThereAreRefused) {
 }
 
 struct AnswerRow {
-  int result;
-  Answer unstarted;  // what the browser gets where no response was started
-  Answer started;
+  Answer answer;
+  ServiceEnd end;
 };
 
-TEST(judge, resultAndStartTellWhatTheBrowserGets) {
-  const AnswerRow rows[] = {{REQ_NOACTION, Answer::none, Answer::whole},
-                            {REQ_PROCEED, Answer::bare, Answer::whole},
-                            {REQ_ABORTED, Answer::failure, Answer::broken},
-                            {REQ_EXIT, Answer::failure, Answer::broken},
-                            {7, Answer::failure, Answer::broken}};
+TEST(judge, bytesTellMoreThanWordsAndWordsMoreThanResults) {
+  using enum Answer;
+  const AnswerRow rows[] = {{none, {.result = REQ_NOACTION}},
+                            {bare, {.result = REQ_PROCEED}},
+                            {failure, {.result = REQ_ABORTED}},
+                            {failure, {.result = REQ_EXIT}},
+                            {failure, {.result = 7}},
+                            {whole, {REQ_ABORTED, true, false, 9, "broken"}},
+                            {whole, {REQ_ABORTED, true, true, 0, "broken"}},
+                            {broken, {REQ_PROCEED, true, true, 9, "served"}},
+                            {broken, {REQ_PROCEED, true, true, -1, "broken"}},
+                            {whole, {REQ_ABORTED, true, true, -1, "served"}},
+                            {unknown, {REQ_ABORTED, true, true, -1, "failed"}},
+                            {unknown, {REQ_EXIT, true, true, -1, nullptr}},
+                            {unknown, {7, true, true, -1, nullptr}},
+                            {whole, {REQ_PROCEED, true, true, -1, "failed"}},
+                            {whole, {REQ_NOACTION, true, true, -1, nullptr}}};
   for (const AnswerRow& row : rows) {
-    EXPECT_EQ(judgeService({row.result, false}), row.unstarted) << row.result;
-    EXPECT_EQ(judgeService({row.result, true}), row.started) << row.result;
+    EXPECT_EQ(judgeService(row.end), row.answer) << &row - rows;
   }
   for (int status : {0, 200, 299}) EXPECT_FALSE(failureHead(status, "OK").recorded);
   EXPECT_STREQ(failureHead(302, "There").reason, "There");

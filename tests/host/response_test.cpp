@@ -37,10 +37,11 @@ ResponseHead head(int status, std::string_view headers, HeadSettings settings) {
   return result;
 }
 
-constexpr HeadSettings kNew{true, false, true, {}, {}};
-constexpr HeadSettings kNewHead{true, true, true, {}, {}};
-constexpr HeadSettings kNewClose{true, false, false, {}, {}};
-constexpr HeadSettings kOld{false, false, true, {}, {}};
+constexpr HeadSettings kNew{true, false, true, nullptr, {}, {}};
+constexpr HeadSettings kNewHead{true, true, true, "failed", {}, {}};
+constexpr HeadSettings kNewClose{true, false, false, nullptr, {}, {}};
+constexpr HeadSettings kNewFailed{true, false, true, "failed", {}, {}};
+constexpr HeadSettings kOld{false, false, true, nullptr, {}, {}};
 
 struct FramingRow {
   int status;
@@ -62,6 +63,8 @@ const FramingRow kFramingRows[] = {
     {200, counted, kNewClose, "content-length: 7|",
      "content-length: 7|Connection: close|"},
     {200, none, kNewHead, "content-length: 7|", "content-length: 7|"},
+    {503, counted, kNewFailed, "content-length: 7|", "content-length: 7|"},
+    {503, chunked, kNewFailed, "", "Transfer-Encoding: chunked|Connection: close|"},
     {200, none, kNewHead, "", ""},
     {204, none, kNew, "content-length: 7|", ""},
     {304, none, kNew, "etag: x|", "etag: x|"},
@@ -104,33 +107,44 @@ class RecordingSink final : public ByteSink {
   std::string all;
 };
 
+enum class End { keep, close, cut };
+
 struct WriterRow {
   Framing framing;
   int length;
   std::vector<std::string> blocks;
+  End end;
   const char* writes;  // each behind a ">"
   bool keeps;          // the connection
 };
 
-const WriterRow kWriterRows[] = {{chunked,
-                                  0,
-                                  {"abc", "", "0123456789abcdef"},
-                                  ">H||3|abc|>10|0123456789abcdef|>0||",
-                                  true},
-                                 {chunked, 0, {}, ">H||0||", true},
-                                 {counted, 4, {"abc", "def", "ghi"}, ">H||abc>d", true},
-                                 {counted, 4, {"abc"}, ">H||abc", false},
-                                 {none, 0, {"abc"}, ">H||", true}};
+const WriterRow kWriterRows[] = {
+    {chunked,
+     0,
+     {"abc", "", "0123456789abcdef"},
+     End::keep,
+     ">H||3|abc|>10|0123456789abcdef|>0||",
+     true},
+    {chunked, 0, {}, End::keep, ">H||0||", true},
+    {chunked, 0, {}, End::close, ">H|Connection: close||0||", false},
+    {chunked, 0, {}, End::cut, ">H||", false},
+    {chunked, 0, {"abc"}, End::close, ">H||3|abc|>0||", true},
+    {chunked, 0, {"abc"}, End::cut, ">H||3|abc|", false},
+    {counted, 4, {"abc", "def", "ghi"}, End::keep, ">H||abc>d", true},
+    {counted, 4, {"abc"}, End::keep, ">H||abc", false},
+    {none, 0, {"abc"}, End::keep, ">H||", true}};
 
-TEST(writer, headLeavesWithTheFirstBlock) {
+TEST(writer, headLeavesWithTheFirstBlockAndSaysWhatIsKnown) {
   for (const WriterRow& row : kWriterRows) {
     RecordingSink sink;
     ResponseWriter writer(&sink);
-    writer.start({lines("H||"), row.framing, row.length, false, {}});
+    writer.start({lines("H||"), 3, row.framing, row.length, false, {}});
     for (const std::string& block : row.blocks) {
       EXPECT_TRUE(writer.write(block.data(), block.size()));
     }
-    EXPECT_EQ(writer.finish(), row.keeps) << row.writes;
+    const bool ended =
+        row.end == End::cut ? writer.cut() : writer.finish(row.end == End::keep);
+    EXPECT_EQ(ended, row.keeps) << row.writes;
     EXPECT_EQ(sink.all, lines(row.writes));
   }
 }
@@ -138,10 +152,10 @@ TEST(writer, headLeavesWithTheFirstBlock) {
 TEST(writer, bigBlocksAreWholeInSlices) {
   RecordingSink sink;
   ResponseWriter writer(&sink);
-  writer.start({"", untilClose, 0, true, {}});
+  writer.start({"", 0, untilClose, 0, true, {}});
   std::string block(200000, 'x');
   EXPECT_TRUE(writer.write(block.data(), block.size()));
-  EXPECT_FALSE(writer.finish()) << "the connection must close";
+  EXPECT_FALSE(writer.finish(true)) << "the connection must close";
   std::erase(sink.all, '>');
   EXPECT_EQ(sink.all, block);
 }

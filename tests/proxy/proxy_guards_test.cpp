@@ -171,7 +171,7 @@ TEST(partial, nothingIsWrittenBehindAResponseThatHasBegun) {
     guardBy(t, guarded ? "partial" : "none");
     EXPECT_EQ(handle(t), -1);
     EXPECT_EQ(t.body == "half", guarded);
-    EXPECT_EQ(t.req->outcome.kind, guarded ? kOutcomeBroken : kOutcomeUnknown);
+    EXPECT_EQ(t.req->outcome.kind, guarded ? kOutcomeBroken : kOutcomeFailed);
     EXPECT_EQ(
         t.logged("127.0.0.1:7001 failed behind the begin of its response, which ends "
                  "broken: 104 Connection reset by peer"),

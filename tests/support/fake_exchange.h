@@ -35,6 +35,9 @@ class FakeExchange final : public host::Exchange {
     body.append(bytes, static_cast<std::size_t>(size));
     return size;
   }
+  [[nodiscard]] std::int64_t missing() const override {
+    return -1;
+  }
   bool peer(sockaddr_in* address) override {
     address->sin_port = htons(peerPort);
     return peerPort != 0;

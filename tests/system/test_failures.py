@@ -26,6 +26,7 @@ def test_page_while_all_are_down_and_service_when_one_is_back(site, count):
             response = browser.fetch("GET", "/demo/snoop")
             assert (response.status, response.reason) == (503, "Server Error")
             assert response.header("content-type") == "text/html"
+            assert response.header("connection").lower() == "close"
             assert response.body.decode() == DOWN
             assert browser.at_end()
     if count > 1:
@@ -49,6 +50,20 @@ def test_errorurl_redirects_every_503_and_nothing_else(site):
     assert (response.status, response.body.decode()) == (302, DOWN)
 
 
+@pytest.mark.parametrize("code", [403, 404, 500, 503])
+def test_connection_is_kept_behind_a_whole_page_or_the_head_says_so(played, code):
+    server, host = played
+    server.serve = lambda peer, uri: peer.send(
+        wire.status(int(uri[-3:])), wire.client(b"a page"), wire.word(wire.FINISH))
+    with host.connect() as browser:
+        page = browser.fetch("GET", f"/demo/{code}")
+        assert page.complete and page.header("transfer-encoding") == "chunked"
+        if page.header("connection"):  # httpd's own habit for some
+            assert code >= 500 and browser.at_end()
+        else:
+            assert browser.fetch("POST", "/demo/200", body=b"x").body == b"a page"
+
+
 BROKEN = [  # the page, the status, how much of the announced 2000 bytes has come, what follows
     ("die?at=headers", 503, 0, CLOSED), ("die?at=question", 503, 0, CLOSED),
     ("die?at=data", 503, 0, CLOSED), ("die?at=negative", 503, 0, PROTOCOL),
@@ -58,13 +73,16 @@ BROKEN = [  # the page, the status, how much of the announced 2000 bytes has com
 
 
 @pytest.mark.parametrize("target,status,came,follows", BROKEN, ids=[row[0] for row in BROKEN])
-def test_answer_that_breaks_off_late_ends_the_connection(web, target, status, came, follows):
+def test_connection_ends_behind_an_answer_that_is_not_whole(web, target, status, came, follows):
     with web.connect() as browser:
         response = browser.fetch("GET", "/demo/" + target)
         assert response.status == status
         assert response.body.decode() == "." * came + follows
         assert response.complete == (target == "die?at=finish")
-        assert browser.at_end()
+        if response.complete:
+            assert browser.fetch("GET", "/hello.txt").body == b"a file\n"
+        else:
+            assert browser.at_end()
     assert web.serves()
 
 

@@ -8,6 +8,7 @@ import pathlib
 import signal
 import subprocess
 
+import fake_server as wire
 import pytest
 from httpd import HttpdHost
 from load import Load
@@ -237,6 +238,26 @@ def test_http2_carries_bodies_both_ways(secure):
     body, status = curl(secure, "/demo/stream?blocks=20&size=5000&ms=1", "--http2")
     assert status == "2 200" and len(body) == 100_000
     assert curl(secure, "/demo/status?code=204", "--http2")[1] == "2 204"
+
+
+def cut(peer, uri):
+    """Plays half a page and then nonsense, but for /demo/whole."""
+    head = wire.header("content-length", "9999") if uri == "/demo/counted" else b""
+    peer.send(wire.status(200), head, wire.client(b"half a page " * 100),
+              wire.word(wire.FINISH if uri == "/demo/whole" else 77))
+
+
+# What curl says of a body that ends too early, and of a stream that was reset.
+@pytest.mark.parametrize("packing", [(), ("--compressed",)])
+@pytest.mark.parametrize("version,broken", [("--http1.1", 18), ("--http2-prior-knowledge", 92)])
+def test_cut_page_never_arrives_as_whole(site, packing, version, broken):
+    host = start(site, ("deflate", "filter", "http2"), "SetOutputFilter DEFLATE\n"
+                 "Protocols h2c http/1.1", backend=site.fake(cut), guards="all")
+    page = f"http://127.0.0.1:{host.address[1]}/demo/"
+    ends = [subprocess.run(["curl", "-s", version, *packing, "-o", "/dev/null", page + name],
+                           check=False, timeout=60).returncode
+            for name in ("whole", "uncounted", "counted", "whole")]
+    assert ends == [0, broken, broken, 0]
 
 
 # --- processes ---------------------------------------------------------------
