@@ -137,6 +137,12 @@ static std::string readThreads(Reader* reader, const std::string& value,
   return {};
 }
 
+static std::string readClientNames(Reader* reader, const std::string& value,
+                                   const std::string&) {
+  reader->config->clientNames = value == "on";
+  return value == "on" || value == "off" ? "" : "ClientNames is on or off";
+}
+
 static std::string readErrorLog(Reader* reader, const std::string& value,
                                 const std::string& where) {
   reader->config->errorLog = value;
@@ -156,6 +162,7 @@ constexpr ServerDirective kServerDirectives[] = {
     {"DocumentRoot", false, readDocumentRoot},
     {"DirectoryIndex", false, readDirectoryIndex},
     {"Threads", false, readThreads},
+    {"ClientNames", false, readClientNames},
     {"ErrorLog", false, readErrorLog},
 };
 

@@ -28,6 +28,7 @@ struct Config {
   std::string documentRoot;                   // absolute; empty: none
   std::string directoryIndex = "index.html";  // names with blanks between
   int threads = 64;
+  bool clientNames = false;   // headers may mean the host's own words
   std::string errorLog;       // empty: standard error
   std::string errorLogWhere;  // "file:line"
   std::vector<Directive> inits;

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "embedded/client_input.h"
+#include "layer/client_names.h"
 #include "layer/parameters.h"
 #include "layer/status.h"
 #include "layer/text.h"
@@ -63,9 +64,10 @@ static bool add(pblock* pb, const char* name, const std::string& value) {
   return addParameter(pb, name, value.c_str()) != nullptr;
 }
 
-static bool addHeaders(pblock* headers, const mg_request_info* info) {
+static bool addHeaders(pblock* headers, const mg_request_info* info, bool allNames) {
   for (int i = 0; i < info->num_headers; ++i) {
     const mg_header& header = info->http_headers[i];
+    if (!allNames && isHostsWord(header.name)) continue;
     std::string name = lowerCase(header.name);
     if (!add(headers, name.c_str(), std::string(trimmed(header.value, kBlanks))))
       return false;
@@ -105,7 +107,7 @@ int HttpExchange::readHead(HostRequest* request) {
   if (!info_->request_uri || !decodeUri(rawPath(info_), &uri)) return kBadRequest;
   if (uri.empty() || (uri.front() != '/' && uri != "*")) return kBadRequest;
   bool filled = addRequestLine(request->reqpb, info_, uri) &&
-                addHeaders(request->headers, info_) &&
+                addHeaders(request->headers, info_, server_->config->clientNames) &&
                 add(request->session.client, "ip", info_->remote_addr);
   return filled ? 0 : kServerError;
 }

@@ -129,7 +129,9 @@ void* nsapiMergeServers(apr_pool_t* pool, void* base, void* own) {
   void* memory = apr_palloc(pool, sizeof(ServerConfig));
   auto* merged = static_cast<ServerConfig*>(memory);
   *merged = *static_cast<const ServerConfig*>(own);
-  if (!merged->own) merged->stages = static_cast<const ServerConfig*>(base)->stages;
+  const auto* main = static_cast<const ServerConfig*>(base);
+  if (!merged->own) merged->stages = main->stages;
+  if (!merged->clientNamesSet) merged->clientNames = main->clientNames;
   return merged;
 }
 
@@ -137,6 +139,13 @@ const char* nsapiInit(cmd_parms* cmd, void*, const char* text) try {
   return host::answer(cmd, host::addInitLine(cmd, text));
 } catch (const std::exception&) {
   return host::kOutOfMemory;
+}
+
+const char* nsapiClientNames(cmd_parms* cmd, void*, int on) {
+  ServerConfig* config = host::configOf(cmd->server);
+  config->clientNames = on != 0;
+  config->clientNamesSet = true;
+  return nullptr;
 }
 
 const char* nsapiNameTrans(cmd_parms* cmd, void*, const char* text) {

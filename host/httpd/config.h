@@ -14,9 +14,11 @@
 namespace host {
 
 struct ServerConfig {
-  Stages* inits;   // this server's Init lines; null: none
-  Stages* own;     // its lines of the other stages; null: none
-  Stages* stages;  // what its requests run: `own`, else the main server's, else null
+  Stages* inits;        // this server's Init lines; null: none
+  Stages* own;          // its lines of the other stages; null: none
+  Stages* stages;       // what its requests run: `own`, else the main server's, else null
+  bool clientNames;     // headers may mean the host's own words
+  bool clientNamesSet;  // by a line of its own
 };
 
 [[nodiscard]] ServerConfig* configOf(server_rec* server);

@@ -15,6 +15,9 @@ static const command_rec directives[] = {
     AP_INIT_RAW_ARGS("NSAPIService", nsapiService, NULL, RSRC_CONF,
                      "fn=\"NAME\" type=\"PATTERN\" method=\"PATTERN\" key=\"value\"...: "
                      "answers requests of that type and method"),
+    AP_INIT_FLAG("NSAPIClientNames", nsapiClientNames, NULL, RSRC_CONF,
+                 "On lets headers through whose names mean the web server's own words, "
+                 "such as Auth-User; Off, the default, leaves them out"),
     {NULL, {NULL}, NULL, 0, RAW_ARGS, NULL}};
 
 /* An index file is looked for by mod_dir, whose fixups run among the last. */

@@ -29,6 +29,9 @@ const char* nsapiNameTrans(cmd_parms* cmd, void* unused, const char* text);
 const char* nsapiObjectType(cmd_parms* cmd, void* unused, const char* text);
 const char* nsapiService(cmd_parms* cmd, void* unused, const char* text);
 
+/* NSAPIClientNames. */
+const char* nsapiClientNames(cmd_parms* cmd, void* unused, int on);
+
 /* Runs the Init functions in a new child process; the restart callbacks run
  * when `pool` goes, after the child's worker threads have ended. */
 void nsapiStartChild(apr_pool_t* pool, server_rec* server);

@@ -8,7 +8,9 @@
 #include <cstring>
 #include <new>
 
+#include "httpd/config.h"
 #include "httpd/mod_nsapi.h"
+#include "layer/client_names.h"
 #include "layer/parameters.h"
 #include "layer/request_setup.h"
 #include "layer/stages.h"
@@ -22,11 +24,14 @@ static bool add(pblock* pb, const char* name, const char* value) {
 
 // The client's order is the table's. httpd has joined headers of one name.
 static bool putHeaders(pblock* headers, request_rec* r) {
+  const ServerConfig* config = configOf(r->server);
+  const bool allNames = config && config->clientNames;
   const apr_array_header_t* table = apr_table_elts(r->headers_in);
   const void* elements = table->elts;
   const auto* entries = static_cast<const apr_table_entry_t*>(elements);
   for (int i = 0; i < table->nelts; ++i) {
     if (!entries[i].key || !entries[i].val) continue;
+    if (!allNames && isHostsWord(entries[i].key)) continue;
     char* name = requestText(entries[i].key);
     if (!name) return false;
     ap_str_tolower(name);

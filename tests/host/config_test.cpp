@@ -15,6 +15,7 @@ Listen [::1]:80
 ServerName "a b"   # comment
 DocumentRoot /
 Threads 7
+ClientNames on
 ErrorLog x#y.log     # comment
 Init fn="a"
 # between
@@ -30,8 +31,9 @@ DirectoryIndex i.html j.jsp)";
   EXPECT_EQ(config.listeners[1].first, "[::1]:80");
   EXPECT_EQ(config.serverName + config.documentRoot + config.errorLog, "a b/x#y.log");
   EXPECT_EQ(config.threads, 7);
+  EXPECT_TRUE(config.clientNames);
   ASSERT_EQ(config.inits.size(), 1U);
-  EXPECT_EQ(config.inits[0].where, "f.conf:9");
+  EXPECT_EQ(config.inits[0].where, "f.conf:10");
   EXPECT_EQ(*config.inits[0].find("key"), "v");
   ASSERT_EQ(config.stages.size(), 2U);
   EXPECT_EQ(*config.stages[0].second.find("root"), "/usr");
@@ -56,6 +58,7 @@ const BadRow kBadRows[] = {
     {"listen 127.0.0.1:0\n", "f:1: unknown directive \"listen\""},
     {"Threads 0\n", "f:1: Threads needs a number from 1 to 4096"},
     {"Threads 99999999999\n", "f:1: Threads needs a number from 1 to 4096"},
+    {"ClientNames On\n", "f:1: ClientNames is on or off"},
     {"Threads 8x\n", "f:1: Threads needs a number from 1 to 4096"},
     {"Threads 1\nThreads 1\n", "f:2: Threads is given twice"},
     {"DocumentRoot /no/such\n", "f:1: DocumentRoot \"/no/such\" is not a folder"},

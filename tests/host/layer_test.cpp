@@ -6,6 +6,7 @@
 #include <tuple>
 #include <vector>
 
+#include "layer/client_names.h"
 #include "layer/directive.h"
 #include "layer/functions.h"
 #include "layer/judge.h"
@@ -92,6 +93,17 @@ TEST(uri, decodingAndJudging) {
   }
   for (const char* raw : {"/a%00b", "/a%", "/a%1", "/a%g0", "/a%0g"}) {
     EXPECT_FALSE(decodeUri(raw, &decoded)) << raw;
+  }
+}
+
+TEST(clientNames, thatMeanTheHostsWordsAreKnownInEverySpelling) {
+  for (const char* name : {"auth-user", "Auth-User", "AUTH_USER", "REMOTE_USER", "ip",
+                           "Server_Port-Secure", "query", "uri"}) {
+    EXPECT_TRUE(isHostsWord(name)) << name;
+  }
+  for (const char* name : {"", "auth", "authuser", "x-auth-user", "authorization", "host",
+                           "auth-user ", "content-type", "Auth\xdfUser"}) {
+    EXPECT_FALSE(isHostsWord(name)) << name;
   }
 }
 

@@ -90,6 +90,7 @@ DirectoryIndex index.html index.jsp
 Require all granted
 </Directory>
 {self.plugin_lines()}
+NSAPIClientNames {"on" if self.client_names else "off"}
 {self.extra.format(port=port, build=BUILD, folder=self.folder)}
 """
 

@@ -99,8 +99,9 @@ class Host(Program):
 
     STAGES = ('ObjectType fn="veskfilter"', 'Service type="vesk-internal/*" fn="veskservice"')
 
-    def __init__(self, folder, name="host", stages=STAGES, **init):
+    def __init__(self, folder, name="host", stages=STAGES, client_names=False, **init):
         super().__init__(folder, name)
+        self.client_names = client_names  # headers may mean the web server's own words
         self.htdocs = folder / "htdocs"
         self.htdocs.mkdir(exist_ok=True)
         self.store = folder / "servers.store"
@@ -156,6 +157,7 @@ ServerName localhost
 DocumentRoot htdocs
 DirectoryIndex index.html index.jsp
 Threads 32
+ClientNames {"on" if self.client_names else "off"}
 ErrorLog {self.name}.log
 Init fn="load-modules" shlib="{BUILD}/lib/veskconnector.so"
   funcs="veskinit,veskfilter,veskservice"

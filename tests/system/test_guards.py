@@ -7,14 +7,16 @@ both = pytest.mark.parametrize("guards", ["none", "all"])
 
 
 @both
-def test_browser_is_nobody_whatever_it_sends(site, guards):
-    host = site.host(site.backend(), guards=guards)
+@pytest.mark.parametrize("client_names", [False, True])
+def test_browser_is_nobody_whatever_it_sends(site, guards, client_names):
+    host = site.host(site.backend(), guards=guards, client_names=client_names)
     forged = {"auth-user": "admin", "auth_type": "basic", "path-info": "/up", "keysize": "256"}
     words = {"REMOTE_USER": "auth-user", "AUTH_TYPE": "auth_type", "PATH_INFO": "path-info",
              "HTTPS_KEYSIZE": "keysize"}
     asked = "&".join(f"header={name}" for name in [*words, *forged])
-    seen = host.fetch("/demo/snoop?" + asked, headers=forged.items()).json()
-    came = {name.lower(): value for name, value in seen["headers"]}  # what the host let through
+    seen = host.fetch("/demo/snoop?" + asked, headers=[*forged.items(), ("X-IP", "x")]).json()
+    came = {name.lower(): value for name, value in seen["headers"] if name not in ("host", "x-ip")}
+    assert came == (forged if client_names else {}) and ["x-ip", "x"] in seen["headers"]
     answers = dict(seen["get_header"])
     for variable, name in words.items():
         expected = came.get(name, "") if guards == "none" else ""
