@@ -38,14 +38,6 @@ def test_unread_body_does_not_become_the_next_request(played):
     assert server.requests == ["/demo/", "/demo/after"]
 
 
-def test_words_behind_the_end_are_nobodys_answer(played):
-    server, host = played
-    server.serve = lambda peer, _: peer.send(page(b"mine"), page(b"stray"))
-    for _ in range(3):
-        assert host.fetch("/demo/").body == b"mine"
-    assert host.said("bytes behind PROXY_FINISH <- [")
-
-
 def test_kept_connection_is_used_again_and_may_die_unnoticed(played):
     server, host = played
     with host.connect() as browser:  # so that one conversation has ended before the next
