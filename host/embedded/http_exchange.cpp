@@ -11,6 +11,7 @@
 
 #include "embedded/client_input.h"
 #include "layer/client_names.h"
+#include "layer/outcome.h"
 #include "layer/parameters.h"
 #include "layer/status.h"
 #include "layer/text.h"

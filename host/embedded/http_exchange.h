@@ -14,6 +14,7 @@
 #include "embedded/request_body.h"
 #include "embedded/response.h"
 #include "layer/exchange.h"
+#include "layer/judge.h"
 #include "layer/request.h"
 #include "layer/stages.h"
 

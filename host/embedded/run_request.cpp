@@ -4,6 +4,7 @@
 
 #include "embedded/pages.h"
 #include "layer/judge.h"
+#include "layer/outcome.h"
 #include "layer/parameters.h"
 #include "layer/request_setup.h"
 #include "layer/status.h"

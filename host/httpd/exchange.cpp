@@ -12,6 +12,7 @@
 
 #include "httpd/log.h"
 #include "httpd/response.h"
+#include "layer/outcome.h"
 #include "layer/status.h"
 
 // The macros of APR's rings, which brigades are, cast a volatile away.

@@ -15,6 +15,7 @@
 #include <cstdint>
 
 #include "layer/exchange.h"
+#include "layer/judge.h"
 #include "layer/request.h"
 
 namespace host {

@@ -18,6 +18,7 @@
 #include "httpd/request.h"
 #include "httpd/response.h"
 #include "layer/judge.h"
+#include "layer/outcome.h"
 #include "layer/parameters.h"
 
 namespace host {

@@ -2,7 +2,6 @@
 
 #include <cstring>
 
-#include "layer/parameters.h"
 #include "layer/status.h"
 
 namespace host {
@@ -45,15 +44,6 @@ int startResponse(HostRequest* request) {
   const int result = request->exchange->startResponse(request);
   request->hasBody = result != REQ_NOACTION;
   return result;
-}
-
-const char* outcomeOf(const HostRequest& request) {
-  return findValue(request.vars, "vesk-outcome");
-}
-
-Answer judgeRequest(const HostRequest& request, int result) {
-  return judgeService({result, request.responseStarted, request.hasBody,
-                       request.exchange->missing(), outcomeOf(request)});
 }
 
 }  // namespace host

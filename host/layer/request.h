@@ -13,7 +13,6 @@
 #include <cstdint>
 
 #include "layer/exchange.h"
-#include "layer/judge.h"
 #include "layer/pool.h"
 #include "nsapi.h"
 
@@ -57,11 +56,5 @@ class RunningRequest {
 // Marks the response as started and hands its head to the web server; a status
 // of 0 becomes 200. What the exchange gives. REQUIRES: none was started.
 int startResponse(HostRequest* request);
-
-// What the plug-in has left as `vesk-outcome`, or null.
-[[nodiscard]] const char* outcomeOf(const HostRequest& request);
-
-// What the browser gets of a request whose last stage gave `result`.
-[[nodiscard]] Answer judgeRequest(const HostRequest& request, int result);
 
 }  // namespace host
