@@ -307,6 +307,9 @@ class Init : public testing::Test {
     veskNSAPIVerbose = veskUseApiAlloc = veskMetrics = 0;
     veskEnabledTraceFlags = 0;
     errorUrl = nullptr;
+    veskGuards = kNoGuards;
+    veskRequestTimeout = veskMaxPerServer = 0;
+    veskIdleTimeout = kDefaultIdleTimeout;
   }
   // Options are "name=value" with blanks between. Gives the texts logged.
   std::string init(const char* options) {
@@ -371,6 +374,23 @@ TEST_F(Init, numbersOutOfRangeAreMovedToTheNearest) {
   EXPECT_EQ(host.client.logged(" is out of range, using 2147483"), 1);
   EXPECT_EQ(host.client.logged("proxyretryinterval -1 is out of range, using 0"), 1);
   EXPECT_EQ(host.client.logged("serverstore <null>"), 1);
+}
+
+// The thread of `stall` begins here and ends with the restart callbacks.
+TEST_F(Init, guardsAndTheirLimitsAreReadAndAWrongNameIsTold) {
+  init(
+      "guards=all,-replay,nosuch idletimeout=7 maintenancetimeout=0 maxperserver=-3 "
+      "requesttimeout=9");
+  EXPECT_EQ(veskGuards, readGuards("all,-replay").mask);
+  EXPECT_EQ(globalRequest.guards, veskGuards);
+  EXPECT_EQ(host.client.logged("guards: \"nosuch\" is no name and is ignored; known are "
+                               "all, none, latebytes, identity"),
+            1);
+  EXPECT_EQ(veskIdleTimeout, 7);
+  EXPECT_EQ(veskMaintenanceTimeout, kDefaultMaintenanceTimeout) << "it must end";
+  EXPECT_EQ(veskMaxPerServer, 0);
+  EXPECT_EQ(veskRequestTimeout, 9);
+  EXPECT_NE(getMappingsTable()->maintenance, nullptr);
 }
 
 TEST_F(Init, withoutMemoryLeavesNoTableAndWithoutOptionsDefaults) {
