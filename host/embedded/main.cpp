@@ -16,6 +16,7 @@
 #include "embedded/http_exchange.h"
 #include "embedded/server.h"
 #include "layer/critical_sections.h"
+#include "layer/option_check.h"
 #include "layer/process_settings.h"
 #include "layer/restart_callbacks.h"
 #include "layer/stages.h"
@@ -71,6 +72,18 @@ static std::string loadConfig(const std::string& file, Config* config, Stages* s
   for (Directive& init : config->inits) stages->addInit(init);
   for (auto& [stage, directive] : config->stages) stages->add(stage, directive);
   return stages->prepare();
+}
+
+// Warnings go to whoever starts the host or checks its configuration.
+static std::string checkInits(const Config& config) {
+  for (const Directive& init : config.inits) {
+    const OptionFindings found = checkOptions(init);
+    if (!found.reason.empty()) return init.where + ": " + found.reason;
+    if (found.warning.empty()) continue;
+    (void)std::fprintf(stderr, "vesk-host: %s: %s\n", init.where.c_str(),
+                       found.warning.c_str());
+  }
+  return {};
 }
 
 static void waitForSignal(const sigset_t& signals) {
@@ -144,6 +157,7 @@ static int runProgram(const std::string& file, bool check) {
   Config config;
   Stages stages;
   std::string reason = loadConfig(file, &config, &stages);
+  if (reason.empty()) reason = checkInits(config);
   if (!reason.empty()) return refuse(reason);
   if (check) {
     (void)std::printf("%s: the configuration is good\n", file.c_str());

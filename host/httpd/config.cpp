@@ -2,6 +2,7 @@
 
 #include <apr_strings.h>
 #include <http_config.h>
+#include <http_log.h>
 
 #include <exception>
 #include <map>
@@ -12,6 +13,9 @@
 #include "layer/builtins.h"
 #include "layer/directive.h"
 #include "layer/functions.h"
+#include "layer/option_check.h"
+
+APLOG_USE_MODULE(nsapi);
 
 namespace host {
 
@@ -86,10 +90,22 @@ static std::string checkRunsOnce(const Directive& d) {
          place->second + " already";
 }
 
+// httpd reads its configuration twice: the first time, warnings show on the console, the
+// second time they stand in the log.
+static std::string checkInitOptions(const cmd_parms* cmd, const Directive& d) {
+  const OptionFindings found = checkOptions(d);
+  if (!found.warning.empty()) {
+    ap_log_error(APLOG_MARK, APLOG_WARNING, 0, cmd->server, "%s: %s", d.where.c_str(),
+                 found.warning.c_str());
+  }
+  return found.reason;
+}
+
 static std::string addInitLine(cmd_parms* cmd, const char* text) {
   Directive d;
   std::string reason = readDirective(cmd, text, &d);
   if (reason.empty()) reason = checkRunsOnce(d);
+  if (reason.empty()) reason = checkInitOptions(cmd, d);
   if (!reason.empty()) return reason;
   ServerConfig* config = configOf(cmd->server);
   return madeStages(cmd->pool, &config->inits)->addPreparedInit(std::move(d));

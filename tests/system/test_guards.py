@@ -2,6 +2,7 @@
 
 import fake_server as wire
 import pytest
+from httpd import HttpdHost
 
 both = pytest.mark.parametrize("guards", ["none", "all"])
 
@@ -23,6 +24,26 @@ def test_browser_is_nobody_whatever_it_sends(site, guards, client_names):
         assert answers[variable] == expected
         assert seen["variables"].get(variable, expected) == expected
         assert answers[name] == came.get(name, ""), "the header under its own name"
+
+
+def test_wrong_guards_are_refused_with_their_place_and_missing_ones_warned_of(site):
+    host = site.host("127.0.0.1:1", guards="all")
+    conf = host.path("conf")
+    right = conf.read_text()
+    place = str(right[:right.index("guards=")].count("\n") + 1)
+    assert host.check()[0] == 0 and "without guards" not in host.check()[1]
+    conf.write_text(right.replace('guards="all"', ""))
+    status, said = host.check()
+    assert status == 0 and said.count(f"{conf}:{place}: veskinit without guards: ") == 1
+    conf.write_text(right.replace('guards="all"', 'guards="all,spam"'))
+    status, said = host.check()
+    assert status > 0 and place in said and 'guards: unknown name "spam"; known are' in said
+
+
+def test_start_without_guards_is_warned_of(site):
+    host = site.host("127.0.0.1:1")
+    assert host.errors().count("veskinit without guards: ") == 1
+    assert host.said("veskinit without guards: ") == isinstance(host, HttpdHost)
 
 
 @both

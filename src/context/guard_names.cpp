@@ -1,4 +1,4 @@
-#include "context/guards.h"
+#include "context/guard_names.h"
 
 #include <algorithm>
 
