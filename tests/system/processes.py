@@ -105,7 +105,7 @@ class Host(Program):
         self.htdocs = folder / "htdocs"
         self.htdocs.mkdir(exist_ok=True)
         self.store = folder / "servers.store"
-        self.stages = stages
+        self.stages, self.threads = stages, 32
         self.init = {"serverstore": self.store, "connecttimeout": 5, **init}
         self.address = None
 
