@@ -67,8 +67,7 @@ void keepAwaited(mappingsTable* table, const propertyTable* servers) {
     if (!isListed(table->awaited[i], servers)) removeAwaited(table, i);
 }
 
-bool nextAwaited(const mappingsTable* table, vesk_request* req, char* name) {
-  const std::int64_t now = req->now(req);
+bool nextAwaited(const mappingsTable* table, std::int64_t now, char* name) {
   for (std::int32_t i = 0; i < table->awaitedCount; ++i) {
     if (table->awaited[i].nextAttempt > now) continue;
     // A copy: the attempt runs without the lock, and the entry may move meanwhile.

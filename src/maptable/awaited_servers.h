@@ -27,6 +27,6 @@ void forgetAwaited(mappingsTable* table, const char* name);
 // Takes every name off that the cluster's list doesn't hold any more.
 void keepAwaited(mappingsTable* table, const propertyTable* servers);
 
-// Copies the name of one whose attempt is due to `name`, of kProxyNameSize bytes: true,
-// or false when none is.
-[[nodiscard]] bool nextAwaited(const mappingsTable* table, vesk_request* req, char* name);
+// Copies the name of one whose attempt was due at `now` to `name`, of kProxyNameSize
+// bytes: true, or false when none was.
+[[nodiscard]] bool nextAwaited(const mappingsTable* table, std::int64_t now, char* name);

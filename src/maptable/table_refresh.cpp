@@ -44,11 +44,14 @@ static void refreshServer(mappingsTable* table, vesk_request* req, veskProxy* pr
 
 // The list is empty without the guard `comeback`.
 static void admitAwaited(mappingsTable* table, vesk_request* req, std::uint32_t lock) {
-  // Each pass puts one name off, or takes it off the list: so this ends.
+  // Each pass puts one name off, or takes it off the list; so this ends. By the clock of
+  // its begin: attempts may last longer than the pause, and the first name would be due
+  // again before the last one has had its turn.
+  const std::int64_t now = req->now(req);
   for (char name[kProxyNameSize]; !isShuttingDown();) {
     {
       const TableGuard guard(table, req, lock);
-      if (!nextAwaited(table, req, name)) return;
+      if (!nextAwaited(table, now, name)) return;
     }
     req->lastError = 0;
     const ServerJoin outcome = admitServer(table, req, name, lock);

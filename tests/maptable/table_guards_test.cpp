@@ -153,6 +153,27 @@ TEST_F(Guarding, deadServerThatTheListNamesIsTriedOnceAPause) {
   }
 }
 
+// Two that take every connection and never answer: meanwhile the others must be served.
+TEST_F(Guarding, namesWhoseAttemptsOutlastThePauseAreTriedOnceEach) {
+  static int attempts;
+  static decltype(table->newProxy) make;
+  guardBy("comeback");
+  a.clustered = {"a:1", "b:1", "c:1"};
+  b.up = cluster["c:1"].up = false;
+  updateClusteredServers(table, t.req, join("a:1"), 6);
+  testNow += kShortPause;
+  attempts = 0;
+  make = table->newProxy;
+  table->newProxy = [](vesk_request* req) {
+    testNow += kShortPause;
+    if (++attempts == 9) setShuttingDown(true);  // else it would never end
+    return make(req);
+  };
+  filter();
+  setShuttingDown(false);
+  EXPECT_EQ(attempts, 2);
+}
+
 // A server that left the list has no timer that brings it back; the list does.
 TEST_F(Guarding, unlistedServerComesBackByTheListAlone) {
   guardBy("comeback");
