@@ -144,6 +144,12 @@ void closeAgedConnections(vesk_request* req, veskProxy* proxy) {
 
 VeskConnection* getVeskConnectionFromPool(veskProxy* proxy, vesk_request* req) {
   if (isShuttingDown()) return nullptr;
+  // A request that has run out of time would fail on each idle connection in turn, with
+  // its frame sent, and then take its haste for a server that can't be reached.
+  if (isPastDeadline(req)) {
+    req->lastError = ETIMEDOUT;
+    return nullptr;
+  }
   closeAgedConnections(req, proxy);
 
   VeskConnection* idle = nullptr;

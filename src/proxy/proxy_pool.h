@@ -28,7 +28,8 @@
 // An open connection that is ready for a frame: an idle one, else a new one that
 // has taken a ping. Blocks for the connect and the ping, with no lock held. On
 // null, lastError is unchanged if no connect was tried: at shutdown, or when this
-// request has failed before and the server is in its retry pause.
+// request has failed before and the server is in its retry pause. It is ETIMEDOUT when
+// the request is past its deadline.
 [[nodiscard]] VeskConnection* getVeskConnectionFromPool(veskProxy* proxy,
                                                         vesk_request* req);
 

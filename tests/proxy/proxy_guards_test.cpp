@@ -214,6 +214,20 @@ TEST(idle, oldConnectionsGoWhenThePoolIsNextTouched) {
   }
 }
 
+// The time ends while a slow server works: nobody else is asked, and it isn't blamed.
+TEST(requesttimeout, endsWithTheConnectionOnWhichItPassed) {
+  TestRequest t({expectFrame(PROXY_SERVICE_40), expectClose()}, 3);
+  t.req->deadline = t.req->ticks(t.req) + 60000;
+  t.req->recv = [](vesk_request* req, std::int32_t, void*, std::int32_t, veskProxy*) {
+    req->deadline = req->ticks(req);
+    req->lastError = ETIMEDOUT;
+    return -1;
+  };
+  EXPECT_EQ(handle(t), -1);
+  EXPECT_EQ(t.status, 504);
+  EXPECT_EQ(t.state(), "2 idle");
+}
+
 TEST(maxperserver, serverWithEnoughToDoCountsAsBusy) {
   for (const std::int32_t limit : {0, 1, 2}) {
     const bool full = limit == 1;
