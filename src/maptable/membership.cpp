@@ -3,6 +3,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "context/guards.h"
 #include "context/vesk_mutex.h"
 #include "maptable/mapping_columns.h"
 #include "maptable/table_guard.h"
@@ -211,12 +212,15 @@ static void joinKnownMapping(MappingChange* change, const property& pair,
 
 // A server's retry timer ends with its return: a pause that is left over would put off
 // its connections and its refreshes.
-static void activateInMasterList(mappingsTable* table, veskProxy* proxy) {
+static void activateInMasterList(mappingsTable* table, veskProxy* proxy,
+                                 vesk_request* req) {
   proxyList* servers = &table->masterList;
   const std::int32_t at = hasProxyNamed(table, proxy->name);
   if (at >= 0) {
     servers->active[at] = 1;
     setProxyRetryTime(proxy, 0);
+    // Also where no mapping of the table has taken it: without a timer it would stay out.
+    if (guarded(req, Guard::comeback)) setProxyActive(proxy, true);
     return;
   }
   (void)appendProxy(servers, proxy);  // there is room, or addProxy had refused it
@@ -254,7 +258,7 @@ static std::int32_t addProxyLocked(mappingsTable* table, veskProxy* proxy,
     if (sorted) mergeNewMapping(table, change.firstNew);
     reportFurtherRemarks(change);
   }
-  activateInMasterList(table, proxy);
+  activateInMasterList(table, proxy, req);
   dumpMappings(table, req, "addProxy - after");
   return 0;
 }

@@ -43,7 +43,8 @@ static KnownServer lookUp(mappingsTable* table, vesk_request* req, const char* s
   const TableGuard guard(table, req, lock);
   const std::int32_t at = hasProxyNamed(table, server);
   if (at < 0) return {nullptr, false, isAwaitedLater(table, req, server)};
-  return {table->masterList.proxies[at], table->masterList.active[at] != 0, false};
+  veskProxy* proxy = table->masterList.proxies[at];
+  return {proxy, table->masterList.active[at] != 0 && isProxyActive(proxy), false};
 }
 
 // The next attempt of a server that failed now is settled here, so that whoever brings

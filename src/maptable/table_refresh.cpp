@@ -79,12 +79,21 @@ static std::int32_t shareOfLimit(std::int32_t limit, std::int32_t out) {
   return std::min(limit, std::max(limit / out, kLeast));
 }
 
+// With the guard `comeback` a server that the pool has marked counts as out, also while
+// the table doesn't know yet: no request may have met it, and its mark alone would have
+// the next refresh switch off its mappings without a way back.
+static bool isInService(const vesk_request* req, const proxyList& servers,
+                        std::int32_t i) {
+  if (servers.active[i] == 0) return false;
+  return !guarded(req, Guard::comeback) || isProxyActive(servers.proxies[i]);
+}
+
 void refreshServers(mappingsTable* table, vesk_request* req, std::uint32_t lock) {
   const proxyList snapshot = copyOfServers(table, req, lock);
   const std::int32_t limit = req->conversationLimit;
   const std::int32_t share = shareOfLimit(limit, countOut(snapshot));
   for (std::int32_t i = 0; i < snapshot.count && !isShuttingDown(); ++i) {
-    const bool active = snapshot.active[i] != 0;
+    const bool active = isInService(req, snapshot, i);
     // On the connector's own thread one server's failure is no business of the next.
     if (lock) req->lastError = 0;
     req->conversationLimit = active ? limit : share;

@@ -8,6 +8,7 @@
 #include "maptable/cluster_update.h"
 #include "maptable/maintenance.h"
 #include "maptable/maintenance_queue.h"
+#include "proxy/proxy_pool.h"
 
 static std::int64_t testNow;
 
@@ -150,6 +151,28 @@ TEST_F(Guarding, deadServerThatTheListNamesIsTriedOnceAPause) {
     testNow += kShortPause;
     filter();
     EXPECT_EQ(names(table->masterList), " a:1 b:1");
+  }
+}
+
+// The pool marks a server while no request is there to take it out of the table; or it
+// comes back with mappings that the table has for another target.
+TEST_F(Guarding, markedServerComesBackWhoeverMarkedIt) {
+  for (const bool moved : {false, true}) {
+    makeTable(nullptr, nullptr);
+    a.mappings = b.mappings = "/demo*=demo";
+    veskProxy* living = join("a:1");
+    veskProxy* marked = join("b:1");
+    guardBy("comeback");
+    takeOutOfService(t.req, marked);
+    if (moved) remove(marked);
+    if (moved) update(living, "/demo*=new");
+    testNow += kShortPause;
+    b.refreshed = 0;
+    b.mappings = moved ? "/demo*=new" : "/demo*=demo";
+    filter();
+    b.refreshed = 1;
+    EXPECT_EQ(mappings().front().substr(moved ? 10 : 11), " a:1 b:1");
+    EXPECT_TRUE(isProxyActive(marked));
   }
 }
 
