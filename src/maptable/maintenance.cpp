@@ -8,6 +8,7 @@
 #include "context/memory.h"
 #include "maptable/cluster_update.h"
 #include "maptable/maintenance_queue.h"
+#include "maptable/table_guard.h"
 #include "maptable/table_refresh.h"
 #include "maptable/table_startup.h"
 
@@ -51,10 +52,26 @@ static bool isRevivalDue(mappingsTable* table, vesk_request* req) {
   return true;
 }
 
+static bool anyInService(mappingsTable* table, vesk_request* req) {
+  const TableGuard guard(table, req, 1);
+  const proxyList& servers = table->masterList;
+  return std::any_of(servers.active, servers.active + servers.count,
+                     [](std::uint32_t active) { return active != 0; });
+}
+
+// Those that are known first. When none of them is left, the bootstrap server may know
+// others that have taken their place, as it does for requests without this thread.
+static void findServers(mappingsTable* table, vesk_request* req) {
+  reviveServers(table, req, 1);
+  if (table->bootstrapped != 0 || anyInService(table, req)) return;
+  req->lastError = 0;
+  (void)retrieveServersFromBootstrapServer(table, req, 1);  // asked again a second later
+}
+
 void maintainTable(mappingsTable* table, vesk_request* req, const MaintenanceWork& work) {
   if (!isFilled(table)) return fillTable(table, req);
   // First what requests have asked for: it is what they will meet next.
-  if (work.revive && isRevivalDue(table, req)) reviveServers(table, req, 1);
+  if (work.revive && isRevivalDue(table, req)) findServers(table, req);
   req->lastError = 0;
   if (work.newsFrom) applyClusterNews(table, req, work.newsFrom, work.newsSequence, 1);
   refreshServers(table, req, 1);

@@ -272,6 +272,24 @@ TEST_F(Guarding, requestsLeaveTheWorkToTheThread) {
   closeQueue(table, t.req);
 }
 
+// Filled by the store, with all of whose servers gone: the bootstrap server, back by
+// then, names those that have taken their place.
+TEST_F(Guarding, threadAsksTheBootstrapServerWhenNobodyIsLeft) {
+  guardBy("all");
+  makeTable(nullptr, "boot:1");
+  join("a:1");
+  join("b:1");
+  setFilled(table);
+  cluster["boot:1"].clustered = {"c:1"};
+  cluster["c:1"].up = true;
+  a.up = b.up = false;
+  ASSERT_EQ(openQueue(table, t.req), 0);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(serve(), kRequestFailed);
+  maintainTable(table, t.req, takeWork(table, 0));
+  EXPECT_EQ(names(table->masterList), " [a:1] [b:1] c:1");
+  closeQueue(table, t.req);
+}
+
 // The real thread: a start that hangs costs a request half a second at most, and none at
 // all once it is known to have failed.
 TEST_F(Guarding, threadFillsTheTableWhileRequestsWaitForOneAttempt) {
