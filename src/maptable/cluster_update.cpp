@@ -63,13 +63,14 @@ static bool isNamed(const propertyTable* servers, const veskProxy* proxy) {
 // active there, and so is left alone.
 static void removeUnnamedServers(const ClusterUpdate* update, const proxyList* snapshot) {
   for (std::int32_t i = 0; i < snapshot->count; ++i) {
-    // One that is out already stays as it is: removing it again would clear the number
-    // that this update is about to adopt.
-    if (snapshot->active[i] == 0) continue;
     veskProxy* proxy = snapshot->proxies[i];
     if (isNamed(update->servers, proxy)) continue;
-    // Before the removal: from then on its timers may be looked at.
+    // Before the removal: from then on its timers may be looked at. Also one that is out
+    // already must not come back by them.
     setProxyUnlisted(proxy, true);
+    // That one stays as it is: removing it again would clear the number that this update
+    // is about to adopt.
+    if (snapshot->active[i] == 0) continue;
     removeProxy(update->table, proxy, update->req, update->lock);
   }
 }

@@ -69,7 +69,6 @@ static ServerJoin activateKnown(mappingsTable* table, vesk_request* req, veskPro
 static ServerJoin admitKnown(mappingsTable* table, vesk_request* req,
                              const KnownServer& known, std::uint32_t lock) {
   veskProxy* proxy = known.proxy;
-  setProxyUnlisted(proxy, false);
   if (!known.active) {
     // Its timer says when; the list says only that it is wanted.
     if (getProxyRetryTime(proxy) != 0) return ServerJoin::later;
@@ -82,6 +81,7 @@ static ServerJoin admitKnown(mappingsTable* table, vesk_request* req,
 ServerJoin admitServer(mappingsTable* table, vesk_request* req, const char* server,
                        std::uint32_t lock) {
   const KnownServer known = lookUp(table, req, server, lock);
+  if (known.proxy) setProxyUnlisted(known.proxy, false);
   if (guarded(req, Guard::comeback)) {
     if (known.proxy) return admitKnown(table, req, known, lock);
     return known.awaitedLater ? ServerJoin::later : admitNew(table, req, server, lock);

@@ -214,6 +214,15 @@ TEST_F(Guarding, unlistedServerComesBackByTheListAlone) {
   updateClusteredServers(table, t.req, living, 6);
   EXPECT_EQ(names(table->masterList), " a:1 b:1");
   EXPECT_EQ(b.questions, 1);
+  // Nor has one that was out when it left the list.
+  remove(table->masterList.proxies[1]);
+  takeOutOfService(t.req, table->masterList.proxies[1]);
+  a.clustered = {"a:1"};
+  a.listSequence = 7;
+  updateClusteredServers(table, t.req, living, 7);
+  testNow += kShortPause;
+  filter();
+  EXPECT_EQ(names(table->masterList), " a:1 [b:1]");
 }
 
 // A cluster that is down as a whole: requests ask once a second, not each.
