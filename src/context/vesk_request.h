@@ -42,6 +42,7 @@ struct veskKeptBlock {
 struct veskReplay {
   std::int32_t frameSent;  // 1: a byte of the frame may have reached a server
   std::int32_t reported;   // 1: the log has been told why there is no other attempt
+  std::int32_t brokeOff;   // 1: the browser did, within the body
   std::int64_t bodyRead;   // bytes of the body that the browser has sent so far
   char* held;              // the first of them, owned; null: none are held
   std::int32_t heldSize;   // bytes of `held`

@@ -34,7 +34,8 @@ void noteFrameSent(vesk_request* req) {
 // part of a body has taken bytes as well.
 void noteServerBusy(vesk_request* req) {
   veskReplay* replay = &req->replay;
-  const bool tookBody = replay->bodyRead != replay->bodyReadBefore || replay->given != 0;
+  const bool tookBody = replay->bodyRead != replay->bodyReadBefore ||
+                        replay->given != 0 || replay->brokeOff;
   if (!tookBody) replay->frameSent = replay->frameSentBefore;
 }
 
@@ -66,8 +67,9 @@ std::int32_t readBody(vesk_request* req, char* buffer, std::int32_t length) {
   if (replay->given < replay->heldSize && length > 0)
     return giveHeld(replay, buffer, length);
   const std::int32_t count = std::min(req->getPostData(req, buffer, length), length);
-  // The end of the body, and a browser that broke off, are passed on and not remembered:
-  // the host tells the same to the next attempt.
+  // A host tells once that the browser broke off, and then of an end: to the next server
+  // what there is would look whole.
+  if (count < 0) replay->brokeOff = 1;
   if (count <= 0) return count;
   // Of a method that never goes out twice nothing needs to be kept.
   if (guarded(req, Guard::replay) && isRepeatable(req->method)) {
@@ -83,7 +85,8 @@ std::int32_t readBody(vesk_request* req, char* buffer, std::int32_t length) {
 bool mayReplay(const vesk_request* req) {
   const veskReplay& replay = req->replay;
   if (!guarded(req, Guard::replay) || !replay.frameSent) return true;
-  return isRepeatable(req->method) && replay.bodyRead == replay.heldSize;
+  return isRepeatable(req->method) && replay.bodyRead == replay.heldSize &&
+         !replay.brokeOff;
 }
 
 void reportNoReplay(vesk_request* req, const veskProxy* proxy) {

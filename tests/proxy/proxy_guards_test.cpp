@@ -98,6 +98,21 @@ TEST(replay, refusedConnectAndABusyServerWithoutABodyAreSafe) {
   }
 }
 
+// To the next server the part that came would look like all of it.
+TEST(replay, bodyThatBrokeOffIsSentToNobodyElse) {
+  for (const bool guarded : {false, true}) {
+    TestRequest t(
+        {expectPing(), expectFrame(PROXY_SERVICE_40), put(PROXY_GET_DATA, word(9)),
+         expectBytes(word(PROXY_PUT_DATA) + word(-1)), put(PROXY_BUSY), expectClose()});
+    guardBy(t, guarded ? "replay" : "none");
+    t.req->method = "PUT";
+    t.req->hasPostData = 1;
+    t.postBreaks = true;
+    EXPECT_EQ(handle(t), -1);
+    EXPECT_EQ(mayReplay(t.req), !guarded);
+  }
+}
+
 // Two attempts at a PUT, the first of which dies behind a part of the body.
 static std::string putTwice(const char* guards, std::size_t size, std::int32_t part,
                             const std::string& second) {
