@@ -229,8 +229,18 @@ static std::int32_t attempt(Conversation* talk, const char* extra) {
   return -1;
 }
 
-// A server that has as many conversations as the option allows counts as busy, before
-// it is asked: another may be idle.
+// Counts one conversation more, unless the server has as many as the option allows. Who
+// is refused never counts: a crowd of those would keep the server busy by itself.
+static bool enterServer(veskProxy* proxy) {
+  const std::atomic_ref<std::int32_t> running(proxy->conversations);
+  std::int32_t others = running.load(std::memory_order_relaxed);
+  do {
+    if (veskMaxPerServer != 0 && others >= veskMaxPerServer) return false;
+  } while (!running.compare_exchange_weak(others, others + 1, std::memory_order_relaxed));
+  return true;
+}
+
+// Before the server is asked: another may be idle.
 static std::int32_t refuseAsBusy(Conversation* talk) {
   vesk_request* req = talk->req;
   req->trace(req, "%s has %d conversations, counts as busy", talk->proxy->name,
@@ -251,10 +261,8 @@ std::int32_t proxy_handleRequest(vesk_request* req, veskProxy* proxy, const char
   talk.proxy = proxy;
   talk.sequence = sequence;
 
-  const std::atomic_ref<std::int32_t> running(proxy->conversations);
-  const std::int32_t others = running.fetch_add(1, std::memory_order_relaxed);
-  const bool full = veskMaxPerServer != 0 && others >= veskMaxPerServer;
-  const std::int32_t result = full ? refuseAsBusy(&talk) : attempt(&talk, extra);
-  running.fetch_sub(1, std::memory_order_relaxed);
+  if (!enterServer(proxy)) return refuseAsBusy(&talk);
+  const std::int32_t result = attempt(&talk, extra);
+  std::atomic_ref(proxy->conversations).fetch_sub(1, std::memory_order_relaxed);
   return result;
 }

@@ -248,7 +248,12 @@ TEST(maxperserver, serverWithEnoughToDoCountsAsBusy) {
     const bool full = limit == 1;
     TestRequest t(full ? Script{} : kNewServes);
     veskMaxPerServer = limit;
-    t.proxy->conversations = 1;  // another request's
+    t.proxy->conversations = 1;  // another request's, and all while a page is written
+    t.req->setStatus = [](vesk_request* req, std::int32_t, const char*) {
+      const auto* test =
+          static_cast<TestRequest*>(static_cast<RecordedRequest*>(req->rq));
+      EXPECT_EQ(test->proxy->conversations, 1);
+    };
     EXPECT_EQ(handle(t), full ? -1 : 0);
     EXPECT_EQ(t.req->lastError, full ? EVESK_BUSY : 0);
     EXPECT_EQ(t.proxy->conversations, 1);
