@@ -121,11 +121,17 @@ static bool isKnown(mappingsTable* table, vesk_request* req, std::int32_t sequen
   return isApplied(table, sequence);
 }
 
+static std::int32_t seenSequence(mappingsTable* table, vesk_request* req,
+                                 std::uint32_t lock) {
+  const TableGuard guard(table, req, lock);
+  return static_cast<std::int32_t>(table->clusterSeq);
+}
+
 void applyClusterNews(mappingsTable* table, vesk_request* req, veskProxy* proxy,
                       std::int32_t sequence, std::uint32_t lock) {
   if (isKnown(table, req, sequence, lock)) {
     req->traceE(req, kTraceDetail, "%s updateClusteredServers: seq %d, seen seq %d",
-                proxy->name, sequence, static_cast<std::int32_t>(table->clusterSeq));
+                proxy->name, sequence, seenSequence(table, req, lock));
     return;
   }
   req->traceE(req, kTraceState, "%s cluster info is stale %d, refreshing ...",

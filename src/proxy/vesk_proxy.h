@@ -135,7 +135,7 @@ struct veskProxy {
   // Conversations about requests that run at this moment: atomically.
   std::int32_t conversations;
   // 1: the cluster's list no longer names this server, so no timer brings it back.
-  // Written under the table's `tableMutex`, read without it: atomically.
+  // Written and read without a lock: atomically.
   std::uint32_t unlisted;
 };
 static_assert(std::is_trivial_v<veskProxy> && std::is_standard_layout_v<veskProxy>);
@@ -145,8 +145,8 @@ static_assert(std::is_trivial_v<proxyBalance> && std::is_trivial_v<proxyMetrics>
 std::int32_t proxyAddRef(veskProxy* proxy, vesk_request* req);
 std::int32_t proxyRelease(veskProxy* proxy, vesk_request* req);
 
-// The pause of a server that names no interval of its own, where the guard `comeback`
-// wants one; seconds.
+// The pause of a server whose interval is 0, where the guard `comeback` wants one;
+// seconds.
 constexpr std::int32_t kShortPause = 10;
 
 // Seconds that a server which failed is left alone; 0: for good.
