@@ -254,8 +254,9 @@ static std::int32_t awaitReadable(vesk_request* req, std::int32_t sock,
 // only be EINTR, and what a ping left there do not outlive it.
 static std::int32_t recvPass(Transfer* transfer, void* buffer, veskProxy* proxy) {
   const auto rest = static_cast<std::size_t>(transfer->length - transfer->count);
-  // A server that never lets a read wait would else never meet the deadline.
-  if (isPastDeadline(transfer->req)) return ETIMEDOUT;
+  // A server that never lets a read wait would else never meet the deadline, nor the
+  // shutdown.
+  if (isPastDeadline(transfer->req) || isCutShort(transfer->req)) return ETIMEDOUT;
   const ssize_t result = recvAhead(transfer->req, transfer->sock,
                                    static_cast<char*>(buffer) + transfer->count, rest);
   if (result >= 0) {

@@ -227,6 +227,17 @@ TEST_F(Sockets, requestAsAWholeEndsAtItsDeadline) {
   EXPECT_EQ(receive(2), -1);
 }
 
+// A server that sends byte by byte holds up no shutdown.
+TEST_F(Sockets, shutdownEndsAReadThatNeedNotWait) {
+  for (const bool ends : {false, true}) {
+    t.req->endsAtShutdown = ends ? 1 : 0;
+    EXPECT_EQ(write(pair[1], "ab", 2), 2);
+    setShuttingDown(true);
+    EXPECT_EQ(receive(2), ends ? -1 : 2);
+    setShuttingDown(false);
+  }
+}
+
 TEST_F(Sockets, lookAtAnIdleSocketTakesNothingAway) {
   EXPECT_EQ(veskPeek(t.req, pair[0]), kIdleQuiet);
   EXPECT_EQ(write(pair[1], "ab", 2), 2);
