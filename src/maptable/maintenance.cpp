@@ -33,8 +33,10 @@ static void limitWaits(vesk_request* req) {
   // The answer as a whole; the limits of the single waits below would add up.
   req->conversationLimit = limit;
   req->endsAtShutdown = 1;
-  for (std::int32_t* wait : {&req->connectTimeout, &req->sendTimeout, &req->recvTimeout})
+  for (std::int32_t* wait : {&req->connectTimeout, &req->sendTimeout})
     *wait = *wait < 0 ? limit : std::min(*wait, limit);
+  // A request's limit may be short, for pings lengthen it; here none does.
+  req->recvTimeout = limit;
 }
 
 static void fillTable(mappingsTable* table, vesk_request* req) {

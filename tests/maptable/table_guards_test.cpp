@@ -302,17 +302,19 @@ TEST_F(Guarding, threadAsksTheBootstrapServerWhenNobodyIsLeft) {
 // The real thread: a start that hangs costs a request half a second at most, and none at
 // all once it is known to have failed.
 TEST_F(Guarding, threadFillsTheTableWhileRequestsWaitForOneAttempt) {
-  static std::atomic<int> attempts;
+  static std::atomic<int> attempts, recvTimeout;
   attempts = 0;
   makeTable(nullptr, "boot:1");
   cluster["boot:1"].clustered = {"a:1"};
   guardBy("stall");
   RecordedRequest model;
   model.req->guards = t.req->guards;
+  model.req->recvTimeout = 1000;  // which pings would renew, for a request
   const auto makeProxy = table->newProxy;
   static decltype(table->newProxy) make;
   make = makeProxy;
   table->newProxy = [](vesk_request* req) {
+    recvTimeout = req->recvTimeout;
     return ++attempts == 1 ? nullptr : make(req);  // the first attempt has no memory
   };
   startMaintenance(table, model.req);
@@ -321,6 +323,7 @@ TEST_F(Guarding, threadFillsTheTableWhileRequestsWaitForOneAttempt) {
   while (table->initTable(table, t.req) != 0 && ++failures < 1000)
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   EXPECT_EQ(names(table->masterList), " a:1");
+  EXPECT_EQ(recvTimeout, veskMaintenanceTimeout * 1000);
   EXPECT_LE(attempts, 3) << "a pause lies between two attempts";
   setShuttingDown(true);
   stopMaintenance(table, model.req);
