@@ -86,6 +86,8 @@ static Next onPutClient(Conversation* talk) {
   noteStage(req, kStageBody);
   if (result != -1) return Next::readCommand;
   req->lastError = EVESK_CLIENT_DOWN;
+  // Also when the writes to come go well again: the response lacks this block.
+  req->outcome.kind = kOutcomeBroken;
   const bool givenUp = req->clientWriteFailures >= kMaxClientWriteFailures;
   return givenUp ? Next::abort : Next::readCommand;
 }

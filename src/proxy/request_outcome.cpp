@@ -48,8 +48,10 @@ void endOutcome(vesk_request* req, bool served, std::int64_t micros) {
   veskOutcome* outcome = &req->outcome;
   // What failed attempts took counts as well: it is time that the browser has waited.
   outcome->micros += micros;
-  const bool taken = served && req->lastError != EVESK_CLIENT_DOWN;
-  outcome->state[1] = taken ? '-' : causeOf(req->lastError);
+  const bool taken =
+      served && req->lastError != EVESK_CLIENT_DOWN && outcome->kind != kOutcomeBroken;
+  // What was served and not taken is the browser's doing, whatever stands in lastError.
+  outcome->state[1] = taken ? '-' : causeOf(served ? EVESK_CLIENT_DOWN : req->lastError);
   if (taken) {
     outcome->kind = kOutcomeServed;
   } else if (served) {

@@ -11,6 +11,7 @@
 #include "proxy/proxy_pool.h"
 #include "proxy/proxy_service.h"
 #include "proxy/replay.h"
+#include "proxy/request_outcome.h"
 #include "proxy/wire.h"
 #include "proxy_fixture.h"
 
@@ -175,6 +176,20 @@ TEST(blame, browsersErrorIsNotTheServers) {
     };
     EXPECT_EQ(handle(t), -1);
     EXPECT_EQ(t.state(), guarded ? "0 idle" : "0 idle, out of service, retry 60");
+  }
+}
+
+// The blocks that follow are taken again, and the server knows of nothing.
+TEST(outcome, responseThatLacksABlockIsBroken) {
+  for (const std::int32_t lost : {0, 1}) {
+    TestRequest t({expectPing(), expectFrame(PROXY_SERVICE_40),
+                   put(PROXY_PUT_CLIENT, text("one")), put(PROXY_PUT_CLIENT, text("two")),
+                   put(PROXY_FINISH)});
+    t.writesToFail = lost;
+    EXPECT_EQ(handle(t), 0);
+    endOutcome(t.req, true, 0);
+    EXPECT_EQ(t.req->outcome.kind, lost ? kOutcomeBroken : kOutcomeServed);
+    EXPECT_EQ(t.req->outcome.state[1], lost ? 'C' : '-');
   }
 }
 
