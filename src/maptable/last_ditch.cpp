@@ -36,6 +36,7 @@ std::int32_t lastDitchFindReachableServer(mappingsTable* table, vesk_request* re
   const char* key = table->mappings->entries[index].key;
 
   if (table->queue) {
+    for (std::int32_t i = 0; i < list->count; ++i) setProxyWanted(list->proxies[i]);
     askForRevival(table);
     return -1;
   }

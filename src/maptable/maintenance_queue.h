@@ -23,7 +23,7 @@ struct maintenanceQueue {
   pthread_cond_t concluded;  // requests wait here for the end of an attempt to fill
   bool woken;
   bool stopping;
-  bool revive;          // a mapping has no server left: ask all that are out
+  bool revive;          // a mapping has no server left: ask those that it had
   veskProxy* newsFrom;  // who has sent the number below; null: nobody
   std::int32_t newsSequence;
   std::int64_t attempts;     // to fill the table, that have come to an end

@@ -109,7 +109,10 @@ void reviveServers(mappingsTable* table, vesk_request* req, std::uint32_t lock) 
   req->conversationLimit = shareOfLimit(limit, countOut(snapshot));
   for (std::int32_t i = 0; i < snapshot.count && !isShuttingDown(); ++i) {
     veskProxy* proxy = snapshot.proxies[i];
-    if (snapshot.active[i] != 0 || isProxyUnlisted(proxy)) continue;
+    // A mapping that nobody serves any more may be asked for again and again; that must
+    // not have all the others asked that are out.
+    const bool wanted = takeProxyWanted(proxy);
+    if (!wanted || snapshot.active[i] != 0 || isProxyUnlisted(proxy)) continue;
     req->lastError = 0;
     if (answersQuestion(proxy, req) != 0) (void)addProxy(table, proxy, req, lock);
   }

@@ -14,5 +14,6 @@
 // The pass; it also tries the awaited servers whose attempt is due.
 void refreshServers(mappingsTable* table, vesk_request* req, std::uint32_t lock);
 
-// Asks every server that is out of service now, whatever its timer says.
+// Asks each server that is out of service and that a request has missed, whatever its
+// timer says.
 void reviveServers(mappingsTable* table, vesk_request* req, std::uint32_t lock);

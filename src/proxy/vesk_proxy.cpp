@@ -89,6 +89,15 @@ void setProxyUnlisted(veskProxy* proxy, bool unlisted) {
   std::atomic_ref(proxy->unlisted).store(unlisted ? 1 : 0, std::memory_order_relaxed);
 }
 
+// The request wakes the thread through a mutex: no order is needed here either.
+void setProxyWanted(veskProxy* proxy) {
+  std::atomic_ref(proxy->wanted).store(1, std::memory_order_relaxed);
+}
+
+bool takeProxyWanted(veskProxy* proxy) {
+  return std::atomic_ref(proxy->wanted).exchange(0, std::memory_order_relaxed) != 0;
+}
+
 std::int64_t getProxyWeight(const veskProxy* proxy) {
   return proxy->balance ? loadNumber(&proxy->balance->weight) : 0;
 }

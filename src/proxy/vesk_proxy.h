@@ -137,6 +137,9 @@ struct veskProxy {
   // 1: the cluster's list no longer names this server, so no timer brings it back.
   // Written and read without a lock: atomically.
   std::uint32_t unlisted;
+  // 1: a request has found a mapping without a server that this one may serve, and the
+  // connector's own thread has not asked it since: atomically.
+  std::uint32_t wanted;
 };
 static_assert(std::is_trivial_v<veskProxy> && std::is_standard_layout_v<veskProxy>);
 static_assert(std::is_trivial_v<proxyBalance> && std::is_trivial_v<proxyMetrics>);
@@ -169,6 +172,8 @@ void setNextProxyRetryTime(vesk_request* req, veskProxy* proxy, std::int64_t now
 void setProxyActive(veskProxy* proxy, bool active);        // no-op on a temp proxy
 [[nodiscard]] bool isProxyUnlisted(const veskProxy* proxy);
 void setProxyUnlisted(veskProxy* proxy, bool unlisted);
+void setProxyWanted(veskProxy* proxy);
+[[nodiscard]] bool takeProxyWanted(veskProxy* proxy);  // whether it was; now it isn't
 [[nodiscard]] std::int64_t getProxyWeight(const veskProxy* proxy);
 void setProxyWeight(veskProxy* proxy, std::int64_t weight);
 [[nodiscard]] std::int64_t getProxyRetryTime(const veskProxy* proxy);

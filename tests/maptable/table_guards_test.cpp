@@ -281,6 +281,24 @@ TEST_F(Guarding, requestsLeaveTheWorkToTheThread) {
   closeQueue(table, t.req);
 }
 
+// A mapping that one server alone has had is no reason to ask the others.
+TEST_F(Guarding, threadAsksThoseThatAreMissed) {
+  guardBy("all");
+  join("a:1", "/old*=old");
+  for (const char* name : {"b:1", "c:1"}) {
+    veskProxy* proxy = join(name, "/demo*=demo");
+    remove(proxy);
+    takeOutOfService(t.req, proxy);
+  }
+  setFilled(table);
+  update(table->masterList.proxies[0], "/demo*=demo");
+  ASSERT_EQ(openQueue(table, t.req), 0);
+  EXPECT_EQ(serve(), kRequestFailed);
+  maintainTable(table, t.req, takeWork(table, 0));
+  EXPECT_EQ(b.questions + cluster["c:1"].questions, 0);
+  closeQueue(table, t.req);
+}
+
 // Filled by the store, with all of whose servers gone: the bootstrap server, back by
 // then, names those that have taken their place.
 TEST_F(Guarding, threadAsksTheBootstrapServerWhenNobodyIsLeft) {
