@@ -92,7 +92,7 @@ std::int32_t awaitTable(mappingsTable* table, vesk_request* req) {
   int waited = 0;
   // An attempt that began before this request counts as its own: it asks the same
   // servers.
-  while (waited == 0 && queue->attempts == before && !queue->stopping)
+  while (waited == 0 && queue->attempts == before && !isFilled(table) && !queue->stopping)
     waited = pthread_cond_timedwait(&queue->concluded, &queue->mutex, &end);
   return isFilled(table) ? 0 : -1;
 }
@@ -141,6 +141,12 @@ void endAttempt(mappingsTable* table, vesk_request* req) {
   table->queue->attempting = false;
   table->queue->nextAttempt = req->ticks(req) + kAttemptPause;
   ++table->queue->attempts;
+  (void)pthread_cond_broadcast(&table->queue->concluded);
+}
+
+void noteFilled(mappingsTable* table) {
+  const QueueGuard guard(table->queue);
+  setFilled(table);
   (void)pthread_cond_broadcast(&table->queue->concluded);
 }
 

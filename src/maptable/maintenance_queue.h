@@ -63,5 +63,7 @@ void askForRevival(mappingsTable* table);
 // Around an attempt to fill the table: whether one is due, and its end.
 [[nodiscard]] bool beginAttempt(mappingsTable* table, vesk_request* req);
 void endAttempt(mappingsTable* table, vesk_request* req);
+// The table can serve, though its attempt may go on: lets those go that wait for it.
+void noteFilled(mappingsTable* table);
 // Has the thread stop.
 void askToStop(mappingsTable* table);

@@ -23,6 +23,9 @@ static ListOutcome joinServers(mappingsTable* table, vesk_request* req,
   for (std::int32_t i = 0; i < servers->count; ++i) {
     const ServerJoin outcome = admitServer(table, req, servers->entries[i].value, lock);
     if (outcome == ServerJoin::joined) ++list.joined;
+    // One that serves is enough to begin with: requests need not wait for those behind it
+    // in the list, which may take every connection and never answer.
+    if (outcome == ServerJoin::joined && table->queue) noteFilled(table);
     if (outcome == ServerJoin::full) ++refused;
     if (outcome == ServerJoin::noMemory) list.starved = true;
     if (outcome != ServerJoin::joined && outcome != ServerJoin::known)

@@ -317,6 +317,29 @@ TEST_F(Guarding, threadAsksTheBootstrapServerWhenNobodyIsLeft) {
   closeQueue(table, t.req);
 }
 
+// The servers behind the first one that serves may take their time.
+TEST_F(Guarding, tableIsFilledOnceOneServerHasJoined) {
+  static mappingsTable* filling;
+  static std::string seen;
+  static decltype(table->newProxy) make;
+  guardBy("all");
+  makeTable(nullptr, "boot:1");
+  cluster["boot:1"].clustered = {"a:1", "b:1"};
+  a.up = true;
+  b.up = false;
+  seen = "";
+  filling = table;
+  make = table->newProxy;
+  table->newProxy = [](vesk_request* req) {  // of the bootstrap server, a and b
+    seen += isFilled(filling) ? "filled " : "empty ";
+    return make(req);
+  };
+  ASSERT_EQ(openQueue(table, t.req), 0);
+  maintainTable(table, t.req, {});
+  EXPECT_EQ(seen, "empty empty filled ");
+  closeQueue(table, t.req);
+}
+
 // The real thread: a start that hangs costs a request half a second at most, and none at
 // all once it is known to have failed.
 TEST_F(Guarding, threadFillsTheTableWhileRequestsWaitForOneAttempt) {
