@@ -38,6 +38,8 @@ const char* shownValue(const vesk_request* req, const char* name, const char* va
 // Cuts the id that begins at `id`: where the line goes on. A slash may belong to an id,
 // so that more than the id may go; the line only gets shorter.
 static char* cutSession(char* id) {
+  id +=
+      std::strspn(id, "\\\"");  // a cookie's value may stand in quotes, and these escaped
   char* end = id + std::strcspn(id, "; ,&?#\"'\\)\t\r\n");
   if (end - id <= kShownCharacters) return end;
   char* cut = id + kShownCharacters;

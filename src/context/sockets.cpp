@@ -48,13 +48,15 @@ struct TcpOption {
 static void watchPeer(const vesk_request* req, std::int32_t sock) {
   constexpr int kMillisPerSecond = 1000;
   constexpr int kMostIdle = 60;  // seconds
-  const int limit = std::max(req->recvTimeout / kMillisPerSecond, 1);
+  // Those of requests, who take over what the connector's own thread has connected.
+  const int receive = std::max(req->recvTimeout, soTimeouts[2]);
+  const int limit = std::max(receive / kMillisPerSecond, 1);
   const TcpOption options[] = {
       {SOL_SOCKET, SO_KEEPALIVE, 1},
       {IPPROTO_TCP, TCP_KEEPIDLE, std::min(limit, kMostIdle)},
       {IPPROTO_TCP, TCP_KEEPINTVL, 10},
       {IPPROTO_TCP, TCP_KEEPCNT, 3},
-      {IPPROTO_TCP, TCP_USER_TIMEOUT, std::max(req->sendTimeout, 0)},
+      {IPPROTO_TCP, TCP_USER_TIMEOUT, std::max({req->sendTimeout, soTimeouts[1], 0})},
   };
   for (const TcpOption& option : options)
     (void)setsockopt(sock, option.level, option.name, &option.value, sizeof option.value);

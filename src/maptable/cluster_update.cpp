@@ -5,6 +5,7 @@
 #include "maptable/awaited_servers.h"
 #include "maptable/maintenance_queue.h"
 #include "maptable/membership.h"
+#include "maptable/question_limit.h"
 #include "maptable/server_join.h"
 #include "maptable/server_store.h"
 #include "maptable/table_guard.h"
@@ -104,6 +105,7 @@ static void applyList(ClusterUpdate* update) {
   setClustered(table);
   update->req->trace(update->req, "Using sequence number %d from %s", update->sequence,
                      update->source->name);
+  const SharedLimit shared(update->req, update->servers->count);
   for (std::int32_t i = 0; i < update->servers->count; ++i)
     joinNamedServer(update, &snapshot, update->servers->entries[i].value);
   reportServersRefused(update->req, update->refused);

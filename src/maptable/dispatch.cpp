@@ -29,7 +29,7 @@ struct Dispatch {
   std::int32_t index;
   const proxyList* list;  // of the mapping, once it is known
   veskProxy* proxy;       // the server of the last attempt, once one was chosen
-  bool untriedOnly;       // a server that is gone was chosen a second time
+  bool untriedOnly;       // whoever was asked would only be chosen again, in vain
   failedList failed;
 };
 
@@ -196,6 +196,9 @@ static Verdict concludeFailure(Dispatch* dispatch) {
   removeIfUnreachable(dispatch);
   if (req->lastError == EVESK_CLIENT_DOWN || !isClustered(table)) return Verdict::giveUp;
   if (isLastAttempt(dispatch)) return Verdict::answer;
+  // A server that has as much to do as it may would be chosen again, by its session or
+  // its weight, and be as busy.
+  if (req->lastError == EVESK_BUSY && veskMaxPerServer != 0) dispatch->untriedOnly = true;
   if (tryAnotherProxy(req, table, &dispatch->failed, dispatch->proxy, 1) != 0)
     return Verdict::tryAgain;
   // A server that has gone comes back into the table without a ping as long as the

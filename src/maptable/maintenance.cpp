@@ -49,8 +49,16 @@ static void fillTable(mappingsTable* table, vesk_request* req) {
 // Every request that finds no server asks for this; once a second is enough for all.
 static bool isRevivalDue(mappingsTable* table, vesk_request* req) {
   const std::int64_t now = req->now(req);
-  if (now < table->queue->nextRevival) return false;
-  table->queue->nextRevival = now + 1;
+  if (now == table->queue->lastRevival) return false;
+  table->queue->lastRevival = now;
+  return true;
+}
+
+// A server whose list can't be had brings its number with every reply, too.
+static bool isNewsDue(mappingsTable* table, vesk_request* req) {
+  const std::int64_t now = req->now(req);
+  if (now == table->queue->lastNews) return false;
+  table->queue->lastNews = now;
   return true;
 }
 
@@ -75,7 +83,8 @@ void maintainTable(mappingsTable* table, vesk_request* req, const MaintenanceWor
   // First what requests have asked for: it is what they will meet next.
   if (work.revive && isRevivalDue(table, req)) findServers(table, req);
   req->lastError = 0;
-  if (work.newsFrom) applyClusterNews(table, req, work.newsFrom, work.newsSequence, 1);
+  if (work.newsFrom && isNewsDue(table, req))
+    applyClusterNews(table, req, work.newsFrom, work.newsSequence, 1);
   refreshServers(table, req, 1);
 }
 

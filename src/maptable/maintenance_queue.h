@@ -30,7 +30,8 @@ struct maintenanceQueue {
   bool attempting;           // one is under way
   std::int64_t nextAttempt;  // in ticks: no other is made before
   // The thread's own; seconds since the epoch.
-  std::int64_t nextRevival;
+  std::int64_t lastRevival;
+  std::int64_t lastNews;
 };
 
 // What the thread finds when it looks.

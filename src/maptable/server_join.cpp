@@ -54,8 +54,12 @@ static ServerJoin admitNew(mappingsTable* table, vesk_request* req, const char* 
   const ServerJoin outcome = joinServer(table, req, server, lock);
   const TableGuard guard(table, req, lock);
   if (outcome == ServerJoin::joined) forgetAwaited(table, server);
-  if (outcome != ServerJoin::failed) return outcome;
-  return awaitServer(table, req, server) ? ServerJoin::later : ServerJoin::failed;
+  const bool lost = outcome == ServerJoin::noMemory;
+  if (!lost && outcome != ServerJoin::failed) return outcome;
+  const bool awaited = awaitServer(table, req, server);
+  // A server that memory ran out for is awaited, and is told as lost all the same: the
+  // store must not forget it.
+  return awaited && !lost ? ServerJoin::later : outcome;
 }
 
 static ServerJoin activateKnown(mappingsTable* table, vesk_request* req, veskProxy* proxy,

@@ -1,12 +1,12 @@
 #include "maptable/table_refresh.h"
 
-#include <algorithm>
 #include <cerrno>
 
 #include "context/guards.h"
 #include "context/memory.h"
 #include "maptable/awaited_servers.h"
 #include "maptable/membership.h"
+#include "maptable/question_limit.h"
 #include "maptable/server_join.h"
 #include "maptable/table_guard.h"
 #include "proxy/proxy_pool.h"
@@ -48,6 +48,7 @@ static void admitAwaited(mappingsTable* table, vesk_request* req, std::uint32_t 
   // its begin: attempts may last longer than the pause, and the first name would be due
   // again before the last one has had its turn.
   const std::int64_t now = req->now(req);
+  const SharedLimit shared(req, table->awaitedCount);
   for (char name[kProxyNameSize]; !isShuttingDown();) {
     {
       const TableGuard guard(table, req, lock);
@@ -68,15 +69,6 @@ static std::int32_t countOut(const proxyList& servers) {
   for (std::int32_t i = 0; i < servers.count; ++i)
     if (servers.active[i] == 0 && !isProxyUnlisted(servers.proxies[i])) ++out;
   return out;
-}
-
-// The limit of a question to one of so many servers that are out of service. They share
-// the time of one, so that a server that is well again isn't kept waiting by others that
-// take every connection and never answer.
-static std::int32_t shareOfLimit(std::int32_t limit, std::int32_t out) {
-  constexpr std::int32_t kLeast = 1000;  // milliseconds
-  if (limit == 0 || out < 2) return limit;
-  return std::min(limit, std::max(limit / out, kLeast));
 }
 
 // With the guard `comeback` a server that the pool has marked counts as out, also while
@@ -105,8 +97,7 @@ void refreshServers(mappingsTable* table, vesk_request* req, std::uint32_t lock)
 
 void reviveServers(mappingsTable* table, vesk_request* req, std::uint32_t lock) {
   const proxyList snapshot = copyOfServers(table, req, lock);
-  const std::int32_t limit = req->conversationLimit;
-  req->conversationLimit = shareOfLimit(limit, countOut(snapshot));
+  const SharedLimit shared(req, countOut(snapshot));
   for (std::int32_t i = 0; i < snapshot.count && !isShuttingDown(); ++i) {
     veskProxy* proxy = snapshot.proxies[i];
     // A mapping that nobody serves any more may be asked for again and again; that must
@@ -116,5 +107,4 @@ void reviveServers(mappingsTable* table, vesk_request* req, std::uint32_t lock) 
     req->lastError = 0;
     if (answersQuestion(proxy, req) != 0) (void)addProxy(table, proxy, req, lock);
   }
-  req->conversationLimit = limit;
 }

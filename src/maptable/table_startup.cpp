@@ -4,6 +4,7 @@
 #include "context/vesk_mutex.h"
 #include "maptable/maintenance_queue.h"
 #include "maptable/membership.h"
+#include "maptable/question_limit.h"
 #include "maptable/server_join.h"
 #include "maptable/server_store.h"
 #include "maptable/table_guard.h"
@@ -20,6 +21,7 @@ static ListOutcome joinServers(mappingsTable* table, vesk_request* req,
                                const propertyTable* servers, std::uint32_t lock) {
   ListOutcome list{0, true, false};
   std::int32_t refused = 0;
+  const SharedLimit shared(req, servers->count);
   for (std::int32_t i = 0; i < servers->count; ++i) {
     const ServerJoin outcome = admitServer(table, req, servers->entries[i].value, lock);
     if (outcome == ServerJoin::joined) ++list.joined;

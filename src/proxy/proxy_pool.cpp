@@ -86,7 +86,9 @@ void takeOutOfService(vesk_request* req, veskProxy* proxy) {
 }
 
 static void noteConnectFailure(vesk_request* req, veskProxy* proxy) {
-  if (isVeskServerUnreachable(req, 1)) {
+  // A request that had no time left for the connect has learned nothing of the server.
+  const bool hurried = req->conversationLimit == 0 && isPastDeadline(req);
+  if (!hurried && isVeskServerUnreachable(req, 1)) {
     SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
     // The time is taken now: a connect may have lasted as long as the pause.
     markUnreachableLocked(req, proxy, req->now(req));
@@ -120,8 +122,8 @@ static void closeList(vesk_request* req, VeskConnection* connection) {
 static VeskConnection* cutAgedLocked(vesk_request* req, veskProxy* proxy) {
   proxyPool* pool = proxy->pool;
   const std::int64_t now = req->now(req);
-  if (now < pool->nextAgeCheck) return nullptr;
-  pool->nextAgeCheck = now + 1;
+  if (now == pool->lastAgeCheck) return nullptr;
+  pool->lastAgeCheck = now;
   VeskConnection** link = &pool->freeConnections;
   while (*link && (*link)->idleSince + veskIdleTimeout > now) link = &(*link)->next;
   VeskConnection* aged = *link;

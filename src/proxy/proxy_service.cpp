@@ -188,16 +188,20 @@ static void finishService(Conversation* talk) {
   if (req->writeClient(req, nullptr, 0) == -1) req->lastError = EVESK_CLIENT_DOWN;
 }
 
+// What writing to the browser comes to says nothing about the server.
+static void tellBrowser(const Conversation* talk) {
+  const std::int32_t cause = talk->req->lastError;
+  proxyerror(talk->req, talk->proxy);
+  if (guarded(talk->req, Guard::blame)) talk->req->lastError = cause;
+}
+
 // The page comes before the connection goes: writing it may change lastError, and the
 // server is judged by lastError as proxyerror leaves it.
 static void abandonService(Conversation* talk) {
   vesk_request* req = talk->req;
   req->traceE(req, kTraceState, "handleVeskppRequest aborting <-- [%d]", talk->sock);
   if (req->lastError == ENOBUFS) req->log(req, "error == ENOBUFS");
-  const std::int32_t cause = req->lastError;
-  proxyerror(req, talk->proxy);
-  // What writing to the browser came to says nothing about the server.
-  if (guarded(req, Guard::blame)) req->lastError = cause;
+  tellBrowser(talk);
 }
 
 constexpr ConversationKind kServiceConversation = {

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "context/guards.h"
 #include "context/memory.h"
 #include "context/text.h"
 #include "properties/vesk_property.h"
@@ -45,9 +46,12 @@ static void readIntervals(veskProxy* proxy, vesk_request* req, const propertyTab
   proxy->mapCheckInterval = numberOr(props, "mapcheck", kDefaultMapCheck);
   req->trace(req, "mapcheck interval in secs: %d", proxy->mapCheckInterval);
   setMapCheckTime(proxy, 0);
+  // Ten minutes were bearable while a ping, or the next list, brought a server back
+  // before.
+  const std::int32_t usual =
+      guarded(req, Guard::comeback) ? kShortPause : kDefaultProxyRetry;
   proxy->proxyRetryInterval =
-      numberOr(props, "proxyretryinterval",
-               retryInterval != 0 ? retryInterval : kDefaultProxyRetry);
+      numberOr(props, "proxyretryinterval", retryInterval != 0 ? retryInterval : usual);
   req->trace(req, "proxy retry interval in secs: %d", proxy->proxyRetryInterval);
   setProxyRetryTime(proxy, 0);
 }

@@ -34,7 +34,7 @@ struct proxyPool {
   sockaddr_in address;  // written once, before the proxy is published
   // Under `lock`.
   VeskConnection* freeConnections;  // idle ones, last returned first
-  std::int64_t nextAgeCheck;        // the list isn't searched for old ones before it
+  std::int64_t lastAgeCheck;        // when the list was searched for old ones; seconds
 };
 
 // Load-balancing codes, as "algorithm" of the server's properties names them.

@@ -79,6 +79,23 @@ TEST_F(Guarding, whatForbidsAnotherAttemptAndHowTheBrowserIsTold) {
   }
 }
 
+// MIN chooses the same server again, which is as full as before.
+TEST_F(Guarding, serverThatIsFullLeadsOnToOthers) {
+  for (const std::int32_t limit : {0, 1}) {
+    makeTable(nullptr, nullptr);
+    a.algorithm = b.algorithm = BALANCE_MIN;
+    a.weight = 0;
+    a.replies = {{EVESK_BUSY}, {EVESK_BUSY}};
+    join("a:1");
+    join("b:1");
+    cluster.forwarded.clear();
+    veskMaxPerServer = limit;
+    EXPECT_EQ(serve(), limit ? kRequestServed : kRequestFailed);
+    EXPECT_EQ(cluster.forwarded, limit ? "a:1 b:1 " : "a:1 a:1 ");
+    veskMaxPerServer = 0;
+  }
+}
+
 TEST_F(Guarding, outcomeTellsWhoServedAndHowOften) {
   join("a:1");
   join("b:1");
