@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <functional>
+#include <map>
 
 #include "context/guards.h"
 #include "maptable/table_lifecycle.h"
@@ -44,7 +46,7 @@ class Sweep : public testing::TestWithParam<const char*> {
     t.req->now = [](vesk_request*) { return testNow; };
     t.req->guards = readGuards(GetParam()).mask;
     t.req->method = "GET";
-    t.req->uri = "/all/a";
+    t.req->uri = "/all/a;JSESSIONID=none";
     for (std::size_t i = 0; i < 3; ++i)
       servers.answer(i, "server-props", props("mapcheck=5\nproxyretryinterval=1"));
     list(2, 1);
@@ -55,14 +57,18 @@ class Sweep : public testing::TestWithParam<const char*> {
     std::filesystem::remove(store);
   }
 
-  // What every server says from now on: a cluster of so many, in that state.
+  // What every server says from now on: a cluster of so many, in that state. Each state
+  // has a mapping of its own.
   void list(std::size_t count, std::int32_t sequence) {
+    whole = {{"/all*", count}, {"/state1*", 0}};
+    whole["/state" + std::to_string(sequence) + "*"] = count;
     std::string names;
     for (std::size_t i = 0; i < count; ++i)
       names += "s" + std::to_string(i) + "=" + servers.name(i) + "\n";
     for (std::size_t i = 0; i < 3; ++i) {
       servers.answer(i, "clustered-servers", props(names, sequence));
-      servers.answer(i, "servlet-mappings", props("/all/*=x\n"));
+      servers.answer(i, "servlet-mappings",
+                     props("/all/*=x\n/state" + std::to_string(sequence) + "/*=y\n"));
       servers.answer(i, "service", page(sequence));
     }
   }
@@ -92,6 +98,17 @@ class Sweep : public testing::TestWithParam<const char*> {
     return served && t.body == kPage;
   }
 
+  // How many servers serve each mapping.
+  std::map<std::string, std::size_t> serving() const {
+    std::map<std::string, std::size_t> counts;
+    for (std::int32_t i = 0; i < table->mappings->count; ++i) {
+      const proxyList& list = *table->mappingProxies[i];
+      counts[table->mappings->entries[i].key] =
+          static_cast<std::size_t>(std::count(list.active, list.active + list.count, 1U));
+    }
+    return counts;
+  }
+
   // The fault is over; some time passes between the tries, as it does for users.
   void expectRecovery(const std::string& fault) {
     t.failAllocation = 0;
@@ -109,6 +126,7 @@ class Sweep : public testing::TestWithParam<const char*> {
   PlayingServers servers;
   const std::string store;
   mappingsTable* table = nullptr;
+  std::map<std::string, std::size_t> whole;  // what `serving` tells in the end
 };
 
 class Sweeping : public Sweep {
@@ -127,6 +145,12 @@ class Sweeping : public Sweep {
     serveOnce();
     servers.answer(1, "service", Answer().word(PROXY_BUSY));
   }
+  // A host that starts without its bootstrap server.
+  void startFromStore() {
+    serveOnce();
+    mappingsTableDelete(table, t.req);
+    table = mappingsTableNew(t.req, store.c_str(), nullptr, 1);
+  }
   void nothing() {}
 
   // What leads up to the fault, which a request then meets.
@@ -135,6 +159,7 @@ class Sweeping : public Sweep {
     void (Sweeping::*prepare)();
   };
   static constexpr Scenario kScenarios[] = {{"start ", &Sweeping::nothing},
+                                            {"store ", &Sweeping::startFromStore},
                                             {"page ", &Sweeping::serveOnce},
                                             {"change ", &Sweeping::change},
                                             {"failover ", &Sweeping::makeBusy}};
@@ -153,13 +178,20 @@ class Sweeping : public Sweep {
         (void)request();
         struck = places() > n;
         expectRecovery(scenario.name + std::to_string(n) + "\n");
+        if (losesNothing) {
+          EXPECT_EQ(serving(), whole) << scenario.name << n;
+        }
       }
       EXPECT_GE(n, 3) << scenario.name << "never met the fault";
     }
   }
+
+  bool losesNothing = false;
 };
 
+// Whatever memory has lost is made up for.
 TEST_P(Sweeping, everyAllocationFails) {
+  losesNothing = true;
   sweep(
       [this](std::int64_t n) {
         t.allocations = 0;
