@@ -149,16 +149,5 @@ TEST(writer, headLeavesWithTheFirstBlockAndSaysWhatIsKnown) {
   }
 }
 
-TEST(writer, bigBlocksAreWholeInSlices) {
-  RecordingSink sink;
-  ResponseWriter writer(&sink);
-  writer.start({"", 0, untilClose, 0, true, {}});
-  std::string block(200000, 'x');
-  EXPECT_TRUE(writer.write(block.data(), block.size()));
-  EXPECT_FALSE(writer.finish(true)) << "the connection must close";
-  std::erase(sink.all, '>');
-  EXPECT_EQ(sink.all, block);
-}
-
 }  // namespace
 }  // namespace host
