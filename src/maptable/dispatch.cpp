@@ -165,9 +165,13 @@ static bool confirmGone(const Dispatch* dispatch) {
   vesk_request* req = dispatch->req;
   veskProxy* proxy = dispatch->proxy;
   if (!isProxyActive(proxy) || isVeskServerUnreachable(req, 0)) return true;
-  if (!mayHaveEnded(req) || proxy->sendPing(proxy, req) != 0) return false;
-  if (!isProxyActive(proxy)) removeProxy(dispatch->table, proxy, req, 1);
-  return true;
+  if (!mayHaveEnded(req)) return false;
+  // What the attempt came to is what the browser may yet be told, not the ping's result.
+  const std::int32_t error = req->lastError;
+  const bool gone = proxy->sendPing(proxy, req) == 0;
+  if (gone && !isProxyActive(proxy)) removeProxy(dispatch->table, proxy, req, 1);
+  req->lastError = error;
+  return gone;
 }
 
 // How a request ends that no further server may see. With the guard `attempt` the browser

@@ -125,8 +125,9 @@ static veskProxy* fakeProxy(vesk_request* req) {
     return guarded(by, Guard::comeback) ? proxy_isAlive(self, by)
                                         : self->sendPing(self, by);
   };
-  proxy->sendPing = [](veskProxy* self, vesk_request*) {
+  proxy->sendPing = [](veskProxy* self, vesk_request* by) {
     ++serverOf(self)->pings;
+    by->lastError = 0;  // as a new connection does
     if (serverOf(self)->up) return 1;
     setProxyActive(self, false);  // as the pool does
     return 0;

@@ -49,7 +49,7 @@ TEST_F(Guarding, whatForbidsAnotherAttemptAndHowTheBrowserIsTold) {
   };
   constexpr Row kRows[] = {
       {"none", 1, 1, 0, "a:1 b:1 a:1 ", "", 0},
-      {"attempt", 0, 0, 0, "a:1 b:1 a:1 ", "returning error page", 503},
+      {"attempt", 0, 0, 0, "a:1 b:1 a:1 ", "returning error page for 104", 503},
       {"partial", 0, 0, 0, "a:1 b:1 a:1 ", "", 0},
       {"partial", 1, 0, 0, "a:1 ", "which ends broken", 0},
       {"replay", 0, 0, 0, "a:1 b:1 a:1 ", "", 0},
