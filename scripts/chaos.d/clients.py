@@ -23,7 +23,7 @@ PATIENCE = 20  # seconds that a client waits for bytes
 MOST_REQUESTS = 200  # of one client in a second: the loops are bounded
 LINE = re.compile(rb"(\S+) (\S+) (\d+)/(\d+) \.*")
 
-# What the ledger counts of answers; each but the first two is a fault to find.
+# What an answer comes to; all but the first two must not happen.
 WHOLE, VISIBLY_BROKEN = "whole answers", "answers that broke off, and show it"
 FOREIGN, MIXED = "answers of another request", "mixed answers"
 FALSE, DAMAGED = "complete-looking broken answers", "requests that reached a server damaged"
@@ -63,7 +63,7 @@ def verdict(request, response):
     if response.status == 400:
         return DAMAGED
     if response.status != 200:
-        return f"status {response.status}"
+        return f"status {response.status} to {request.method}"
     lines, clean = marks_of(response)
     marks = {mark.decode() for mark, *_ in lines} | set(response.all("x-mark"))
     servers = {server.decode() for _, server, *_ in lines} | set(response.all("x-server"))
@@ -75,12 +75,9 @@ def verdict(request, response):
         return MIXED
     if not response.complete:
         return VISIBLY_BROKEN
-    all_there = lines and len(lines) == int(lines[0][3]) if request.method != "HEAD" else not lines
-    return WHOLE if marks and clean_end(request, response, clean) and all_there else FALSE
-
-
-def clean_end(request, response, clean):
-    return clean if request.method != "HEAD" else response.body == b""
+    if request.method == "HEAD":
+        return WHOLE if marks and not response.body else FALSE
+    return WHOLE if clean and lines and len(lines) == int(lines[0][3]) else FALSE
 
 
 class Ledger:
@@ -146,7 +143,7 @@ class Client:
             outcome, detail = "connection closed without an answer", ""
         except http.client.HTTPException as error:
             outcome, detail = MIXED, repr(error)
-        if outcome not in (WHOLE, "status 404", "status 503"):
+        if outcome != WHOLE and not outcome.startswith("status"):
             self._hang_up()
         self.ledger.write(outcome, request, time.monotonic() - begin, detail)
 

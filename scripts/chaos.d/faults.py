@@ -28,9 +28,11 @@ class Trouble(NamedTuple):
 
 
 def plan(seed, servers, seconds):
-    """The troubles of a run: at any time one server at least is well."""
-    dice, deck, troubles = random.Random(f"{seed} plan"), [], []
-    free_at = [0.0] * servers
+    """The troubles of a run: at any time one server at least is well. The last server is
+    not known until it joins."""
+    dice, deck = random.Random(f"{seed} plan"), []
+    troubles = [Trouble(0, dice.uniform(1, 3), servers - 1, "join")]
+    free_at = [0.0] * (servers - 1) + [10.0]
     clock = 0.5
     while clock < seconds - 1:
         deck = deck or dice.sample(PROCESS_FAULTS + MODES, len(PROCESS_FAULTS + MODES))
@@ -95,6 +97,7 @@ class Server:
             "stop": (lambda: self.backend.signal(signal.SIGSTOP),
                      lambda: self.backend.signal(signal.SIGCONT)),
             "restart": (self.backend.stop, self.start),
+            "join": (lambda: None, lambda: cluster.change(list.append, self.address)),
             "leave": (lambda: cluster.change(list.remove, self.address),
                       lambda: cluster.change(list.append, self.address)),
         }

@@ -70,6 +70,7 @@ class Link:
         self.task, self.abrupt = None, False  # abrupt: the connector sees a reset
         self.loop = asyncio.get_running_loop()
         self.asked = 0        # bytes of the connector, all in all
+        self.has_body = False  # some request had one
         self.busy = False     # a conversation runs with the server
         self.questions, self.answers = Commands(TO_SERVER), Commands(FROM_SERVER)
         self.fault, self.cut, self.answer = None, None, b""
@@ -126,6 +127,7 @@ class Link:
         while data := await self.loop.sock_recv(self.near, BLOCK):
             await self.relay.thawed.wait()
             self.asked += len(data)
+            self.has_body |= b"content-length" in data
             ends = [command for _, command in self.questions.feed(data)]
             if self.relay.mode == "busy" and not self.busy:
                 await self._refuse(ends)
@@ -135,7 +137,7 @@ class Link:
 
     async def _refuse(self, ends):
         """A busy server: it has the question, and at times some of the body, and answers so."""
-        if SERVICE in ends and self.relay.random.random() < 0.3:
+        if SERVICE in ends and self.has_body and self.relay.random.random() < 0.3:
             await self.loop.sock_sendall(self.near, word(GET_DATA) + word(1000))
         elif SERVICE in ends or GET_PROPS in ends or PUT_DATA in ends:
             self.relay.happened["busy"] += 1
@@ -193,7 +195,7 @@ class Link:
     async def _speak_again(self, answer, asked):
         """The whole answer once more, unless the connector has asked anew: then nobody
         could tell whose bytes these are."""
-        await asyncio.sleep(self.relay.random.uniform(0.005, 0.2))
+        await asyncio.sleep(self.relay.random.uniform(0.001, 0.1))
         try:
             if self.asked == asked and not self._has_news():
                 self.near.send(answer)
