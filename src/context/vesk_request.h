@@ -155,6 +155,8 @@ struct vesk_request {
   void (*permFree)(vesk_request* req, void* block);
   char* (*permStrdup)(vesk_request* req, const char* text);
 
+  // As fopen, with "r", "w" or "a", closed on exec. Never waits: what is neither a file
+  // nor a folder can't be opened.
   std::FILE* (*fileOpen)(vesk_request* req, const char* path, const char* mode);
 
   // Log lines: always, with the option `verbose`, and with a trace flag (1 state

@@ -7,6 +7,7 @@
 #include "context/memory.h"
 #include "context/request_block.h"
 #include "maptable/membership.h"
+#include "maptable/store_file.h"
 #include "maptable/table_guard.h"
 
 constexpr char kStoreKey[] = "proxyservers";
@@ -159,34 +160,22 @@ static char* makeStoreText(const mappingsTable* table, vesk_request* req) {
   return text;
 }
 
-// Writes all of a text and closes the file. A full disk may show only at the
-// flush, or even at the close.
-static bool writeText(std::FILE* file, const char* text) {
-  const std::size_t length = std::strlen(text);
-  const bool written =
-      std::fwrite(text, 1, length, file) == length && std::fflush(file) == 0;
-  const int cause = errno;
-  if (std::fclose(file) != 0) return false;
-  errno = cause;
-  return written;
-}
-
-// Puts a text into the file. When that breaks off nobody knows what the file
-// holds, so it is compared with nothing and written anew at the next occasion.
+// When a write breaks off in the file itself nobody knows what that holds, so it is
+// compared with nothing and written anew at the next occasion.
 static bool writeStore(mappingsTable* table, vesk_request* req, const char* text) {
   const char* path = table->serverStore;
-  std::FILE* file = req->fileOpen(req, path, "w");
-  if (!file) {
-    req->log(req, "could not open \"%s\": %s", path, std::strerror(errno));
-    return false;
+  const StoreWrite written = writeStoreFile(req, path, text);
+  if (written == StoreWrite::done) {
+    req->traceE(req, kTraceDetail, "persisted servers in %s: %s", path, text);
+    return true;
   }
-  if (!writeText(file, text)) {
-    req->log(req, "could not persist servers in %s: %s", path, std::strerror(errno));
-    forgetStored(table, req);
-    return false;
-  }
-  req->traceE(req, kTraceDetail, "persisted servers in %s: %s", path, text);
-  return true;
+  const char* reason = std::strerror(errno);
+  if (written == StoreWrite::unopened)
+    req->log(req, "could not open \"%s\": %s", path, reason);
+  else
+    req->log(req, "could not persist servers in %s: %s", path, reason);
+  if (written == StoreWrite::inDoubt) forgetStored(table, req);
+  return false;
 }
 
 // The text that the store should hold, or null: without memory, or without a server.

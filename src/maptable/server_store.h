@@ -18,8 +18,8 @@
 [[nodiscard]] propertyTable* readStoredServers(mappingsTable* table, vesk_request* req);
 
 // Writes the store if its text has changed: 0 when it holds the list or there is
-// nothing to write, else -1. A write that hasn't reached the file has failed, and
-// the next call tries it again. The write is not atomic.
+// nothing to write, else -1. A write that hasn't reached the disk has failed, and
+// the next call tries it again; store_file.h tells what the file holds by then.
 // `lock` 1: tableMutex is taken here, and not held while the file is written; 0: the
 // caller holds it, or initMutex while the table is first filled.
 std::int32_t persistServers(mappingsTable* table, vesk_request* req, std::uint32_t lock);

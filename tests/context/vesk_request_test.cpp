@@ -1,9 +1,13 @@
 #include "context/vesk_request.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "context/attributes.h"
 #include "context/clock.h"
@@ -32,6 +36,19 @@ TEST(request, freshRecordsAreUsableAndSilent) {
       req->free(req, block);
     }
   }
+}
+
+TEST(request, filesAreNotHandedToOtherPrograms) {
+  vesk_request req;
+  init_vesk_request(&req);
+  const std::string path = ::testing::TempDir() + "vesk-file-" + std::to_string(getpid());
+  for (const char* mode : {"w", "a", "r"}) {
+    std::FILE* file = req.fileOpen(&req, path.c_str(), mode);
+    ASSERT_NE(file, nullptr) << mode;
+    EXPECT_EQ(fcntl(fileno(file), F_GETFD), FD_CLOEXEC) << mode;
+    (void)std::fclose(file);
+  }
+  (void)std::remove(path.c_str());
 }
 
 TEST(attributes, newestOfANameIsFoundAndBothAreNamed) {

@@ -5,7 +5,7 @@ import pathlib
 import re
 from contextlib import suppress
 
-from processes import wait_until
+import fake_server as wire
 
 
 def test_log_is_quiet_until_something_fails(site):
@@ -35,20 +35,13 @@ def open_files(pid):
 
 
 def test_programs_of_the_web_server_inherit_nothing(site):
-    store = site.folder / "servers.store"
-    os.mkfifo(store)
-    pipe = os.open(store, os.O_RDWR | os.O_NONBLOCK)
-    with suppress(BlockingIOError):  # a full pipe, so that the store stays open
-        while os.write(pipe, bytes(65536)):
-            pass
-    host = site.host(site.backend(), serverstore=store)
-    pid = (host.children() or [host.process.pid])[0]
-    with host.connect() as browser:
-        browser.ask("GET", "/demo/snoop")
-        wait_until(lambda: str(store) in dict(open_files(pid)), "the store is open")
-        left = {name for name, inherited in open_files(pid) if inherited}
-        os.set_blocking(pipe, True)
-        while os.read(pipe, 65536).endswith(b"\0"):
-            pass
-        assert browser.read().status == 200
-    assert left <= {"/dev/null", *(str(host.path(name)) for name in ("out", "err", "log"))}
+    inherited = set()
+
+    def serve(peer, _):
+        pid = (host.children() or [host.process.pid])[0]
+        inherited.update(name for name, kept in open_files(pid) if kept)
+        peer.send(wire.page(b"played"))
+
+    host = site.host(site.fake(serve))
+    assert host.fetch("/demo/").body == b"played"
+    assert inherited <= {"/dev/null", *(str(host.path(name)) for name in ("out", "err", "log"))}
