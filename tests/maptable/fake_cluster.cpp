@@ -92,7 +92,7 @@ static Reply nextReply(FakeServer* server) {
 static std::int32_t fakeRequest(vesk_request* req, veskProxy* proxy, const char* extra,
                                 std::int32_t* sequence) {
   EXPECT_EQ(extra, nullptr);
-  if (current->recordForwarded) current->forwarded += proxy->name + std::string(" ");
+  current->forwarded += proxy->name + std::string(" ");
   const Reply reply = nextReply(serverOf(proxy));
   *sequence = reply.sequence;
   req->lastError = reply.error;

@@ -58,7 +58,6 @@ struct FakeCluster {
   std::string forwarded;  // servers of all requests, in the same form
   std::atomic<int> created = 0, destroyed = 0, ended = 0;
   int mostCreated = INT_MAX;    // then there is no memory for one more
-  bool recordForwarded = true;  // off while threads run
 };
 
 // A table, its servers and a request. At the end nothing may be left allocated.

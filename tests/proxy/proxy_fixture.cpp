@@ -32,14 +32,11 @@ std::string response(const RecordedRequest& t) {
 
 veskProxy* newServingProxy(vesk_request* req) {
   veskProxy* proxy = veskProxyNew(req);
-  if (!proxy) return nullptr;
   proxy->balance = static_cast<proxyBalance*>(req->permMalloc(req, sizeof(proxyBalance)));
-  if (proxy->balance) *proxy->balance = {0, 0, 0, 0, nullptr, 1};
+  *proxy->balance = {0, 0, 0, 0, nullptr, 1};
   // As a temp one the proxy gets its name and its pool, and no more.
-  if (proxy->balance && proxy->initProxy(proxy, req, "127.0.0.1:7001", 0, 1) == 0)
-    return proxy;
-  (void)proxy->destroyInetProxy(proxy, req);
-  return nullptr;
+  EXPECT_EQ(proxy->initProxy(proxy, req, "127.0.0.1:7001", 0, 1), 0);
+  return proxy;
 }
 
 TestRequest::TestRequest(const Script& script, int idle)

@@ -21,8 +21,11 @@ std::string response(const RecordedRequest& t);
 std::string numbers(std::initializer_list<std::int64_t> list);
 
 // A proxy with a pool and a balance, as initProxy leaves it but without a word to
-// the server: no interval, no mappings. Null when memory runs out.
+// the server: no interval, no mappings.
 veskProxy* newServingProxy(vesk_request* req);
+
+// What a test of every word tries: pieces of a byte, and whole ones.
+constexpr std::int32_t kPieces[] = {1, INT32_MAX};
 
 class TestRequest : public RecordedRequest {
  public:

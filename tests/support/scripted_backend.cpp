@@ -77,8 +77,8 @@ static std::string shown(std::string_view bytes) {
   return testing::PrintToString(std::string(bytes.substr(0, 200)));
 }
 
-ScriptedBackend::ScriptedBackend(std::vector<ScriptStep> script, ScriptVariation how)
-    : script_(std::move(script)), how_(how) {}
+ScriptedBackend::ScriptedBackend(std::vector<ScriptStep> script)
+    : script_(std::move(script)) {}
 
 static ScriptedBackend* backendOf(vesk_request* req) {
   return static_cast<ScriptedBackend*>(req->sn);
@@ -111,7 +111,6 @@ std::string ScriptedBackend::describeStep() const {
 
 void ScriptedBackend::differ(const std::string& what) {
   gone_ = true;
-  if (how_.tolerant) return;
   ADD_FAILURE() << "expected " << describeStep() << "\n     came " << what;
 }
 
@@ -182,8 +181,8 @@ std::int32_t ScriptedBackend::onSend(vesk_request* req, std::int32_t sock,
     req->lastError = EPIPE;
     return -1;
   }
-  const std::size_t most = self->how_.byteByByte ? 1 : static_cast<std::size_t>(length);
-  return self->acceptSend(req, {static_cast<const char*>(buffer), most});
+  const auto count = static_cast<std::size_t>(std::min(length, self->piece));
+  return self->acceptSend(req, {static_cast<const char*>(buffer), count});
 }
 
 std::int32_t ScriptedBackend::acceptSend(vesk_request* req, std::string_view bytes) {
@@ -236,59 +235,13 @@ std::int32_t ScriptedBackend::onRecv(vesk_request* req, std::int32_t sock, void*
 
 std::int32_t ScriptedBackend::giveBytes(char* buffer, std::int32_t length) {
   std::int32_t count = 0;
-  const std::int32_t most = how_.byteByByte ? 1 : length;
-  while (count < most && !gone_ && at(Kind::put)) {
-    if (bytesPut_ == how_.cutAfter) {
-      gone_ = true;
-      break;
-    }
+  while (count < std::min(length, piece) && !gone_ && at(Kind::put)) {
     const std::string& bytes = script_[step_].bytes;
     buffer[count++] = bytes[given_++];
-    ++bytesPut_;
     if (given_ < bytes.size()) continue;
     given_ = 0;
     ++step_;
   }
   if (count == 0 && !gone_) differ("a read of " + std::to_string(length) + " bytes");
   return count;
-}
-
-struct PlayOutcome {
-  std::string told;
-  std::int64_t allocations;
-  std::int64_t bytesPut;
-};
-
-static PlayOutcome playOnce(const std::vector<ScriptStep>& script, const ScriptPlay& play,
-                            const ScriptVariation& how, std::int64_t failAllocation) {
-  ScriptedBackend backend(script, how);
-  RecordedRequest t;
-  backend.attach(t.req);
-  t.failAllocation = failAllocation;
-  PlayOutcome outcome{play(t), t.allocations, backend.bytesPut()};
-  t.req->freeAttributes(t.req);
-  t.req->freeAttributeNames(t.req);
-  releaseKeptBlocks(t.req);
-  if (!how.tolerant) (void)backend.finished();
-  EXPECT_EQ(t.requestBlocks, 0) << "request memory was left behind";
-  EXPECT_EQ(t.permBlocks, 0) << "permanent memory was left behind";
-  EXPECT_EQ(backend.openSockets(), 0) << "a socket was left open";
-  return outcome;
-}
-
-std::string playEveryWay(const std::vector<ScriptStep>& script, const ScriptPlay& play) {
-  const PlayOutcome whole = playOnce(script, play, {}, 0);
-  {
-    SCOPED_TRACE("one byte at a time");
-    EXPECT_EQ(playOnce(script, play, {.byteByByte = true}, 0).told, whole.told);
-  }
-  for (std::int64_t cut = 0; cut < whole.bytesPut; ++cut) {
-    SCOPED_TRACE("cut off after byte " + std::to_string(cut));
-    (void)playOnce(script, play, {.cutAfter = cut, .tolerant = true}, 0);
-  }
-  for (std::int64_t n = 1; n <= whole.allocations; ++n) {
-    SCOPED_TRACE("allocation " + std::to_string(n) + " fails");
-    (void)playOnce(script, play, {.tolerant = true}, n);
-  }
-  return whole.told;
 }

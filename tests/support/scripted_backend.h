@@ -9,13 +9,9 @@
 //                            put(PROXY_PUT_STATUS, word(200), text("OK")),
 //                            put(PROXY_FINISH)});
 //   backend.attach(t.req);
-//
-// playEveryWay replays one script whole, one byte per read, cut off after every
-// byte that the server sends, and with every single allocation failing.
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -72,15 +68,9 @@ ScriptStep failRecv(std::int32_t error);
 // The connector closes a socket; that one, unless it is 0.
 ScriptStep expectClose(std::int32_t sock = 0);
 
-struct ScriptVariation {
-  bool byteByByte = false;     // one byte per read and per send
-  std::int64_t cutAfter = -1;  // the server dies after that many bytes; -1: never
-  bool tolerant = false;       // what differs from the script kills the server silently
-};
-
 class ScriptedBackend {
  public:
-  explicit ScriptedBackend(std::vector<ScriptStep> script, ScriptVariation how = {});
+  explicit ScriptedBackend(std::vector<ScriptStep> script);
   ScriptedBackend(const ScriptedBackend&) = delete;
   ScriptedBackend& operator=(const ScriptedBackend&) = delete;
 
@@ -96,9 +86,9 @@ class ScriptedBackend {
   [[nodiscard]] const std::string& lastFrame() const {
     return lastFrame_;
   }
-  [[nodiscard]] std::int64_t bytesPut() const {
-    return bytesPut_;
-  }
+
+  // What one read or send moves at most.
+  std::int32_t piece = INT32_MAX;
 
   // Calls of the operations so far.
   int connects = 0;
@@ -129,22 +119,10 @@ class ScriptedBackend {
   [[nodiscard]] std::string describeStep() const;
 
   std::vector<ScriptStep> script_;
-  ScriptVariation how_;
   std::size_t step_ = 0;
   std::size_t given_ = 0;  // bytes of the current put that were read
   std::string received_;   // bytes of the current expectation that came
   std::string lastFrame_;
-  std::int64_t bytesPut_ = 0;
-  bool gone_ = false;  // the server is dead: refuses, resets, sends nothing
+  bool gone_ = false;  // it differed: the server refuses, resets, sends nothing
   std::map<std::int32_t, Socket> sockets_;
 };
-
-// One run of a script: makes what it needs, acts, takes everything down again,
-// and tells in text what came of it. It asserts nothing, since it also runs with
-// the server cut off and memory missing; a proxy may be null then.
-using ScriptPlay = std::function<std::string(RecordedRequest&)>;
-
-// Runs the script in every variation. Reading byte by byte must end as reading
-// whole; no variation may crash, hang, or leave memory or a socket behind. The
-// text of the whole run comes back.
-std::string playEveryWay(const std::vector<ScriptStep>& script, const ScriptPlay& play);

@@ -67,13 +67,18 @@ void PlayingServers::accept(std::size_t server) {
   if (sock >= 0) connections_.push_back({sock, server, ""});
 }
 
-// What of the received bytes is one whole frame; 0 while there is none.
+// What of the received bytes is one whole frame, or an answer, which begins with its
+// length; 0 while there is none. No answer is as long as a command is high.
 static std::size_t frameSize(const std::string& received) {
+  constexpr std::int32_t kFrames[] = {PROXY_GET_PROPS, PROXY_SERVICE_40, PROXY_PUT_DATA};
   if (received.size() < 4) return 0;
-  if (getWord(received.data()) == PROXY_PING) return 4;
-  if (received.size() < 8) return 0;
-  const auto size = 8 + static_cast<std::size_t>(
-                            std::max(getWord(received.data() + 4), std::int32_t{0}));
+  const std::int32_t first = getWord(received.data());
+  if (first == PROXY_PING) return 4;
+  const bool isFrame = std::ranges::find(kFrames, first) != std::end(kFrames);
+  const std::size_t head = isFrame ? 8 : 4;
+  if (received.size() < head) return 0;
+  const std::int32_t length = getWord(received.data() + head - 4);
+  const std::size_t size = head + static_cast<std::size_t>(std::max(length, 0));
   return received.size() < size ? 0 : size;
 }
 
