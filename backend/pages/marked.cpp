@@ -23,7 +23,7 @@ struct MarkedPlan {
 };
 
 static std::string markOf(const PageCall& call) {
-  const std::string mark(valueOf(call.query, "mark", {}));
+  std::string mark(valueOf(call.query, "mark", {}));
   const bool usable = !mark.empty() && mark.size() <= kMaxMark && isHeaderSafe(mark) &&
                       mark.find(' ') == std::string::npos;
   if (usable) return mark;
