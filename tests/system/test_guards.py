@@ -3,6 +3,7 @@
 import fake_server as wire
 import pytest
 from httpd import HttpdHost
+from processes import wait_until
 
 both = pytest.mark.parametrize("guards", ["none", "all"])
 
@@ -51,6 +52,7 @@ def test_secrets_stay_out_of_the_log(site, guards):
     host = site.host(site.cluster(2)[0], verbose="true", guards=guards)
     secrets = [("Cookie", "JSESSIONID=zzzz0123456789; auth=SECRET"),
                ("Authorization", "Basic SECRET")]
+    wait_until(lambda: host.fetch("/demo/snoop").json()["server"]["rep_id"] == "s002", "both serve")
     page = host.fetch("/demo/session?header=Authorization", headers=secrets)
     host.fetch("/demo/snoop;JSESSIONID=zzzz0123456789")
     log = "\n".join(host.messages())
