@@ -57,7 +57,7 @@ struct FakeCluster {
   std::string asked;      // names given to initProxy, in order, each with a blank
   std::string forwarded;  // servers of all requests, in the same form
   std::atomic<int> created = 0, destroyed = 0, ended = 0;
-  int mostCreated = INT_MAX;    // then there is no memory for one more
+  int mostCreated = INT_MAX;  // then there is no memory for one more
 };
 
 // A table, its servers and a request. At the end nothing may be left allocated.
