@@ -28,11 +28,3 @@ TEST(guards, optionNamesThemAndWordsBehindWin) {
   };
   for (const auto& [value, names, why] : rows) EXPECT_EQ(chosen(value), names) << why;
 }
-
-TEST(guards, recordHasThoseInForceWhenItWasMade) {
-  vesk_request req{};
-  req.guards = readGuards("replay,deadline").mask;
-  EXPECT_TRUE(guarded(&req, Guard::replay));
-  EXPECT_TRUE(guarded(&req, Guard::deadline));
-  EXPECT_FALSE(guarded(&req, Guard::latebytes));
-}

@@ -252,9 +252,10 @@ static veskProxy* const kProxy = reinterpret_cast<veskProxy*>(0x1000);
 
 // A server that takes `pingsLeft` pings, each of which spoils lastError, and
 // meanwhile sends two bytes, unless `lateBytesTo` is no socket.
-static int pingsLeft, lateBytesTo;
+static int pingsLeft, lateBytesTo, errorAtPing;
 static std::int32_t countedPing(vesk_request* req, veskProxy* proxy) {
   EXPECT_EQ(proxy, kProxy);
+  errorAtPing = req->lastError;
   (void)!write(lateBytesTo, "cd", 2);
   req->lastError = EPIPE;
   return pingsLeft-- > 0 ? 1 : 0;
@@ -349,16 +350,11 @@ TEST_F(Sockets, longReadGoesStraightToItsBuffer) {
   EXPECT_EQ(got, sent + "-");
 }
 
-static std::int32_t errorAtPing = -1;
-
-static std::int32_t notePing(vesk_request* req, veskProxy* /*proxy*/) {
-  errorAtPing = req->lastError;
-  return 0;
-}
-
 // Otherwise a signal could put off the connect that the ping needs.
 TEST_F(Sockets, pingBehindASignalStartsWithoutAnError) {
-  t.req->pingServer = notePing;
+  t.req->pingServer = countedPing;
+  pingsLeft = 0;
+  lateBytesTo = -1;
   polls = {kInterrupted, kLimitPassed};
   EXPECT_EQ(receive(4, kProxy), -1);
   EXPECT_EQ(errorAtPing, 0);

@@ -154,7 +154,10 @@ TEST_F(Selecting, sessionStaysWithOwnerOrBuddy) {
       list->active[i] = 0;  // plays no part; the algorithm finds none
     }
     t.logLines.clear();
+    t.traceELines.clear();
     EXPECT_EQ(choose(1), expected) << why;
+    EXPECT_EQ(t.tracedE("Found sticky session host " + expected + ":1"),
+              expected == "-" ? 0 : 1);
     EXPECT_EQ(t.logged("Sticky session breakage, a host for serving session " + id +
                        " not available.  Failing over to another server, but above "
                        "session is broken."),

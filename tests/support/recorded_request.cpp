@@ -15,13 +15,10 @@ static RecordedRequest* fixtureOf(vesk_request* req) {
 
 [[gnu::format(printf, 1, 0)]] static std::string formatted(const char* format,
                                                            va_list args) {
-  va_list copy;
-  va_copy(copy, args);
-  const int length = std::vsnprintf(nullptr, 0, format, copy);
-  va_end(copy);
-  std::string text(static_cast<std::size_t>(length) + 1, '\0');
-  (void)std::vsnprintf(text.data(), text.size(), format, args);
-  text.pop_back();
+  char* made = nullptr;
+  EXPECT_GE(vasprintf(&made, format, args), 0);
+  std::string text = made;
+  std::free(made);
   return text;
 }
 
