@@ -80,7 +80,8 @@ static void putMarkedHead(const PageCall& call, const MarkedPlan& plan) {
   if (plan.lengthTold) length = sizeOfAll(call, plan);
   putHead(call, {200, "text/plain; charset=utf-8", length});
   call.exchange.putHeader("X-Mark", plan.mark);
-  call.exchange.putHeader("X-Server", call.server.options.repId);
+  // A name of its own: what an attempt before this one has left can't be replaced by it.
+  call.exchange.putHeader("X-Server-" + call.server.options.repId, plan.mark);
 }
 
 // marked?mark=&blocks=&size=&ms=&length=: that many blocks, each sent at once behind

@@ -23,6 +23,8 @@ PATIENCE = 20  # seconds that a client waits for bytes
 MOST_REQUESTS = 200  # of one client in a second: the loops are bounded
 LINE = re.compile(rb"(\S+) (\S+) (\d+)/(\d+) \.*")
 
+SERVER = "x-server-"  # begins the header that names who has answered
+
 # What an answer comes to; all but the first two must not happen.
 WHOLE, VISIBLY_BROKEN = "whole answers", "answers that broke off, and show it"
 FOREIGN, MIXED = "answers of another request", "mixed answers"
@@ -66,7 +68,8 @@ def verdict(request, response):
         return f"status {response.status} to {request.method}"
     lines, clean = marks_of(response)
     marks = {mark.decode() for mark, *_ in lines} | set(response.all("x-mark"))
-    servers = {server.decode() for _, server, *_ in lines} | set(response.all("x-server"))
+    named = [name[len(SERVER):] for name, _ in response.headers if name.lower().startswith(SERVER)]
+    servers = {server.decode() for _, server, *_ in lines} | set(named)
     if marks and request.mark not in marks:
         return FOREIGN
     numbers = [int(number) for _, _, number, _ in lines]
@@ -152,7 +155,7 @@ class Client:
         if (response.header("connection") or "").lower() == "close":
             self._hang_up()
         framing = response.header("content-length") or response.header("transfer-encoding")
-        detail = (f"{response.status} of {response.all('x-mark')} {response.all('x-server')} "
+        detail = (f"{response.status} of {response.all('x-mark')} "
                   f"{framing}, {len(response.body)} bytes, {response.body[:40]} ... "
                   f"{response.body[-40:]}")
         return verdict(request, response), detail

@@ -17,7 +17,9 @@ from relay import MODES
 PROCESS_FAULTS = ("kill", "stop", "restart", "leave")
 MAPCHECK = 2  # seconds: how soon a new mapping is seen
 RETRY = 1     # seconds: the pause before a server that is down is asked again
-SAFE_PORTS = range(20000, 30000)  # below those that the kernel gives to connections
+# In no order, so that two runs don't meet; below those that the kernel gives to
+# connections, one of which could take the port of a server that is down.
+PORTS = iter(random.sample(range(20000, 30000), 10000))
 
 
 class Trouble(NamedTuple):
@@ -54,8 +56,8 @@ def has_relay(number):
 
 
 def free_port():
-    """A port that no connection takes while its server is down."""
-    for port in random.sample(SAFE_PORTS, len(SAFE_PORTS)):
+    """A port that nobody else gets in this run."""
+    for port in PORTS:
         with socket.socket() as probe:
             try:
                 probe.bind(("127.0.0.1", port))

@@ -76,7 +76,6 @@ class Link:
         self.fault, self.cut, self.answer = None, None, b""
 
     async def run(self):
-        self.task = asyncio.current_task()
         pumps = []
         try:
             if self.relay.strikes("reset", 0.5):
@@ -223,7 +222,8 @@ class Relay:
         self.links, self.fillers = set(), []
         self.thawed = asyncio.Event()
         self.thawed.set()
-        self.listener = self.accepting = None
+        self.loop = asyncio.get_running_loop()
+        self.listener = None
         self._listen()
 
     def strikes(self, mode, chance):
@@ -251,34 +251,35 @@ class Relay:
         self._accept()
 
     def _accept(self):
-        self.accepting = asyncio.ensure_future(self._accept_all())
+        self.loop.add_reader(self.listener, self._take_link)
 
-    async def _accept_all(self):
-        loop = asyncio.get_running_loop()
-        while True:
-            near, _ = await loop.sock_accept(self.listener)
-            near.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-            asyncio.ensure_future(self._serve(Link(self, near)))
+    def _pause(self):
+        self.loop.remove_reader(self.listener)
 
-    async def _serve(self, link):
-        self.links.add(link)
+    def _take_link(self):
         try:
-            await link.run()
-        finally:
-            self.links.discard(link)
+            near, _ = self.listener.accept()
+        except OSError:  # gone before it was taken
+            return
+        near.setblocking(False)
+        near.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        link = Link(self, near)
+        link.task = asyncio.ensure_future(link.run())
+        self.links.add(link)
+        link.task.add_done_callback(lambda _: self.links.discard(link))
 
     def _reset_all(self):
         for link in list(self.links):
             link.reset()
 
     def _refuse(self):
-        self.accepting.cancel()
+        self._pause()
         self.listener.close()
         self._reset_all()
 
     def _freeze(self):
         """From here on packets vanish: the kernel drops the SYNs of a full backlog."""
-        self.accepting.cancel()
+        self._pause()
         self.listener.listen(0)
         for _ in range(3):
             filler = socket.socket()
