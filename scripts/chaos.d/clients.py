@@ -83,6 +83,15 @@ def verdict(request, response):
     return WHOLE if clean and lines and len(lines) == int(lines[0][3]) else FALSE
 
 
+class Found(NamedTuple):
+    """What a crowd of clients has found."""
+    counts: collections.Counter
+    samples: list
+    foreign: list
+    acknowledged: list
+    longest: float
+
+
 class Ledger:
     """What became of all requests. Any thread may write."""
 
@@ -90,6 +99,7 @@ class Ledger:
         self.lock = threading.Lock()
         self.counts = collections.Counter()
         self.samples = []         # of what should not be, a line each
+        self.foreign = []         # marks of requests that got another's answer
         self.acknowledged = []    # marks of POSTs that got a whole answer
         self.longest = 0.0
 
@@ -99,9 +109,15 @@ class Ledger:
             self.longest = max(self.longest, took)
             if outcome == WHOLE and request.method == "POST":
                 self.acknowledged.append(request.mark)
+            if outcome == FOREIGN:
+                self.foreign.append(request.mark)
             if outcome in (FOREIGN, MIXED, FALSE, DAMAGED):
                 self.samples.append(f"{time.strftime('%H:%M:%S')} {outcome}: {request.method} "
                                     f"{request.target} got {detail}")
+
+
+    def found(self):
+        return Found(self.counts, self.samples, self.foreign, self.acknowledged, self.longest)
 
 
 class Client:
@@ -195,7 +211,7 @@ def _run(pipe, prefix, address, servers, seed, seconds):
     ending.set()
     for thread in threads:
         thread.join()
-    pipe.send((ledger.counts, ledger.samples, ledger.acknowledged, ledger.longest))
+    pipe.send(ledger.found())
 
 
 class Clients:
@@ -211,7 +227,7 @@ class Clients:
         theirs.close()
 
     def result(self):
-        """Waits for the end; gives counts, samples, acknowledged marks, longest time."""
+        """Waits for the end; gives what they found."""
         found = self.pipe.recv()
         self.process.join(10)
         return found

@@ -8,6 +8,7 @@ import asyncio
 import collections
 import multiprocessing
 import random
+import re
 import signal
 import socket
 import struct
@@ -20,6 +21,8 @@ FROM_SERVER = {3: "t", 4: "t", 6: "wt", 7: "t", 8: "t", FINISH: "", 14: "t", GET
                18: "tt", 37: "tt", BUSY: "", 40: "w", 41: "w"}
 
 MODES = ("refuse", "reset", "swallow", "busy", "slow", "half", "twice", "late")
+MARK = re.compile(rb"mark=([a-z0-9-]+)")
+TOO_CLOSE = 0.1  # seconds, in which the machine may have held up whoever looked and sent
 LONGEST_COPY = 32 << 10  # an answer that is sent again leaves in one piece
 BLOCK = 64 << 10
 
@@ -74,6 +77,7 @@ class Link:
         self.busy = False     # a conversation runs with the server
         self.questions, self.answers = Commands(TO_SERVER), Commands(FROM_SERVER)
         self.fault, self.cut, self.answer = None, None, b""
+        self.spoke = None  # when it last spoke late, and was not asked since
 
     async def run(self):
         pumps = []
@@ -127,6 +131,7 @@ class Link:
             await self.relay.thawed.wait()
             self.asked += len(data)
             self.has_body |= b"content-length" in data
+            self._note_crossing(data)
             ends = [command for _, command in self.questions.feed(data)]
             if self.relay.mode == "busy" and not self.busy:
                 await self._refuse(ends)
@@ -198,9 +203,17 @@ class Link:
         try:
             if self.asked == asked and not self._has_news():
                 self.near.send(answer)
+                self.spoke = self.loop.time()
                 self.relay.happened["late"] += 1
         except OSError:
             pass
+
+    def _note_crossing(self, data):
+        """A question that was under way when the relay spoke late: whoever looked before it
+        sent the question saw nothing, and can't tell those bytes from its answer."""
+        if self.spoke is not None and self.loop.time() - self.spoke < TOO_CLOSE:
+            self.relay.crossed.update(mark.decode() for mark in MARK.findall(data))
+        self.spoke = None
 
     def _has_news(self):
         """Whether bytes or the end have come that weren't read yet."""
@@ -218,6 +231,7 @@ class Relay:
         self.port, self.target = port, target
         self.random = random.Random(seed)
         self.happened = collections.Counter()
+        self.crossed = set()  # marks of requests that met late bytes on their way
         self.mode = None
         self.links, self.fillers = set(), []
         self.thawed = asyncio.Event()
@@ -309,7 +323,8 @@ async def _serve_orders(pipe, places, seed):
         except (EOFError, OSError):
             return ended.set()
         if name is None:
-            pipe.send(sum((relay.happened for relay in relays.values()), collections.Counter()))
+            pipe.send((sum((relay.happened for relay in relays.values()), collections.Counter()),
+                       set().union(*(relay.crossed for relay in relays.values()))))
             return ended.set()
         relays[name].switch(mode)
         pipe.send(None)
@@ -341,11 +356,12 @@ class Relays:
         self.pipe.recv()
 
     def close(self):
-        """Ends the process; gives how often each fault has happened."""
+        """Ends the process; gives how often each fault has happened, and the marks of the
+        requests that met late bytes on their way."""
         self.pipe.send((None, None))
-        happened = self.pipe.recv()
+        found = self.pipe.recv()
         self.process.join(10)
-        return happened
+        return found
 
     def kill(self):
         self.process.kill()
