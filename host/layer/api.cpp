@@ -2,6 +2,7 @@
 // a thin step to the request that the thread runs and its Exchange.
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -133,8 +134,8 @@ static pb_param* apiInsert(const char* name, const char* value, pblock* pb) {
 }
 
 static pb_param* apiInsertNumber(const char* name, int value, pblock* pb) {
-  char digits[16];
-  (void)std::snprintf(digits, sizeof(digits), "%d", value);  // 11 characters at most
+  char digits[16];  // 11 characters at most
+  *std::to_chars(digits, digits + sizeof(digits) - 1, value).ptr = '\0';
   return addParameter(pb, name, digits);
 }
 

@@ -9,16 +9,40 @@
 
 namespace host {
 
-// A block and the one bucket that it has.
-struct BlockWithBucket {
+// A block, the one bucket that it has, and what makes it quick: most look-ups are for
+// names that it hasn't got.
+struct OwnBlock {
   pblock block;
   pb_entry* bucket;
+  pb_entry** end;       // the place for the next entry
+  std::int32_t count;   // of entries
+  std::uint64_t marks;  // of all names that were ever put here, see markOf
 };
 
+// An entry, its parameter and both texts are one piece of memory, so that they are there
+// as a whole or not at all. Who detaches the parameter gets all of it.
+struct OwnParameter {
+  pb_param param;
+  pb_entry entry;
+};
+
+static OwnBlock* own(pblock* pb) {
+  return static_cast<OwnBlock*>(static_cast<void*>(pb));
+}
+
+// One of 64 bits, by a name's first two characters, in such a way that the two cases of
+// one letter come out apart.
+static std::uint64_t markOf(const char* name) {
+  constexpr std::uint32_t kScatter = 0x9e3779b1U;
+  const auto first = static_cast<unsigned char>(name[0]);
+  const auto second = static_cast<unsigned char>(first ? name[1] : 0);
+  return std::uint64_t{1} << ((first * 256U + second) * kScatter >> 26U);
+}
+
 pblock* newParameters() {
-  auto* made = static_cast<BlockWithBucket*>(requestMemory(sizeof(BlockWithBucket)));
+  auto* made = static_cast<OwnBlock*>(requestMemory(sizeof(OwnBlock)));
   if (!made) return nullptr;
-  *made = BlockWithBucket{{1, &made->bucket}, nullptr};
+  *made = OwnBlock{{1, &made->bucket}, nullptr, &made->bucket, 0, 0};
   return &made->block;
 }
 
@@ -27,37 +51,23 @@ void freeParameters(pblock* pb) {
   for (pb_entry* entry = pb->ht[0]; entry;) {
     pb_entry* next = entry->next;
     freeParameter(entry->param);
-    releasePoolBlock(entry);
     entry = next;
   }
   releasePoolBlock(pb);
 }
 
-// One block holds the parameter and both texts, so that it is there as a whole
-// or not at all.
-static pb_param* newParameter(const char* name, const char* value) {
-  std::size_t nameSize = std::strlen(name) + 1;
-  std::size_t valueSize = std::strlen(value) + 1;
-  void* memory =
-      requestMemory(static_cast<std::int64_t>(sizeof(pb_param) + nameSize + valueSize));
+static OwnParameter* newParameter(const char* name, const char* value) {
+  const std::size_t nameSize = std::strlen(name) + 1;
+  const std::size_t valueSize = std::strlen(value) + 1;
+  void* memory = requestMemory(
+      static_cast<std::int64_t>(sizeof(OwnParameter) + nameSize + valueSize));
   if (!memory) return nullptr;
-  auto* param = static_cast<pb_param*>(memory);
-  param->name = reinterpret_cast<char*>(param + 1);
-  param->value = param->name + nameSize;
-  std::memcpy(param->name, name, nameSize);
-  std::memcpy(param->value, value, valueSize);
-  return param;
-}
-
-// The place for a new entry at the end, or null when the block is full.
-static pb_entry** endOf(pblock* pb) {
-  int count = 0;
-  pb_entry** place = &pb->ht[0];
-  while (*place) {
-    place = &(*place)->next;
-    ++count;
-  }
-  return count < kMaxParameters ? place : nullptr;
+  auto* made = static_cast<OwnParameter*>(memory);
+  char* texts = reinterpret_cast<char*>(made + 1);
+  *made = OwnParameter{{texts, texts + nameSize}, {&made->param, nullptr}};
+  std::memcpy(made->param.name, name, nameSize);
+  std::memcpy(made->param.value, value, valueSize);
+  return made;
 }
 
 static void reportFull(const char* name) {
@@ -73,45 +83,53 @@ static void reportFull(const char* name) {
 
 pb_param* addParameter(pblock* pb, const char* name, const char* value) {
   if (!pb || !name || !value) return nullptr;
-  pb_entry** place = endOf(pb);
-  if (!place) {
+  OwnBlock* block = own(pb);
+  if (block->count >= kMaxParameters) {
     reportFull(name);
     return nullptr;
   }
-  auto* entry = static_cast<pb_entry*>(requestMemory(sizeof(pb_entry)));
-  if (!entry) return nullptr;
-  entry->param = newParameter(name, value);
-  entry->next = nullptr;
-  if (!entry->param) {
-    releasePoolBlock(entry);
-    return nullptr;
-  }
-  *place = entry;
-  return entry->param;
+  OwnParameter* made = newParameter(name, value);
+  if (!made) return nullptr;
+  // The chain is public: a plug-in may have put it in another order.
+  while (*block->end) block->end = &(*block->end)->next;
+  *block->end = &made->entry;
+  block->end = &made->entry.next;
+  block->marks |= markOf(name);
+  ++block->count;
+  return &made->param;
 }
 
-char* findValue(const pblock* pb, const char* name) {
-  if (!pb || !name) return nullptr;
-  for (const pb_entry* entry = pb->ht[0]; entry; entry = entry->next) {
-    if (std::strcmp(entry->param->name, name) == 0) return entry->param->value;
+static bool mayHold(const OwnBlock* block, const char* name) {
+  return (block->marks & markOf(name)) != 0;
+}
+
+// The place that leads to the first entry of that name, or null.
+static pb_entry** placeOf(OwnBlock* block, const char* name) {
+  for (pb_entry** place = &block->bucket; *place; place = &(*place)->next) {
+    const char* each = (*place)->param->name;
+    if (*each == *name && std::strcmp(each, name) == 0) return place;
   }
   return nullptr;
 }
 
+char* findValue(pblock* pb, const char* name) {
+  if (!pb || !name || !mayHold(own(pb), name)) return nullptr;
+  pb_entry** place = placeOf(own(pb), name);
+  return place ? (*place)->param->value : nullptr;
+}
+
 pb_param* findParameter(pblock* pb, const char* name, bool remove) {
-  if (!pb || !name) return nullptr;
-  pb_entry** place = &pb->ht[0];
-  while (*place && std::strcmp((*place)->param->name, name) != 0) {
-    place = &(*place)->next;
-  }
+  if (!pb || !name || !mayHold(own(pb), name)) return nullptr;
+  OwnBlock* block = own(pb);
+  pb_entry** place = placeOf(block, name);
+  if (!place) return nullptr;
   pb_entry* entry = *place;
-  if (!entry) return nullptr;
-  pb_param* param = entry->param;
   if (remove) {
     *place = entry->next;
-    releasePoolBlock(entry);
+    if (block->end == &entry->next) block->end = place;
+    --block->count;
   }
-  return param;
+  return entry->param;
 }
 
 void freeParameter(pb_param* param) {

@@ -28,7 +28,7 @@ void freeParameters(pblock* pb);
 pb_param* addParameter(pblock* pb, const char* name, const char* value);
 
 // The value of the first parameter of that name, or null. Stays the block's.
-[[nodiscard]] char* findValue(const pblock* pb, const char* name);
+[[nodiscard]] char* findValue(pblock* pb, const char* name);
 
 // The first parameter of that name, or null; `remove` detaches it, and then it
 // goes back through freeParameter.

@@ -1,19 +1,22 @@
 // Memory of one request, taken back all at once when the request ends.
 //
-// Every block stands in a list of its pool, so that one that its user forgot
-// is freed by the destructor, and one that was given back is freed at once: a
-// page of any length doesn't grow the pool.
+// Small blocks come from a room within the pool, one behind the other, without a call
+// of the heap; the last one that was given out can be taken back. What doesn't fit there
+// stands in a list, so that a block that its user forgot is freed by the destructor, and
+// one that was given back is freed at once: a page of any length doesn't grow the pool.
+// A build that watches memory has no room, so that each block's borders are watched.
 //
 // Ownership: the pool owns its blocks; a block may outlive no pool.
 // Threads: a pool and its blocks belong to one thread at a time. No lock.
 // Errors: null. Sizes are bytes.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace host {
 
-struct PoolBlock;
+struct HeapBlock;
 
 class RequestPool {
  public:
@@ -28,14 +31,18 @@ class RequestPool {
 
  private:
   friend void releasePoolBlock(void* block);
-  PoolBlock* blocks_ = nullptr;
+  [[nodiscard]] void* allocateInRoom(std::int64_t size);
+  void unlink(HeapBlock* block);
+
+  HeapBlock* blocks_ = nullptr;
+  std::int64_t used_ = 0;  // of the room
+  alignas(std::max_align_t) char room_[8 << 10];
 };
 
-// A block that belongs to no request and lasts until it is released; null as
-// from RequestPool::allocate.
+// The same for what belongs to no request; it lasts until it is given back.
 [[nodiscard]] void* allocateUnpooled(std::int64_t size);
 
-// Gives back what either of the above gave. Null does nothing.
+// Gives back a block of either kind; null does nothing.
 void releasePoolBlock(void* block);
 
 }  // namespace host

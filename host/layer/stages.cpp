@@ -170,7 +170,7 @@ int Stages::runStage(Stage stage, Session* sn, Request* rq) const {
   return REQ_NOACTION;
 }
 
-char* pathOf(const pblock* vars) {
+char* pathOf(pblock* vars) {
   char* path = findValue(vars, "ppath");
   return path ? path : findValue(vars, "path");
 }

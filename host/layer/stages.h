@@ -31,7 +31,7 @@ constexpr int kStages = 3;
 
 // The path that NameTrans functions have left among a request's variables, or
 // null.
-[[nodiscard]] char* pathOf(const pblock* vars);
+[[nodiscard]] char* pathOf(pblock* vars);
 
 class Stages {
  public:
