@@ -28,6 +28,7 @@ struct Readiness {
   short event;  // of poll
   const char* caller;
   const char* name;  // of the event
+  bool untried;      // nothing has looked for bytes yet: those that came still count
 };
 
 void initializeSocketTimeouts(vesk_request* /*req*/, std::int32_t* timeouts) {
@@ -216,7 +217,9 @@ static std::int32_t awaitReady(vesk_request* req, std::int32_t sock,
   if (count < 0) return errno;
   // The hang-up is asked for before the event: a server that has left in the middle of a
   // conversation can't finish it, whatever bytes still wait.
-  if (wait.revents & POLLHUP) {
+  const bool hungUp = (wait.revents & POLLHUP) != 0;
+  const bool bytesCame = hungUp && ready.untried && veskPeek(req, sock) == kIdleBytes;
+  if (hungUp && !bytesCame) {
     req->trace(req, "%s: POLLHUP so ECONNRESET", ready.caller);
     return ECONNRESET;
   }
@@ -244,12 +247,21 @@ static std::int32_t judgeRecvLimit(vesk_request* req, std::int32_t sock,
   return 0;
 }
 
-// Waits for bytes to receive: 0 to go on, or the error.
-static std::int32_t awaitReadable(vesk_request* req, std::int32_t sock,
-                                  veskProxy* proxy) {
-  constexpr Readiness kReadable = {POLLIN, "veskRecv", "POLLIN"};
-  const std::int32_t error = awaitReady(req, sock, kReadable, req->recvTimeout);
+// Waits for bytes to receive: 0 to go on, or the error. `untried` as in Readiness.
+static std::int32_t awaitReadable(vesk_request* req, std::int32_t sock, veskProxy* proxy,
+                                  bool untried) {
+  const Readiness readable = {POLLIN, "veskRecv", "POLLIN", untried};
+  const std::int32_t error = awaitReady(req, sock, readable, req->recvTimeout);
   return error == ETIMEDOUT ? judgeRecvLimit(req, sock, proxy) : error;
+}
+
+// Whether the request has sent something since it last read. An answer is hardly ever
+// there at once: a look before the wait would be in vain.
+static bool isQuiet(vesk_request* req, std::int32_t sock) {
+  veskReadAhead* ahead = req->readAhead;
+  const bool quiet = ahead && ahead->quiet != 0 && !peekAhead(req, sock, 1);
+  if (quiet) ahead->quiet = 0;
+  return quiet;
 }
 
 // One pass; gives what lastError becomes. An error of the pass before, which can
@@ -259,6 +271,11 @@ static std::int32_t recvPass(Transfer* transfer, void* buffer, veskProxy* proxy)
   // A server that never lets a read wait would else never meet the deadline, nor the
   // shutdown.
   if (isPastDeadline(transfer->req) || isCutShort(transfer->req)) return ETIMEDOUT;
+  if (isQuiet(transfer->req, transfer->sock)) {
+    const std::int32_t error =
+        awaitReadable(transfer->req, transfer->sock, proxy, /*untried=*/true);
+    if (error != 0) return error;
+  }
   const ssize_t result = recvAhead(transfer->req, transfer->sock,
                                    static_cast<char*>(buffer) + transfer->count, rest);
   if (result >= 0) {
@@ -267,7 +284,7 @@ static std::int32_t recvPass(Transfer* transfer, void* buffer, veskProxy* proxy)
     return 0;
   }
   if (errno != EAGAIN) return errno;
-  return awaitReadable(transfer->req, transfer->sock, proxy);
+  return awaitReadable(transfer->req, transfer->sock, proxy, /*untried=*/false);
 }
 
 // An error of 0 with too small a count is how callers tell the end of the stream from a
@@ -294,10 +311,11 @@ static std::int32_t sendPass(Transfer* transfer, const void* buffer) {
   if (result >= 0) {
     transfer->count += static_cast<std::int32_t>(result);
     transfer->req->bytesSent += result;
+    if (transfer->req->readAhead) transfer->req->readAhead->quiet = 1;
     return 0;
   }
   if (errno != EAGAIN) return errno;
-  constexpr Readiness kWritable = {POLLOUT, "veskSend", "POLLOUT"};
+  constexpr Readiness kWritable = {POLLOUT, "veskSend", "POLLOUT", false};
   vesk_request* req = transfer->req;
   return awaitReady(req, transfer->sock, kWritable, req->sendTimeout);
 }

@@ -23,7 +23,7 @@ ConversationScope::ConversationScope(vesk_request* owner)
 
 // The buffer goes with the scope: nothing may find it in the record any more.
 ConversationScope::~ConversationScope() {
-  req->readAhead = nullptr;
+  endReadAhead(req, &ahead);
   req->pingServer = nullptr;
   req->deadline = outerDeadline;
 }
@@ -82,6 +82,14 @@ std::int32_t openConversation(Conversation* talk, const char* frame,
   if (!talk->connection) return -1;
   talk->sock = talk->connection->socket;
   return 0;
+}
+
+Operand::Operand(const Conversation* talk)
+    : req(talk->req),
+      bytes(readDataInto(talk->sock, req, nullptr, talk->proxy, room, sizeof room)) {}
+
+Operand::~Operand() {
+  if (bytes && bytes != room) req->free(req, bytes);
 }
 
 char* readOperand(const Conversation* talk, std::int32_t* outLength) {

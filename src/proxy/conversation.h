@@ -90,6 +90,20 @@ struct ConversationScope {
 // -1; the connection is gone or pooled then. Blocks. REQUIRES: as openConversation.
 [[nodiscard]] std::int32_t runConversation(Conversation* talk);
 
+// A string of the command in hand that nobody needs beyond it. A short one lies in the
+// record itself, so that the many texts of a response's head cost no allocation. For
+// locals only. Blocks.
+struct Operand {
+  explicit Operand(const Conversation* talk);
+  ~Operand();
+  Operand(const Operand&) = delete;
+  Operand& operator=(const Operand&) = delete;
+
+  vesk_request* req;
+  char* bytes;  // with a NUL behind them; null on failure, as in wire.h
+  char room[256];
+};
+
 // Operands of the command in hand. A string or block with a NUL behind it, to be
 // given back through `free`, or null; a word, 0 or -1. Failure as in wire.h. Block.
 [[nodiscard]] char* readOperand(const Conversation* talk, std::int32_t* outLength);

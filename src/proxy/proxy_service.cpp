@@ -7,6 +7,7 @@
 #include "context/guards.h"
 #include "context/request_block.h"
 #include "context/vesk_error.h"
+#include "proxy/body_run.h"
 #include "proxy/conversation.h"
 #include "proxy/proxy_error.h"
 #include "proxy/proxy_marshal.h"
@@ -17,7 +18,7 @@
 // Sends the value of a header or variable; one that is absent goes out empty.
 static Next onGetHeader(Conversation* talk) {
   vesk_request* req = talk->req;
-  RequestBlock name{req, readOperand(talk, nullptr)};
+  const Operand name{talk};
   if (!name.bytes) return Next::abort;
   const char* value = req->getHeader(req, name.bytes);
   // The value is the host's, and goes back whether it could be sent or not.
@@ -29,7 +30,7 @@ static Next onGetHeader(Conversation* talk) {
 // Sends the file path of a URI; one without a path gets an empty string.
 static Next onGetRealPath(Conversation* talk) {
   vesk_request* req = talk->req;
-  RequestBlock uri{req, readOperand(talk, nullptr)};
+  const Operand uri{talk};
   if (!uri.bytes) return Next::abort;
   RequestBlock path{req, req->getRealPath(req, uri.bytes)};
   if (writeString(req, talk->sock, path.bytes) < 0) return Next::abort;
@@ -40,7 +41,7 @@ static Next onPutStatus(Conversation* talk) {
   vesk_request* req = talk->req;
   std::int32_t status = 0;
   if (readNumber(talk, &status) < 0) return Next::abort;
-  RequestBlock reason{req, readOperand(talk, nullptr)};
+  const Operand reason{talk};
   if (!reason.bytes) return Next::abort;
   req->trace(req, "  %d %.80s", status, reason.bytes);
   req->setStatus(req, status, reason.bytes);
@@ -50,7 +51,7 @@ static Next onPutStatus(Conversation* talk) {
 // A text that breaks off is no failure: its complete headers stand.
 static Next onPutHeader(Conversation* talk) {
   vesk_request* req = talk->req;
-  RequestBlock text{req, readOperand(talk, nullptr)};
+  const Operand text{talk};
   if (!text.bytes) return Next::abort;
   char* name = nullptr;
   char* value = nullptr;
@@ -64,22 +65,21 @@ static Next onPutHeader(Conversation* talk) {
 
 static Next onPutHeaderValue(Conversation* talk) {
   vesk_request* req = talk->req;
-  RequestBlock name{req, readOperand(talk, nullptr)};
+  const Operand name{talk};
   if (!name.bytes) return Next::abort;
-  RequestBlock value{req, readOperand(talk, nullptr)};
+  const Operand value{talk};
   if (!value.bytes) return Next::abort;
   req->addHeader(req, name.bytes, value.bytes);
   return Next::readCommand;
 }
 
 // A block that the browser doesn't take is lost, and the conversation goes on
-// until that has happened too often in a row.
+// until that has happened too often in a row. Of a run that failed each block counts.
 static Next onPutClient(Conversation* talk) {
   vesk_request* req = talk->req;
-  std::int32_t length = 0;
-  RequestBlock body{req, readOperand(talk, &length)};
+  const BodyRun body{talk};
   if (!body.bytes) return Next::abort;
-  const std::int32_t result = req->writeClient(req, body.bytes, length);
+  const std::int32_t result = req->writeClient(req, body.bytes, body.length);
   // Also after a failed write: part of the block may have gone out, and no page may
   // follow it as if it were the first.
   req->responseStarted = 1;
@@ -88,6 +88,7 @@ static Next onPutClient(Conversation* talk) {
   req->lastError = EVESK_CLIENT_DOWN;
   // Also when the writes to come go well again: the response lacks this block.
   req->outcome.kind = kOutcomeBroken;
+  req->clientWriteFailures += body.blocks - 1;
   const bool givenUp = req->clientWriteFailures >= kMaxClientWriteFailures;
   return givenUp ? Next::abort : Next::readCommand;
 }

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "context/memory.h"
+#include "context/read_ahead.h"
 #include "context/request_block.h"
 #include "context/text.h"
 
@@ -64,10 +65,21 @@ std::int32_t sendBytes(vesk_request* req, const char* buffer, std::int32_t lengt
   return sent == length ? sent : -1;
 }
 
+// Takes an element that is there already, as most are: as readFully, without a call.
+static inline bool takeBytes(vesk_request* req, char* buffer, std::int32_t length,
+                             std::int32_t sock) {
+  const char* here = takeAhead(req, sock, length);
+  if (!here) return false;
+  std::memcpy(buffer, here, static_cast<std::size_t>(length));
+  req->lastError = 0;
+  req->trace(req, "read/len/total %d/%d/%d", length, length, length);
+  return true;
+}
+
 // The operation gives all that was asked for, or the end of the stream; the loop is for
 // operations that a test, or another transport, puts in its place.
-std::int32_t readFully(vesk_request* req, char* buffer, std::int32_t length,
-                       std::int32_t sock, veskProxy* proxy) {
+std::int32_t receiveFully(vesk_request* req, char* buffer, std::int32_t length,
+                          std::int32_t sock, veskProxy* proxy) {
   std::int32_t total = 0;
   std::int32_t result = 1;
   while (total < length && result > 0) {
@@ -85,6 +97,12 @@ std::int32_t readFully(vesk_request* req, char* buffer, std::int32_t length,
   return -1;
 }
 
+std::int32_t readFully(vesk_request* req, char* buffer, std::int32_t length,
+                       std::int32_t sock, veskProxy* proxy) {
+  if (length > 0 && takeBytes(req, buffer, length, sock)) return 0;
+  return receiveFully(req, buffer, length, sock, proxy);
+}
+
 std::int32_t readWord(vesk_request* req, std::int32_t sock, veskProxy* proxy,
                       std::int32_t* out) {
   char bytes[kWordSize];
@@ -93,24 +111,38 @@ std::int32_t readWord(vesk_request* req, std::int32_t sock, veskProxy* proxy,
   return 0;
 }
 
-char* readData(std::int32_t sock, vesk_request* req, std::int32_t* outLength,
-               veskProxy* proxy) {
-  std::int32_t length = 0;
-  if (readWord(req, sock, proxy, &length) < 0) return nullptr;
-  // lastError stays 0: it was no failure of the line, and the page says "protocol error".
-  if (length < 0) return nullptr;
+// The length of a string or block: 0, or -1. A negative one fails with lastError at 0: it
+// was no failure of the line, and the page says "protocol error".
+static std::int32_t readLength(std::int32_t sock, vesk_request* req, veskProxy* proxy,
+                               std::int32_t* length) {
+  if (readWord(req, sock, proxy, length) < 0) return -1;
+  return *length < 0 ? -1 : 0;
+}
 
-  RequestBlock data{req, newBlock(req, std::int64_t{length} + 1)};
-  if (!data.bytes) {
+char* readDataInto(std::int32_t sock, vesk_request* req, std::int32_t* outLength,
+                   veskProxy* proxy, char* room, std::int32_t roomSize) {
+  std::int32_t length = 0;
+  if (readLength(sock, req, proxy, &length) < 0) return nullptr;
+
+  const bool fits = length < roomSize;
+  RequestBlock data{req, fits ? nullptr : newBlock(req, std::int64_t{length} + 1)};
+  char* bytes = fits ? room : data.bytes;
+  if (!bytes) {
     req->lastError = ENOBUFS;
     return nullptr;
   }
-  if (readFully(req, data.bytes, length, sock, proxy) < 0) return nullptr;
+  if (readFully(req, bytes, length, sock, proxy) < 0) return nullptr;
 
   // Texts of the protocol have no NUL of their own, and every user takes them as C texts.
-  data.bytes[length] = '\0';
+  bytes[length] = '\0';
   if (outLength) *outLength = length;
-  return data.handOn();
+  (void)data.handOn();
+  return bytes;
+}
+
+char* readData(std::int32_t sock, vesk_request* req, std::int32_t* outLength,
+               veskProxy* proxy) {
+  return readDataInto(sock, req, outLength, proxy, nullptr, 0);
 }
 
 // In one piece: a length without its bytes would cost the server a second read.

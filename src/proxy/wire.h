@@ -80,6 +80,11 @@ void putWord(char* at, std::int32_t word);
 [[nodiscard]] std::int32_t readFully(vesk_request* req, char* buffer, std::int32_t length,
                                      std::int32_t sock, veskProxy* proxy);
 
+// The same by the operation alone, where what waits in the read-ahead is not meant.
+[[nodiscard]] std::int32_t receiveFully(vesk_request* req, char* buffer,
+                                        std::int32_t length, std::int32_t sock,
+                                        veskProxy* proxy);
+
 // Reads one word: 0, or -1 as readFully; then `out` is unchanged.
 [[nodiscard]] std::int32_t readWord(vesk_request* req, std::int32_t sock,
                                     veskProxy* proxy, std::int32_t* out);
@@ -89,6 +94,12 @@ void putWord(char* at, std::int32_t word);
 // ENOBUFS without memory, unchanged after a negative length.
 [[nodiscard]] char* readData(std::int32_t sock, vesk_request* req,
                              std::int32_t* outLength, veskProxy* proxy);
+
+// The same without an allocation for what fits into `room` with its NUL: the result is
+// `room` then, and else to be given back as above.
+[[nodiscard]] char* readDataInto(std::int32_t sock, vesk_request* req,
+                                 std::int32_t* outLength, veskProxy* proxy, char* room,
+                                 std::int32_t roomSize);
 
 // Sends `text` as one string in one piece; null goes out as length 0. 0 or -1;
 // lastError is unchanged when memory runs out.

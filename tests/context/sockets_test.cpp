@@ -340,10 +340,10 @@ TEST_F(Sockets, whatIsReadAheadWaitsForItsReader) {
 TEST_F(Sockets, longReadGoesStraightToItsBuffer) {
   veskReadAhead ahead;
   startReadAhead(t.req, &ahead);
-  const std::string sent(3 * sizeof ahead.bytes / 2, 'x');
+  const std::string sent(3 * sizeof ahead.first / 2, 'x');
   std::string got(sent.size() + 1, '-');
   EXPECT_EQ(write(pair[1], sent.data(), sent.size()), static_cast<int>(sent.size()));
-  const auto most = static_cast<std::int32_t>(sizeof ahead.bytes);
+  const auto most = static_cast<std::int32_t>(sizeof ahead.first);
   EXPECT_EQ(veskRecv(t.req, pair[0], got.data(), most, nullptr), most);
   EXPECT_EQ(countReadAhead(t.req), 0);
   EXPECT_EQ(veskRecv(t.req, pair[0], got.data() + most, most / 2, nullptr), most / 2);
