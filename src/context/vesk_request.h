@@ -119,6 +119,9 @@ struct vesk_request {
   // freeHeader.
   const char* (*getHeader)(vesk_request* req, const char* name);
   void (*freeHeader)(vesk_request* req, const char* value);
+  // The values of the variables that every frame carries, all at once; each is given back
+  // as above. Null: getHeader is asked for each.
+  void (*getVariables)(vesk_request* req, const char** values);
   // File path of a URI: a copy to release with `free`, or null.
   char* (*getRealPath)(vesk_request* req, const char* uri);
   // Reads at most `length` body bytes: the count, 0 at the end, -1 once when the

@@ -2,7 +2,8 @@
 
 #include <arpa/inet.h>
 
-#include <cstdio>
+#include <algorithm>
+#include <charconv>
 #include <cstring>
 
 #include "context/request_setup.h"
@@ -27,15 +28,18 @@ static int clientPort(Session* sn) {
 // The prefix ties the lines of one request together, also over its two stages: each
 // builds its own record, but the client's port is the same.
 static void setLogPrefix(vesk_request* req, Session* sn) {
-  if (sn)
-    (void)std::snprintf(req->logPrefix, sizeof req->logPrefix, "veskNSAPI[%d] ",
-                        clientPort(sn));
-  else
-    (void)std::snprintf(req->logPrefix, sizeof req->logPrefix, "veskNSAPI[init] ");
+  constexpr char kBegin[] = "veskNSAPI[";
+  constexpr std::size_t kLength = sizeof kBegin - 1;
+  std::memcpy(req->logPrefix, kBegin, kLength);
+  char* at = req->logPrefix + kLength;
+  char* end = req->logPrefix + sizeof req->logPrefix;
+  at = sn ? std::to_chars(at, end, clientPort(sn)).ptr : std::copy_n("init", 4, at);
+  std::memcpy(at, "] ", sizeof "] ");
 }
 
 static void installHostOperations(vesk_request* req) {
   req->getHeader = getHeader;
+  req->getVariables = getVariables;
   req->getRealPath = getRealPath;
   req->getPostData = getPostData;
   req->setStatus = setStatus;

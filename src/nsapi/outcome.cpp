@@ -2,8 +2,7 @@
 
 #include <nsapi.h>
 
-#include <cinttypes>
-#include <cstdio>
+#include <charconv>
 #include <iterator>
 
 #include "nsapi/host_objects.h"
@@ -17,6 +16,12 @@ static void leave(pblock* vars, const char* name, const char* value) {
   if (*value) (void)pblock_nvinsert(name, value, vars);
 }
 
+static void leaveNumber(pblock* vars, const char* name, std::int64_t value) {
+  char text[24];
+  *std::to_chars(text, text + sizeof text - 1, value).ptr = '\0';
+  leave(vars, name, text);
+}
+
 void leaveOutcome(const vesk_request* req) {
   const veskOutcome& outcome = req->outcome;
   pblock* vars = requestOf(req)->vars;
@@ -27,9 +32,6 @@ void leaveOutcome(const vesk_request* req) {
   leave(vars, "vesk-server", outcome.server);
   leave(vars, "vesk-state", outcome.state);
   // As text, since the API's own numbers are ints, and microseconds soon are more.
-  char number[24];
-  (void)std::snprintf(number, sizeof number, "%" PRId32, outcome.attempts);
-  leave(vars, "vesk-attempts", number);
-  (void)std::snprintf(number, sizeof number, "%" PRId64, outcome.micros);
-  leave(vars, "vesk-time", number);
+  leaveNumber(vars, "vesk-attempts", outcome.attempts);
+  leaveNumber(vars, "vesk-time", outcome.micros);
 }

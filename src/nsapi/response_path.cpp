@@ -135,9 +135,10 @@ static constexpr HeaderRow kHeaderRows[] = {
 
 void addHeader(vesk_request* req, const char* name, const char* value) {
   HeaderTreatment treat = replaceOther;
-  // In any case, for a server writes names as it likes.
+  // In any case, for a server writes names as it likes; the first letter rules most out.
+  const char first = static_cast<char>(std::tolower(static_cast<unsigned char>(*name)));
   for (const HeaderRow& row : kHeaderRows) {
-    if (strcasecmp(row.name, name) == 0) treat = row.treat;
+    if (*row.name == first && strcasecmp(row.name, name) == 0) treat = row.treat;
   }
   treat(req, name, value);
 }

@@ -57,11 +57,14 @@ static std::int64_t attributesSize(const RequestItems& items) {
 
 static std::int64_t fetchVariables(RequestItems* items) {
   vesk_request* req = items->req;
-  std::int64_t total = 0;
-  for (std::int32_t i = 0; i < kVariableCount; ++i) {
-    items->variables[i] = req->getHeader(req, VARIABLE_NAMES[i].name);
-    total += kOneStringItem + textLength(items->variables[i]);
+  if (req->getVariables) {
+    req->getVariables(req, items->variables);
+  } else {
+    for (std::int32_t i = 0; i < kVariableCount; ++i)
+      items->variables[i] = req->getHeader(req, VARIABLE_NAMES[i].name);
   }
+  std::int64_t total = 0;
+  for (const char* value : items->variables) total += kOneStringItem + textLength(value);
   return total;
 }
 
