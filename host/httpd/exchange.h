@@ -49,6 +49,7 @@ class HttpdExchange final : public Exchange {
   [[nodiscard]] bool fetchBody(int size);
   [[nodiscard]] bool pass();
   void putBreak();
+  void sendAway();
 
   request_rec* r_;
   apr_bucket_brigade* body_;  // read and not yet taken; null: nothing was read

@@ -7,6 +7,8 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <cstring>
 #include <iterator>
 
 #include "httpd/mod_nsapi.h"
@@ -51,10 +53,13 @@ static void putHeader(request_rec* r, const pb_param* param, std::int64_t* lengt
   }
 }
 
+// httpd's own line serves where it says the same.
 static void putStatus(request_rec* r, int status, const char* reason) {
+  if (!reason) reason = usualReason(status);
+  const char* usual = ap_get_status_line(status);
+  const bool same = std::atoi(usual) == status && std::strcmp(usual + 4, reason) == 0;
   r->status = status;
-  r->status_line =
-      apr_psprintf(r->pool, "%d %s", status, reason ? reason : usualReason(status));
+  r->status_line = same ? usual : apr_psprintf(r->pool, "%d %s", status, reason);
 }
 
 std::int64_t putHead(request_rec* r, const HostRequest* request) {
