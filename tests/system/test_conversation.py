@@ -69,6 +69,41 @@ def test_blocks_reach_the_browser_as_they_come(played, length):
             seen.set()
 
 
+def test_whole_blocks_leave_wherever_the_server_pauses(played):
+    """Blocks of all sizes, and a pause around the end of each: what is whole by then is
+    with the browser, and nothing else."""
+    sizes = (5, 300, 8192, 8192, 20000, 1, 70000, 12)
+    blocks = [bytes([97 + number]) * size for number, size in enumerate(sizes)]
+    body, seen = b"".join(blocks), threading.Event()
+    answer = wire.status(200) + wire.header("content-length", str(len(body)))
+    pauses = {}  # how far the server goes, and what of the body is whole by then
+    whole = 0
+    for block in blocks:
+        answer += wire.client(block)
+        pauses |= {len(answer) - 1: whole, len(answer) - 2 * len(block) // 3: whole}
+        whole += len(block)
+        pauses |= {len(answer) + behind: whole for behind in (0, 3, 4, 7, 8)}
+    answer += word(wire.FINISH)
+
+    def serve(peer, uri):
+        pause = int(uri.rpartition("/")[2])
+        peer.send(answer[:pause])
+        assert seen.wait(20)
+        seen.clear()
+        peer.send(answer[pause:])
+    with play(played, serve).connect() as browser:
+        for pause, whole in sorted(pauses.items()):
+            browser.ask("GET", f"/demo/{pause}")
+            received = b""
+            while len(received.partition(b"\r\n\r\n")[2]) < whole:
+                received += browser.some() or pytest.fail("broke off")
+            assert len(received.partition(b"\r\n\r\n")[2]) == whole, pause
+            seen.set()
+            while len(received.partition(b"\r\n\r\n")[2]) < len(body):
+                received += browser.some() or pytest.fail("broke off")
+            assert received.partition(b"\r\n\r\n")[2] == body, pause
+
+
 def test_browser_that_leaves_ends_the_answer_and_nothing_else(played):
     ended = []
 
