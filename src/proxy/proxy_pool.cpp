@@ -131,17 +131,25 @@ static VeskConnection* cutAgedLocked(vesk_request* req, veskProxy* proxy) {
   return aged;
 }
 
+static bool agesConnections(const vesk_request* req) {
+  return guarded(req, Guard::idle) && veskIdleTimeout != 0;
+}
+
+static void closeAged(vesk_request* req, veskProxy* proxy, VeskConnection* aged) {
+  if (!aged) return;
+  req->traceE(req, kTraceDetail, "%s closing connections idle for %d secs", proxy->name,
+              veskIdleTimeout);
+  closeList(req, aged);
+}
+
 void closeAgedConnections(vesk_request* req, veskProxy* proxy) {
-  if (!guarded(req, Guard::idle) || veskIdleTimeout == 0 || !proxy->pool) return;
+  if (!agesConnections(req) || !proxy->pool) return;
   VeskConnection* aged = nullptr;
   {
     const SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
     aged = cutAgedLocked(req, proxy);
   }
-  if (!aged) return;
-  req->traceE(req, kTraceDetail, "%s closing connections idle for %d secs", proxy->name,
-              veskIdleTimeout);
-  closeList(req, aged);
+  closeAged(req, proxy, aged);
 }
 
 VeskConnection* getVeskConnectionFromPool(veskProxy* proxy, vesk_request* req) {
@@ -152,15 +160,16 @@ VeskConnection* getVeskConnectionFromPool(veskProxy* proxy, vesk_request* req) {
     req->lastError = ETIMEDOUT;
     return nullptr;
   }
-  closeAgedConnections(req, proxy);
-
+  VeskConnection* aged = nullptr;
   VeskConnection* idle = nullptr;
   bool deferred = false;
   {
     SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
+    if (agesConnections(req)) aged = cutAgedLocked(req, proxy);
     idle = takeIdleLocked(proxy);
     if (!idle) deferred = isConnectDeferredLocked(req, proxy);
   }
+  closeAged(req, proxy, aged);
   if (deferred) return nullptr;
   if (!idle) return connectNew(req, proxy);
 
