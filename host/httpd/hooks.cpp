@@ -1,6 +1,7 @@
 // The hooks of a request: which stages run where in httpd's own order.
 //
 //   translate_name   NameTrans   in place of DocumentRoot
+//   map_to_storage   none        where URIs name no files, httpd looks for none
 //   fixups           ObjectType  after httpd's access control: what it allowed
 //                                is what the plug-in sees
 //   handler          Service     for what the stage before has claimed
@@ -15,6 +16,7 @@
 #include "httpd/child.h"
 #include "httpd/config.h"
 #include "httpd/mod_nsapi.h"
+#include "httpd/place.h"
 #include "httpd/request.h"
 #include "httpd/response.h"
 #include "layer/judge.h"
@@ -25,9 +27,10 @@ namespace host {
 
 constexpr char kHandler[] = "nsapi";
 
+// Null where the place is httpd's alone.
 static const Stages* stagesOf(request_rec* r) {
   const ServerConfig* config = configOf(r->server);
-  return config ? config->stages : nullptr;
+  return config && engineRuns(r) ? config->stages : nullptr;
 }
 
 // The page about a failure is httpd's own; what it takes from the plug-in is put
@@ -165,6 +168,17 @@ int nsapiTranslate(request_rec* r) {
 
 int nsapiEndTranslation(request_rec*) {
   return host::isTranslating() ? DONE : DECLINED;
+}
+
+// httpd has taken the place's settings away before it looks for files, and brings them
+// back behind that.
+int nsapiSkipWalk(request_rec* r) {
+  if (!host::anyPlaceWithoutFiles() || r->proxyreq) return DECLINED;
+  const int status = ap_location_walk(r);
+  if (status != OK) return status;
+  if (host::stagesOf(r) && !host::namesFiles(r)) return OK;
+  r->per_dir_config = r->server->lookup_defaults;
+  return DECLINED;
 }
 
 int nsapiType(request_rec* r) {

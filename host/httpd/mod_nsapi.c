@@ -18,6 +18,11 @@ static const command_rec directives[] = {
     AP_INIT_FLAG("NSAPIClientNames", nsapiClientNames, NULL, RSRC_CONF,
                  "On lets headers through whose names mean the web server's own words, "
                  "such as Auth-User; Off, the default, leaves them out"),
+    AP_INIT_FLAG("NSAPIEngine", nsapiEngine, NULL, RSRC_CONF | ACCESS_CONF,
+                 "Off has the plug-ins leave what lies here to httpd; On is the default"),
+    AP_INIT_FLAG("NSAPIFiles", nsapiFiles, NULL, RSRC_CONF | ACCESS_CONF,
+                 "Off says that no URI here names a file, so that httpd looks for none "
+                 "and <Location> alone protects; On is the default"),
     {NULL, {NULL}, NULL, 0, RAW_ARGS, NULL}};
 
 /* An index file is looked for by mod_dir, whose fixups run among the last. */
@@ -26,14 +31,15 @@ static void registerHooks(apr_pool_t* pool) {
   ap_hook_child_init(nsapiStartChild, NULL, NULL, APR_HOOK_MIDDLE);
   ap_hook_translate_name(nsapiTranslate, NULL, NULL, APR_HOOK_LAST);
   ap_hook_map_to_storage(nsapiEndTranslation, NULL, NULL, APR_HOOK_REALLY_FIRST);
+  ap_hook_map_to_storage(nsapiSkipWalk, NULL, NULL, APR_HOOK_LAST);
   ap_hook_fixups(nsapiType, NULL, NULL, APR_HOOK_MIDDLE);
   ap_hook_fixups(nsapiTypeFolder, NULL, NULL, APR_HOOK_REALLY_LAST);
   ap_hook_handler(nsapiServe, NULL, NULL, APR_HOOK_FIRST);
 }
 
 module AP_MODULE_DECLARE_DATA nsapi_module = {STANDARD20_MODULE_STUFF,
-                                              NULL, /* nothing per folder */
-                                              NULL, /* and nothing to merge there */
+                                              nsapiCreatePlace,
+                                              nsapiMergePlaces,
                                               nsapiCreateServer,
                                               nsapiMergeServers,
                                               directives,

@@ -32,6 +32,12 @@ const char* nsapiService(cmd_parms* cmd, void* unused, const char* text);
 /* NSAPIClientNames. */
 const char* nsapiClientNames(cmd_parms* cmd, void* unused, int on);
 
+/* NSAPIEngine, NSAPIFiles: of the server, or of a place in it. */
+void* nsapiCreatePlace(apr_pool_t* pool, char* folder);
+void* nsapiMergePlaces(apr_pool_t* pool, void* outer, void* own);
+const char* nsapiEngine(cmd_parms* cmd, void* place, int on);
+const char* nsapiFiles(cmd_parms* cmd, void* place, int on);
+
 /* Runs the Init functions in a new child process; the restart callbacks run
  * when `pool` goes, after the child's worker threads have ended. */
 void nsapiStartChild(apr_pool_t* pool, server_rec* server);
@@ -41,6 +47,9 @@ int nsapiTranslate(request_rec* r);
 
 /* Ends a sub-request that was made to translate a URI, once that is done. */
 int nsapiEndTranslation(request_rec* r);
+
+/* Spares a request whose URI names no file the look for one. */
+int nsapiSkipWalk(request_rec* r);
 
 /* Run the ObjectType functions, and claim what a Service line takes: all but
  * folders before httpd looks for an index file, and folders after it. */

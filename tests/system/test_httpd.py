@@ -34,6 +34,7 @@ BROKEN = [
     ('NSAPIInit fn="veskinit"',
      '"veskinit" runs once in a process, and stands in {folder}/host.conf:'),
     ('NSAPINameTrans fn="document-root" root="nowhere"', 'root "{folder}/nowhere" is not a folder'),
+    ('<Directory "/x">\nNSAPIFiles Off\n</Directory>', "NSAPIFiles cannot occur within <Directory> section"),
     ('<Location "/x">\nNSAPIObjectType fn="veskfilter"\n</Location>',
      "not allowed in <Location> context"),
 ]
@@ -134,6 +135,39 @@ def test_paths_and_headers_are_those_of_httpd(site):
         f"{site.folder}/elsewhere/a%20b?c", f"{site.folder}/elsewhere/", ""]
     assert ["x-set", "late"] in host.fetch("/demo/late/snoop").json()["headers"]
     assert host.fetch("/demo").status != 301  # no way round by httpd's folder
+
+
+PLACES = """<Location "/demo">
+NSAPIFiles Off
+</Location>
+<Location "/demo/static">
+NSAPIEngine Off
+NSAPIFiles On
+</Location>
+<Location "/demo/shut">
+Require all denied
+</Location>
+<Directory "{folder}/htdocs/demo/folder">
+Require all denied
+</Directory>"""
+
+
+def test_places_may_be_httpds_alone_or_without_files(site):
+    for folder in ("static", "folder"):
+        (site.folder / "htdocs" / "demo" / folder).mkdir(parents=True)
+        (site.folder / "htdocs" / "demo" / folder / "a.txt").write_text("file")
+    backend, long = site.backend(), "/demo/" + "x" * 300
+    plain = start(site, extra=PLACES.replace("NSAPIFiles Off", ""), backend=backend)
+    seen = {target: plain.fetch(target).status for target in (long, "/demo/folder/snoop")}
+    assert seen == {long: 403, "/demo/folder/snoop": 403}
+    plain.stop()
+    host = start(site, extra=PLACES, backend=backend)
+    assert host.fetch("/demo/snoop").json()["variables"]["SCRIPT_NAME"] == "/demo/snoop"
+    assert host.fetch("/demo/static/a.txt").body == b"file"
+    assert host.fetch("/demo/static/none").status == 404
+    assert host.fetch("/demo/shut/snoop").status == 403
+    for target in (long, "/demo/folder/a.txt"):  # a server's pages, and no file
+        assert b"file" != host.fetch(target).body and host.fetch(target).status != 403
 
 
 def test_body_limit_is_httpds(site):
