@@ -31,7 +31,7 @@ DefaultRuntimeDir "$dir"
 TypesConfig mime.types
 AddType text/html .html
 ErrorLog error.log
-ServerLimit 1
+ServerLimit 4
 StartServers 1
 ThreadsPerChild 64
 MaxRequestWorkers 64

@@ -72,7 +72,7 @@ Listen 127.0.0.1:{port}
 PidFile {self.name}.pid
 DefaultRuntimeDir "{self.folder}"
 {self.load_lines()}
-ServerLimit 1
+ServerLimit 4
 StartServers 1
 ThreadLimit 64
 ThreadsPerChild 64

@@ -7,9 +7,11 @@ import os
 import pathlib
 import signal
 import subprocess
+import threading
 
 import fake_server as wire
 import pytest
+from fake_server import word
 from httpd import HttpdHost
 from load import Load
 from processes import REDUCED, wait_until
@@ -306,6 +308,31 @@ def test_graceful_restart_loses_no_request(site):
             wait_until(lambda: load.served > served + 200 or load.faults, "it is served")
     assert load.faults == []
     assert sum("Vesk 4.0" in line for line in host.messages()) == 4
+
+
+def test_site_is_served_while_a_child_ends_its_requests(site):
+    released = threading.Event()
+
+    def serve(peer, uri):
+        if uri == "/demo/slow":
+            peer.send(wire.status(200), wire.client(b"begun"))
+            released.wait(60)
+            peer.send(wire.client(b" ended"), word(wire.FINISH))
+        else:
+            peer.send(wire.page(b"fake"))
+    server = site.fake(serve)
+    host = start(site, backend=server)
+    with host.connect() as browser:
+        browser.ask("GET", "/demo/slow")
+        begun = browser.some()
+        for _ in range(2):
+            known = set(host.children())
+            host.signal(signal.SIGUSR1)
+            wait_until(lambda: set(host.children()) - known, "a new child has begun", 10)
+            assert host.fetch("/demo/quick").body == b"fake"
+        released.set()
+        while b" ended" not in begun:
+            begun += browser.some() or pytest.fail("broke off")
 
 
 @pytest.mark.parametrize("number", [signal.SIGUSR1, signal.SIGHUP])
