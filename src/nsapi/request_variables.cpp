@@ -127,29 +127,27 @@ static constexpr std::uint64_t markOf(const char* name) {
   return std::uint64_t{1} << ((first * 256U + second) * kScatter >> 26U);
 }
 
-// The marks of all names in the blocks. Of a request that asks for many names, most of
-// which are not there; the blocks must stay as they are meanwhile.
+// The marks of all names in each of the blocks. For a request that asks for many names,
+// most of which are not there; the blocks must stay as they are meanwhile.
 struct KnownNames {
-  std::uint64_t marks;
-
-  [[nodiscard]] bool mayHold(const char* name) const {
-    return (marks & markOf(name)) != 0;
-  }
+  std::uint64_t reqpb;
+  std::uint64_t vars;
+  std::uint64_t client;
+  std::uint64_t headers;
 };
-constexpr KnownNames kAnyName = {UINT64_MAX};
+constexpr KnownNames kAnyName = {UINT64_MAX, UINT64_MAX, UINT64_MAX, UINT64_MAX};
 
-static void collectNames(const pblock* block, KnownNames* known) {
+static std::uint64_t marksOf(const pblock* block) {
   BlockWalk walk{block, 0, nullptr};
-  while (const pb_param* param = nextParameter(&walk))
-    known->marks |= markOf(param->name);
+  std::uint64_t marks = 0;
+  while (const pb_param* param = nextParameter(&walk)) marks |= markOf(param->name);
+  return marks;
 }
 
 static KnownNames knownNamesOf(const vesk_request* req) {
   const Request* rq = requestOf(req);
-  KnownNames known{0};
-  for (const pblock* block : {rq->reqpb, rq->vars, sessionOf(req)->client, rq->headers})
-    collectNames(block, &known);
-  return known;
+  return {marksOf(rq->reqpb), marksOf(rq->vars), marksOf(sessionOf(req)->client),
+          marksOf(rq->headers)};
 }
 
 // A variable, and what the host calls the same thing. A server knows requests as CGI
@@ -233,13 +231,14 @@ static bool isVariableSpelling(std::string_view name) {
                       [](char c) { return c == '-' || (c >= 'a' && c <= 'z'); });
 }
 
-// An empty value counts as none, so that it can't hide one further on.
+// An empty value counts as none, so that it can't hide one further on. What the trace
+// line shows is made out only where somebody reads it.
 static const char* searchBlock(vesk_request* req, const char* name, pblock* block,
                                const char* label) {
   const char* value = block ? pblock_findval(name, block) : nullptr;
   if (!value || !*value) return nullptr;
-  req->trace(req, "   %.100s: %.200s [Found in: %s]", name, shownValue(req, name, value),
-             label);
+  const char* shown = veskNSAPIVerbose ? shownValue(req, name, value) : value;
+  req->trace(req, "   %.100s: %.200s [Found in: %s]", name, shown, label);
   return value;
 }
 
@@ -248,14 +247,14 @@ static const char* searchBlock(vesk_request* req, const char* name, pblock* bloc
 static const char* searchBlocks(vesk_request* req, const char* name, Source source,
                                 const KnownNames& known = kAnyName) {
   const Request* rq = requestOf(req);
+  const std::uint64_t mark = markOf(name);
   const char* value = nullptr;
-  if (known.mayHold(name)) {
-    value = searchBlock(req, name, rq->reqpb, "rq->reqpb");
-    if (!value) value = searchBlock(req, name, rq->vars, "rq->vars");
-    if (!value) value = searchBlock(req, name, sessionOf(req)->client, "sn->client");
-    if (!value && source != Source::host)
-      value = searchBlock(req, name, rq->headers, "rq->headers");
-  }
+  if (known.reqpb & mark) value = searchBlock(req, name, rq->reqpb, "rq->reqpb");
+  if (!value && known.vars & mark) value = searchBlock(req, name, rq->vars, "rq->vars");
+  if (!value && known.client & mark)
+    value = searchBlock(req, name, sessionOf(req)->client, "sn->client");
+  if (!value && known.headers & mark && source != Source::host)
+    value = searchBlock(req, name, rq->headers, "rq->headers");
   if (!value) req->trace(req, "   %.100s: [not found]", name);
   return value;
 }
