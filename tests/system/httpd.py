@@ -51,16 +51,17 @@ class HttpdHost(Host):
         return self.said("resuming normal operations")
 
     def load_lines(self):
-        lines = [f"LoadModule {name}_module {MODULES}/mod_{name}.so"
-                 for name in (*LOADED, *self.modules)]
-        return "\n".join([*lines, f"LoadModule nsapi_module {BUILD}/lib/mod_nsapi.so"])
+        return "\n".join(f"LoadModule {name}_module {MODULES}/mod_{name}.so"
+                         for name in (*LOADED, *self.modules))
 
     def plugin_lines(self):
         stages = "\n".join(f"NSAPI{line}" for line in self.stages)
-        return f"""NSAPIInit fn="load-modules" shlib="{BUILD}/lib/veskconnector.so" \\
+        return f"""LoadModule nsapi_module {BUILD}/lib/mod_nsapi.so
+NSAPIInit fn="load-modules" shlib="{BUILD}/lib/veskconnector.so" \\
   funcs="veskinit,veskfilter,veskservice"
 NSAPIInit {self.init_line()}
-{stages}"""
+{stages}
+NSAPIClientNames {"on" if self.client_names else "off"}"""
 
     def configuration(self):
         port = self.address[1]
@@ -90,7 +91,6 @@ DirectoryIndex index.html index.jsp
 Require all granted
 </Directory>
 {self.plugin_lines()}
-NSAPIClientNames {"on" if self.client_names else "off"}
 {self.extra.format(port=port, build=BUILD, folder=self.folder)}
 """
 

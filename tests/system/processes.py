@@ -156,7 +156,7 @@ Listen 127.0.0.1:0
 ServerName localhost
 DocumentRoot htdocs
 DirectoryIndex index.html index.jsp
-Threads 32
+Threads {self.threads}
 ClientNames {"on" if self.client_names else "off"}
 ErrorLog {self.name}.log
 Init fn="load-modules" shlib="{BUILD}/lib/veskconnector.so"
