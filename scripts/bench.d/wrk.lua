@@ -1,0 +1,8 @@
+-- Prints what wrk has found as one line of JSON. Without other functions wrk runs at its fastest.
+done = function(summary, latency)
+  local errors = summary.errors
+  io.write(string.format(
+    'RESULT {"requests": %d, "seconds": %f, "p50": %f, "p99": %f, "errors": %d}\n',
+    summary.requests, summary.duration / 1e6, latency:percentile(50), latency:percentile(99),
+    errors.connect + errors.read + errors.write + errors.status + errors.timeout))
+end
