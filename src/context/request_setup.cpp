@@ -55,6 +55,10 @@ static void veskTraceENoop(vesk_request* /*req*/, std::uint64_t /*flags*/,
                            const char* /*format*/, ...) {}
 static void doTrace(vesk_request* /*req*/, const char* /*format*/, ...) {}
 
+bool isTraced(const vesk_request* req) {
+  return req->trace != veskTraceNoop;
+}
+
 static void installAttributeOperations(vesk_request* req) {
   req->getAttribute = getAttribute;
   req->getAttributeSize = getAttributeSize;

@@ -13,6 +13,10 @@
 // operations stay null and logging stays silent.
 void init_vesk_request(vesk_request* req);
 
+// Whether a trace line goes anywhere: what costs more than a call needn't be made out
+// for nobody.
+[[nodiscard]] bool isTraced(const vesk_request* req);
+
 // Clears the record and installs the plain-heap allocators, a silent log and a
 // silent trace: enough for the property functions. In such a record traceE and
 // all other operations are null.

@@ -4,6 +4,7 @@
 
 #include "context/memory.h"
 #include "context/request_block.h"
+#include "context/request_setup.h"
 #include "context/text.h"
 #include "context/vesk_mutex.h"
 #include "maptable/table_refresh.h"
@@ -85,20 +86,50 @@ static std::int32_t filterLocked(mappingsTable* table, vesk_request* req,
   return firstMatch(table, req, *subject);
 }
 
+// A request to be matched, with what of it is the web server's.
+struct FilterQuestion {
+  const char* path;
+  const char* stripped;  // null: the path has no parameters
+  const char* host;
+  bool hostKnown;  // `host` has been asked for, and is null only where there is none
+  std::uint32_t honourIgnoreSuffix;
+};
+
+// False when a mapping is for one host, and the request's isn't known: those mappings
+// come first in matching order.
+static bool tryFilter(mappingsTable* table, vesk_request* req,
+                      const FilterQuestion& question, std::int32_t* index) {
+  MatchSubject subject =
+      makeSubject(req, question.path, question.stripped, question.host);
+  const SyncGuard guard(req, &table->tableMutex, &table->tableMutexHeld);
+  const bool hosts = table->mappings->count > 0 && table->patterns[0].hasHost != 0;
+  if (hosts && !question.hostKnown) return false;
+  *index = filterLocked(table, req, &subject, question.honourIgnoreSuffix);
+  return true;
+}
+
+// Without the lock: the host may take its time over a header. That takes longer than to
+// match a dozen mappings, so nobody asks who needs no answer.
+static void fetchHost(vesk_request* req, FilterQuestion* question) {
+  question->host = req->getHeader(req, "HOST");
+  question->hostKnown = true;
+}
+
 std::int32_t filterRequest(mappingsTable* table, vesk_request* req,
                            std::uint32_t honourIgnoreSuffix) {
   const char* path = req->path ? req->path : req->uri;
   if (!path) path = "";
   const RequestBlock stripped{req, removePathParms(req, path)};
-  // Fetched before the lock: the host may take its time over a header.
-  const char* host = req->getHeader(req, "HOST");
-  MatchSubject subject = makeSubject(req, path, stripped.bytes, host);
+  FilterQuestion question = {path, stripped.bytes, nullptr, false, honourIgnoreSuffix};
+  // A refresh within, which only a table without a thread makes, may bring the first
+  // mapping that is for one host.
+  if (isTraced(req) || !table->queue) fetchHost(req, &question);
   std::int32_t index = kNoMapping;
-  {
-    const SyncGuard guard(req, &table->tableMutex, &table->tableMutexHeld);
-    index = filterLocked(table, req, &subject, honourIgnoreSuffix);
+  if (!tryFilter(table, req, question, &index)) {
+    fetchHost(req, &question);
+    (void)tryFilter(table, req, question, &index);
   }
-  if (host) req->freeHeader(req, host);
+  if (question.host) req->freeHeader(req, question.host);
   if (index < 0) req->trace(req, "filterRequest:   no match");
   return index;
 }

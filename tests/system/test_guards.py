@@ -63,6 +63,16 @@ def test_secrets_stay_out_of_the_log(site, guards):
 
 
 @both
+def test_mapping_for_one_host_takes_its_requests_alone(site, guards):
+    server = site.fake(mappings=[("//shop.example/only/*", "one"), ("/demo/*", "demo")])
+    host = site.host(server, guards=guards)
+    asked = [("/only/x", "shop.example"), ("/only/x", "SHOP.example"), ("/only/x", "other"),
+             ("/demo/x", "other")]
+    found = [host.fetch(target, headers=[("Host", name)]).status for target, name in asked]
+    assert found == [200, 200, 404, 200]
+
+
+@both
 def test_answer_that_breaks_off_is_seen_as_broken(site, guards):
     host = site.host(site.backend(), guards=guards)
     for target, follows in (("die?at=body", "<H2>"), ("die?at=zero", "<H2>")):
