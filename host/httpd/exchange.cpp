@@ -21,6 +21,9 @@
 
 namespace host {
 
+// Bytes that a socket takes at once, or has no room for because its browser doesn't read.
+constexpr int kSmallPiece = 16 << 10;
+
 static thread_local bool translating = false;
 
 bool isTranslating() {
@@ -115,7 +118,7 @@ bool HttpdExchange::pass() {
 // connection back and be woken again. On a busy machine the one who has to ask waits for
 // a processor, hence the yield; on any other it costs one call. On the connection's
 // filters, behind the end, since a filter that packs would put a mark of its own into the
-// response. What waits is small, for each block before it was flushed. A stream of HTTP/2
+// response. What waits must be small, since this write blocks. A stream of HTTP/2
 // leaves by its connection's own rules, and a part of a page with that page.
 void HttpdExchange::sendAway() {
   conn_rec* connection = r_->connection;
@@ -143,7 +146,7 @@ int HttpdExchange::writeBody(const char* bytes, int size) {
       ended_ ? apr_bucket_eos_create(buckets) : apr_bucket_flush_create(buckets);
   APR_BRIGADE_INSERT_TAIL(out_, next);
   if (!pass()) return -1;
-  if (ended_) sendAway();
+  if (ended_ && size <= kSmallPiece) sendAway();
   return size;
 }
 

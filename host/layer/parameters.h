@@ -2,7 +2,8 @@
 //
 // A block has one bucket, and new entries go to its end: who walks the chains
 // finds the parameters in the order in which they came. A name may stand more
-// than once.
+// than once. Chains are for reading, and may be put in another order; who takes
+// entries out, or renames them, does it by the functions.
 //
 // Ownership: memory comes from the running request of the calling thread, or,
 // outside a request, from the heap until freeParameters.

@@ -12,7 +12,8 @@ void startReadAhead(vesk_request* req, veskReadAhead* ahead) {
   ahead->sock = -1;
   ahead->begin = ahead->end = 0;
   ahead->capacity = sizeof ahead->first;
-  ahead->quiet = 0;
+  ahead->quiet = -1;
+  ahead->mayGrow = 1;
   ahead->bytes = ahead->first;
   req->readAhead = ahead;
 }
@@ -47,9 +48,10 @@ static ssize_t give(veskReadAhead* ahead, void* buffer, std::size_t wanted) {
   return static_cast<ssize_t>(count);
 }
 
-// An answer that has filled the buffer is a large one. Nothing waits, so nothing needs to
-// move. Without memory the small buffer serves on.
+// An answer that has filled the buffer is a large one. Without memory the small buffer
+// serves on.
 static void grow(vesk_request* req, veskReadAhead* ahead) {
+  ahead->mayGrow = 0;
   auto* larger = static_cast<char*>(newBlock(req, kMostReadAhead));
   if (!larger) return;
   const auto waiting = static_cast<std::size_t>(ahead->end - ahead->begin);
@@ -82,7 +84,7 @@ ssize_t recvAhead(vesk_request* req, std::int32_t sock, void* buffer,
   // Much is better read where it belongs.
   if (waiting || wanted >= static_cast<std::size_t>(ahead->capacity))
     return recv(sock, buffer, wanted, 0);
-  if (ahead->end == ahead->capacity && ahead->bytes == ahead->first) grow(req, ahead);
+  if (ahead->end == ahead->capacity && ahead->mayGrow != 0) grow(req, ahead);
   ahead->begin = ahead->end = 0;
   const ssize_t result = fill(ahead, sock);
   return result <= 0 ? result : give(ahead, buffer, wanted);
@@ -94,7 +96,7 @@ bool makeRoomAhead(vesk_request* req, std::int32_t sock, std::int32_t count) {
   if (ahead->begin == ahead->end) ahead->begin = ahead->end = 0;
   if (count <= ahead->end - ahead->begin) return true;
   const bool large = ahead->end == ahead->capacity || count > ahead->capacity;
-  if (large && ahead->bytes == ahead->first) grow(req, ahead);
+  if (large && ahead->mayGrow != 0) grow(req, ahead);
   if (count > ahead->capacity) return false;
   // To the front, so that one read fetches as much as there is room for.
   const std::int32_t waiting = ahead->end - ahead->begin;

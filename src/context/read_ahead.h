@@ -25,9 +25,11 @@ struct veskReadAhead {
   std::int32_t begin;  // of the bytes that wait
   std::int32_t end;
   std::int32_t capacity;  // of `bytes`
-  // 1: something has just gone out, so that an answer can hardly be there yet.
+  // The socket on which something has just gone out, so that an answer can hardly be
+  // there yet; -1: none.
   std::int32_t quiet;
-  char* bytes;  // `first`, or a larger block that is owned
+  std::int32_t mayGrow;  // 0 once it has been tried
+  char* bytes;           // `first`, or a larger block that is owned
   char first[16 << 10];
 };
 

@@ -28,7 +28,7 @@ struct Readiness {
   short event;  // of poll
   const char* caller;
   const char* name;  // of the event
-  bool untried;      // nothing has looked for bytes yet: those that came still count
+  bool untried;      // nothing has looked for bytes yet: what came still counts
 };
 
 void initializeSocketTimeouts(vesk_request* /*req*/, std::int32_t* timeouts) {
@@ -207,6 +207,12 @@ static bool wantsMore(const Transfer* transfer) {
          (error == 0 || error == EINTR);
 }
 
+// Whether bytes, or an end that is no error, were there before the hang-up.
+static bool hasAnswer(std::int32_t sock) {
+  char byte = 0;
+  return recv(sock, &byte, 1, MSG_PEEK | MSG_DONTWAIT) >= 0;
+}
+
 // Waits until a socket is ready: 0, or the error, ETIMEDOUT when the limit of so many
 // milliseconds has passed.
 static std::int32_t awaitReady(vesk_request* req, std::int32_t sock,
@@ -218,8 +224,7 @@ static std::int32_t awaitReady(vesk_request* req, std::int32_t sock,
   // The hang-up is asked for before the event: a server that has left in the middle of a
   // conversation can't finish it, whatever bytes still wait.
   const bool hungUp = (wait.revents & POLLHUP) != 0;
-  const bool bytesCame = hungUp && ready.untried && veskPeek(req, sock) == kIdleBytes;
-  if (hungUp && !bytesCame) {
+  if (hungUp && !(ready.untried && hasAnswer(sock))) {
     req->trace(req, "%s: POLLHUP so ECONNRESET", ready.caller);
     return ECONNRESET;
   }
@@ -259,8 +264,8 @@ static std::int32_t awaitReadable(vesk_request* req, std::int32_t sock, veskProx
 // there at once: a look before the wait would be in vain.
 static bool isQuiet(vesk_request* req, std::int32_t sock) {
   veskReadAhead* ahead = req->readAhead;
-  const bool quiet = ahead && ahead->quiet != 0 && !peekAhead(req, sock, 1);
-  if (quiet) ahead->quiet = 0;
+  const bool quiet = ahead && ahead->quiet == sock && !peekAhead(req, sock, 1);
+  if (quiet) ahead->quiet = -1;
   return quiet;
 }
 
@@ -311,7 +316,7 @@ static std::int32_t sendPass(Transfer* transfer, const void* buffer) {
   if (result >= 0) {
     transfer->count += static_cast<std::int32_t>(result);
     transfer->req->bytesSent += result;
-    if (transfer->req->readAhead) transfer->req->readAhead->quiet = 1;
+    if (transfer->req->readAhead) transfer->req->readAhead->quiet = transfer->sock;
     return 0;
   }
   if (errno != EAGAIN) return errno;

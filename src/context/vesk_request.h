@@ -120,7 +120,7 @@ struct vesk_request {
   const char* (*getHeader)(vesk_request* req, const char* name);
   void (*freeHeader)(vesk_request* req, const char* value);
   // The values of the variables that every frame carries, all at once; each is given back
-  // as above. Null: getHeader is asked for each.
+  // as above. Null: getHeader is asked for each; whoever replaces that clears this.
   void (*getVariables)(vesk_request* req, const char** values);
   // File path of a URI: a copy to release with `free`, or null.
   char* (*getRealPath)(vesk_request* req, const char* uri);

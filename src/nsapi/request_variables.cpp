@@ -13,6 +13,7 @@
 #include "context/memory.h"
 #include "context/privacy.h"
 #include "context/request_block.h"
+#include "context/request_setup.h"
 #include "context/spelling.h"
 #include "context/text.h"
 #include "nsapi/host_memory.h"
@@ -237,7 +238,7 @@ static const char* searchBlock(vesk_request* req, const char* name, pblock* bloc
                                const char* label) {
   const char* value = block ? pblock_findval(name, block) : nullptr;
   if (!value || !*value) return nullptr;
-  const char* shown = veskNSAPIVerbose ? shownValue(req, name, value) : value;
+  const char* shown = isTraced(req) ? shownValue(req, name, value) : value;
   req->trace(req, "   %.100s: %.200s [Found in: %s]", name, shown, label);
   return value;
 }
@@ -309,7 +310,7 @@ static const char* resolveAny(vesk_request* req, const char* name, char* work,
   if (variable && variable->special) return callSpecial(req, *variable, name, source);
 
   const char* value = searchBlocks(req, work, source, known);
-  if (!value && variable)
+  if (!value && variable && !variable->hostName.empty())
     value = searchBlocks(req, variable->hostName.data(), source, known);
   if (value) return value;
 

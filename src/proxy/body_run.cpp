@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "context/memory.h"
+#include "context/sockets.h"
 #include "proxy/wire.h"
 
 // The block in the read-ahead, where those behind it lie next to it. Null, with `ended`
@@ -13,7 +14,7 @@ static char* readInPlace(const Conversation* talk, std::int32_t length, bool* en
   if (!makeRoomAhead(req, talk->sock, length)) return nullptr;
   const std::int32_t missing = length - countReadAhead(req);
   if (missing <= 0) {
-    req->trace(req, "read/len/total %d/%d/%d", length, length, length);
+    if (length > 0) req->trace(req, "read/len/total %d/%d/%d", length, length, length);
   } else if (receiveFully(req, endOfReadAhead(req), missing, talk->sock, talk->proxy) <
              0) {
     *ended = true;
@@ -38,6 +39,7 @@ static char* readApart(BodyRun* run) {
 // The length of the next block, once that waits whole; else 0. An empty block only starts
 // the response, and is left to come by itself.
 static std::int32_t lengthOfNext(const Conversation* talk) {
+  if (isPastDeadline(talk->req)) return 0;
   const char* head = peekAhead(talk->req, talk->sock, kFrameHead);
   if (!head || getWord(head) != PROXY_PUT_CLIENT) return 0;
   const std::int32_t length = getWord(head + kWordSize);
@@ -62,7 +64,7 @@ BodyRun::BodyRun(Conversation* conversation)
   bool ended = false;
   bytes = readInPlace(talk, length, &ended);
   if (!bytes && !ended) bytes = readApart(this);
-  if (!bytes || owned) return;
+  if (!bytes || owned || length == 0) return;
   while (const std::int32_t next = lengthOfNext(talk)) append(this, next);
 }
 

@@ -68,6 +68,8 @@ std::int32_t sendBytes(vesk_request* req, const char* buffer, std::int32_t lengt
 // Takes an element that is there already, as most are: as readFully, without a call.
 static inline bool takeBytes(vesk_request* req, char* buffer, std::int32_t length,
                              std::int32_t sock) {
+  // Whose time has an end is asked for it at each element.
+  if (req->deadline != 0 || req->endsAtShutdown != 0) return false;
   const char* here = takeAhead(req, sock, length);
   if (!here) return false;
   std::memcpy(buffer, here, static_cast<std::size_t>(length));

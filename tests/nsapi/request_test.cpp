@@ -49,6 +49,8 @@ TEST_F(RequestTest, variablesResolveInOrder) {
       {"REMOTE_USER", "eve", "by the table of names"},
       {"user_defined", "u", "by the table of names, in any spelling"},
       {"HOST", "h:1", "lower case with dashes"},
+      {"Host", "h:1", "a name in the table, spelled otherwise"},
+      {"Cookie", "<null>", "the same, and nobody has sent it"},
       {"LOWER-ONE", "l", "lower case with underscores"},
       {"up_per", "U", "upper case with dashes"},
       {"https", "mine", "the client's own spelling wins over a special name"},
