@@ -68,9 +68,13 @@ def point_name(series, value):
     return size_name(value) if series.name == "body" else f"{value:,}"
 
 
+def labels_of(points):
+    return list(dict.fromkeys(label for _, found in points for label in found))
+
+
 def grown(series, points):
     """The table of one series: rows are points; a front that refuses one has none there."""
-    labels = list(points[0][1])
+    labels = labels_of(points)
     heads = [f"{label}: {title}" for label in labels for title in ("CPU us", "p50 us")]
     rows = [[point_name(series, value), *(number(found.get(label, {}).get(field), decimals)
                                           for label in labels
@@ -113,7 +117,7 @@ def bars(out, field, title, labels, columns):
 
 
 def lines(out, series, points):
-    labels = list(points[0][1])
+    labels = labels_of(points)
     rows = [[point_name(series, value), *(found.get(label, {}).get("cpu") for label in labels)]
             for value, found in points]
     scale = "set yrange [*:*]\nset logscale y\n" if series.name == "body" else ""

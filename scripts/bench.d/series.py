@@ -2,6 +2,7 @@
 
 import collections
 import statistics
+import sys
 from typing import Callable, NamedTuple
 
 import fronts
@@ -108,6 +109,10 @@ def measured(site, series, plan):
     """Gives (number, costs) of each point; its programs end with it."""
     for number in series.few if plan.quick else series.points:
         before = list(site.programs)
-        found = costs(site, series.prepare(site, number), plan)
+        try:
+            found = costs(site, series.prepare(site, number), plan)
+        except measure.Trouble as trouble:  # the other points are worth having
+            print(f"scripts/bench: left out: {trouble}", file=sys.stderr)
+            found = {}
         site.end([program for program in reversed(site.programs) if program not in before])
         yield number, found
