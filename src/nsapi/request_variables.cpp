@@ -308,10 +308,9 @@ static const char* resolveAny(vesk_request* req, const char* name, char* work,
   toUpperCaseWithUnderscores(req, name, work);
   const Variable* variable = findVariable(work);
   if (variable && variable->special) return callSpecial(req, *variable, name, source);
+  if (variable) return searchVariable(req, *variable, source, known);
 
   const char* value = searchBlocks(req, work, source, known);
-  if (!value && variable && !variable->hostName.empty())
-    value = searchBlocks(req, variable->hostName.data(), source, known);
   if (value) return value;
 
   fromUnderscoresToDashes(req, work);
