@@ -37,11 +37,6 @@ static void registerHooks(apr_pool_t* pool) {
   ap_hook_handler(nsapiServe, NULL, NULL, APR_HOOK_FIRST);
 }
 
-module AP_MODULE_DECLARE_DATA nsapi_module = {STANDARD20_MODULE_STUFF,
-                                              nsapiCreatePlace,
-                                              nsapiMergePlaces,
-                                              nsapiCreateServer,
-                                              nsapiMergeServers,
-                                              directives,
-                                              registerHooks,
-                                              0};
+module AP_MODULE_DECLARE_DATA nsapi_module = {
+    STANDARD20_MODULE_STUFF, nsapiCreatePlace, nsapiMergePlaces, nsapiCreateServer,
+    nsapiMergeServers,       directives,       registerHooks,    0};
