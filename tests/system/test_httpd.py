@@ -97,10 +97,18 @@ ServerName other
 
 # --- the request -------------------------------------------------------------
 
-def test_authentication_comes_before_the_plugin(site):
+AUTH = ("auth_basic", "authn_core", "authn_file", "authz_user")
+ANN = ("Authorization", "Basic " + base64.b64encode(b"ann:secret").decode())
+
+
+def write_user(site):
     digest = base64.b64encode(hashlib.sha1(b"secret").digest()).decode()
     (site.folder / "users").write_text(f"ann:{{SHA}}{digest}\n")
-    host = start(site, ("auth_basic", "authn_core", "authn_file", "authz_user"), """
+
+
+def test_authentication_comes_before_the_plugin(site):
+    write_user(site)
+    host = start(site, AUTH, """
 <Location "/demo">
 AuthType Basic
 AuthName demo
@@ -109,8 +117,7 @@ Require valid-user
 </Location>""", verbose="true")
     assert host.fetch("/demo/snoop").status == 401
     assert not host.said("filterRequest")
-    login = "Basic " + base64.b64encode(b"ann:secret").decode()
-    seen = host.fetch("/demo/snoop", headers=[("Authorization", login)]).json()["variables"]
+    seen = host.fetch("/demo/snoop", headers=[ANN]).json()["variables"]
     assert (seen["REMOTE_USER"], seen["AUTH_TYPE"]) == ("ann", "Basic")
 
 
@@ -149,6 +156,12 @@ NSAPIFiles On
 <Location "/demo/shut">
 Require all denied
 </Location>
+<Location "/demo/known">
+AuthType Basic
+AuthName known
+AuthUserFile users
+Require valid-user
+</Location>
 <Directory "{folder}/htdocs/demo/folder">
 Require all denied
 </Directory>"""
@@ -157,18 +170,22 @@ Require all denied
 def test_places_may_be_httpds_alone_or_without_files(site):
     for folder in ("static", "folder"):
         (site.folder / "htdocs" / "demo" / folder).mkdir(parents=True)
-        (site.folder / "htdocs" / "demo" / folder / "a.txt").write_text("file")
+        for name in ("a.txt", "index.html"):
+            (site.folder / "htdocs" / "demo" / folder / name).write_text("file")
     backend, long = site.backend(), "/demo/" + "x" * 300
-    plain = start(site, extra=PLACES.replace("NSAPIFiles Off", ""), backend=backend)
+    write_user(site)
+    plain = start(site, AUTH, PLACES.replace("NSAPIFiles Off", ""), backend)
     seen = {target: plain.fetch(target).status for target in (long, "/demo/folder/snoop")}
     assert seen == {long: 403, "/demo/folder/snoop": 403}
     plain.stop()
-    host = start(site, extra=PLACES, backend=backend)
+    host = start(site, AUTH, PLACES, backend)
     assert host.fetch("/demo/snoop").json()["variables"]["SCRIPT_NAME"] == "/demo/snoop"
     assert host.fetch("/demo/static/a.txt").body == b"file"
     assert host.fetch("/demo/static/none").status == 404
     assert host.fetch("/demo/shut/snoop").status == 403
-    for target in (long, "/demo/folder/a.txt"):  # a server's pages, and no file
+    assert host.fetch("/demo/known/snoop").status == 401
+    assert host.fetch("/demo/known/snoop", headers=[ANN]).status not in (401, 403)
+    for target in (long, "/demo/folder/a.txt", "/demo/folder/"):  # a server's pages, and no file
         assert b"file" != host.fetch(target).body and host.fetch(target).status != 403
 
 
