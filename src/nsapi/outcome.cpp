@@ -17,7 +17,7 @@ static void leave(pblock* vars, const char* name, const char* value) {
 }
 
 static void leaveNumber(pblock* vars, const char* name, std::int64_t value) {
-  char text[24];
+  char text[24] = "";
   *std::to_chars(text, text + sizeof text - 1, value).ptr = '\0';
   leave(vars, name, text);
 }

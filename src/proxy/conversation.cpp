@@ -86,7 +86,7 @@ std::int32_t openConversation(Conversation* talk, const char* frame,
 
 Operand::Operand(const Conversation* talk)
     : req(talk->req),
-      bytes(readDataInto(talk->sock, req, nullptr, talk->proxy, room, sizeof room)) {}
+      bytes(readDataInto(talk->sock, req, nullptr, talk->proxy, {room, sizeof room})) {}
 
 Operand::~Operand() {
   if (bytes && bytes != room) req->free(req, bytes);

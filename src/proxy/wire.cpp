@@ -122,13 +122,13 @@ static std::int32_t readLength(std::int32_t sock, vesk_request* req, veskProxy* 
 }
 
 char* readDataInto(std::int32_t sock, vesk_request* req, std::int32_t* outLength,
-                   veskProxy* proxy, char* room, std::int32_t roomSize) {
+                   veskProxy* proxy, const TextRoom& room) {
   std::int32_t length = 0;
   if (readLength(sock, req, proxy, &length) < 0) return nullptr;
 
-  const bool fits = length < roomSize;
+  const bool fits = length < room.size;
   RequestBlock data{req, fits ? nullptr : newBlock(req, std::int64_t{length} + 1)};
-  char* bytes = fits ? room : data.bytes;
+  char* bytes = fits ? room.bytes : data.bytes;
   if (!bytes) {
     req->lastError = ENOBUFS;
     return nullptr;
@@ -144,7 +144,7 @@ char* readDataInto(std::int32_t sock, vesk_request* req, std::int32_t* outLength
 
 char* readData(std::int32_t sock, vesk_request* req, std::int32_t* outLength,
                veskProxy* proxy) {
-  return readDataInto(sock, req, outLength, proxy, nullptr, 0);
+  return readDataInto(sock, req, outLength, proxy, {nullptr, 0});
 }
 
 // In one piece: a length without its bytes would cost the server a second read.

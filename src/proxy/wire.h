@@ -95,11 +95,17 @@ void putWord(char* at, std::int32_t word);
 [[nodiscard]] char* readData(std::int32_t sock, vesk_request* req,
                              std::int32_t* outLength, veskProxy* proxy);
 
-// The same without an allocation for what fits into `room` with its NUL: the result is
-// `room` then, and else to be given back as above.
+// Memory of the caller's for a short text.
+struct TextRoom {
+  char* bytes;
+  std::int32_t size;  // with the NUL
+};
+
+// The same without an allocation for what fits into the room: the result lies there
+// then, and is else to be given back as above.
 [[nodiscard]] char* readDataInto(std::int32_t sock, vesk_request* req,
-                                 std::int32_t* outLength, veskProxy* proxy, char* room,
-                                 std::int32_t roomSize);
+                                 std::int32_t* outLength, veskProxy* proxy,
+                                 const TextRoom& room);
 
 // Sends `text` as one string in one piece; null goes out as length 0. 0 or -1;
 // lastError is unchanged when memory runs out.
