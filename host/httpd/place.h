@@ -15,7 +15,7 @@ namespace host {
 // Whether its URI may name a file, so that httpd looks for it before the plug-in does.
 [[nodiscard]] bool namesFiles(const request_rec* r);
 
-// Whether that is so anywhere in the configuration.
+// Whether some place of the configuration says that its URIs name no files.
 [[nodiscard]] bool anyPlaceWithoutFiles();
 
 }  // namespace host

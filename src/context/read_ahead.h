@@ -33,6 +33,7 @@ struct veskReadAhead {
   char first[16 << 10];
 };
 
+// Bytes of the larger block.
 constexpr std::int32_t kMostReadAhead = 64 << 10;
 
 // Has the request read ahead from here on, with nothing waiting.
@@ -62,8 +63,8 @@ void dropReadAhead(vesk_request* req, std::int32_t sock);
 // Where bytes go that follow those that wait. REQUIRES: makeRoomAhead gave true.
 [[nodiscard]] char* endOfReadAhead(vesk_request* req);
 
-// The next `count` bytes of the socket in place, null if fewer wait. They are the
-// caller's to change until the next read.
+// The next `count` bytes of the socket in place, null if fewer wait. A look leaves them
+// waiting; taken, they are the caller's to change until the next read.
 [[nodiscard]] inline const char* peekAhead(const vesk_request* req, std::int32_t sock,
                                            std::int32_t count) {
   const veskReadAhead* ahead = req->readAhead;

@@ -5,7 +5,9 @@
 // a system call; as one run they cost one for all. A block that is alone leaves alone:
 // nothing is ever waited for, so that a browser sees what a server has flushed at once.
 //
-// Threads: the request's own. For locals only.
+// Ownership: a run owns the block that found no room in the read-ahead, no other bytes.
+// Threads: the request's own. For locals only. Failure: null bytes, with lastError of the
+// request as readData leaves it. Units: bytes.
 #pragma once
 
 #include "proxy/conversation.h"
@@ -19,8 +21,8 @@ struct BodyRun {
   BodyRun& operator=(const BodyRun&) = delete;
 
   Conversation* talk;
-  // Null when the first block can't be read, with lastError as readData leaves it. They
-  // lie in the read-ahead, or in `owned`, and are valid until the next read.
+  // In the read-ahead, or in `owned`; valid until the next read. Null when the first
+  // block can't be read.
   char* bytes;
   std::int32_t length;  // of all blocks
   std::int32_t blocks;
