@@ -3,8 +3,10 @@
 #include <arpa/inet.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <set>
 
+#include "embedded/privileges.h"
 #include "layer/builtins.h"
 #include "layer/text.h"
 
@@ -93,14 +95,18 @@ static bool isAddress(const std::string& address) {
 
 static std::string readListen(Reader* reader, const std::string& value,
                               const std::string& where) {
-  const std::size_t colon = value.rfind(':');
-  bool good = colon != std::string::npos && isAddress(value.substr(0, colon));
+  std::string_view rest = value;
+  const std::string address(takeWord(&rest, kBlanks));
+  const std::string_view word = trimmed(rest, kBlanks);
+  const std::size_t colon = address.rfind(':');
+  bool good = colon != std::string::npos && isAddress(address.substr(0, colon)) &&
+              (word.empty() || word == "tls");
   if (good) {
-    const std::int64_t port = numberOf(std::string_view(value).substr(colon + 1));
+    const std::int64_t port = numberOf(std::string_view(address).substr(colon + 1));
     good = port >= 0 && port <= kMaxPort;
   }
-  if (!good) return "Listen needs ADDRESS:PORT, not \"" + value + "\"";
-  reader->config->listeners.emplace_back(value, where);
+  if (!good) return "Listen needs ADDRESS:PORT [tls], not \"" + value + "\"";
+  reader->config->listeners.push_back({address, word == "tls", where});
   return {};
 }
 
@@ -127,20 +133,58 @@ static std::string readDirectoryIndex(Reader* reader, const std::string& value,
   return {};
 }
 
-static std::string readThreads(Reader* reader, const std::string& value,
-                               const std::string&) {
-  const std::int64_t threads = numberOf(value);
-  if (threads < 1 || threads > kMaxThreads) {
-    return "Threads needs a number from 1 to " + std::to_string(kMaxThreads);
-  }
-  reader->config->threads = static_cast<int>(threads);
-  return {};
+static std::string readSwitch(const char* name, const std::string& value, bool* on) {
+  *on = value == "on";
+  return value == "on" || value == "off" ? "" : std::string(name) + " is on or off";
 }
 
 static std::string readClientNames(Reader* reader, const std::string& value,
                                    const std::string&) {
-  reader->config->clientNames = value == "on";
-  return value == "on" || value == "off" ? "" : "ClientNames is on or off";
+  return readSwitch("ClientNames", value, &reader->config->clientNames);
+}
+
+static std::string readSymlinks(Reader* reader, const std::string& value,
+                                const std::string&) {
+  return readSwitch("SymlinksLeaveRoot", value, &reader->config->symlinksLeaveRoot);
+}
+
+static std::string readUser(Reader* reader, const std::string& value,
+                            const std::string& where) {
+  reader->config->user = value;
+  reader->config->userWhere = where;
+  return checkIdentity(value, {});
+}
+
+static std::string readGroup(Reader* reader, const std::string& value,
+                             const std::string& where) {
+  reader->config->group = value;
+  reader->config->userWhere = where;
+  return checkIdentity({}, value);
+}
+
+static std::string readCertificate(Reader* reader, const std::string& value,
+                                   const std::string& where) {
+  reader->config->tls.certificate = std::filesystem::absolute(value);
+  reader->config->tls.where = where;
+  return {};
+}
+
+static std::string readCertificateKey(Reader* reader, const std::string& value,
+                                      const std::string&) {
+  reader->config->tls.key = std::filesystem::absolute(value);
+  return {};
+}
+
+static std::string readClientCa(Reader* reader, const std::string& value,
+                                const std::string&) {
+  std::string_view rest = value;
+  TlsFiles* tls = &reader->config->tls;
+  tls->clientAuthorities = std::filesystem::absolute(takeWord(&rest, kBlanks));
+  const std::string_view word = trimmed(rest, kBlanks);
+  tls->client =
+      word == "optional" ? ClientCertificate::optional : ClientCertificate::required;
+  const bool good = word.empty() || word == "optional" || word == "required";
+  return good ? "" : "ClientCA needs FILE [optional|required]";
 }
 
 static std::string readErrorLog(Reader* reader, const std::string& value,
@@ -161,9 +205,43 @@ constexpr ServerDirective kServerDirectives[] = {
     {"ServerName", false, readServerName},
     {"DocumentRoot", false, readDocumentRoot},
     {"DirectoryIndex", false, readDirectoryIndex},
-    {"Threads", false, readThreads},
     {"ClientNames", false, readClientNames},
+    {"SymlinksLeaveRoot", false, readSymlinks},
+    {"User", false, readUser},
+    {"Group", false, readGroup},
+    {"Certificate", false, readCertificate},
+    {"CertificateKey", false, readCertificateKey},
+    {"ClientCA", false, readClientCa},
     {"ErrorLog", false, readErrorLog},
+};
+
+struct NumberDirective {
+  std::string_view name;
+  std::int64_t Limits::*field;
+  std::int64_t least;
+  std::int64_t most;
+};
+
+constexpr std::int64_t kMaxSeconds = 86400;
+constexpr std::int64_t kMaxBytes = std::int64_t{1} << 50;
+
+// Heads and trailers stand in memory whole, for every client at once.
+constexpr std::int64_t kMaxLines = 1 << 20;
+
+constexpr NumberDirective kNumberDirectives[] = {
+    {"Threads", &Limits::threads, 1, 4096},
+    {"MaxConnections", &Limits::maxConnections, 1, 1000000},
+    {"LimitRequestHead", &Limits::requestHead, 1024, kMaxLines},
+    {"LimitRequestFields", &Limits::requestFields, 1, 4000},
+    {"LimitRequestUri", &Limits::requestUri, 64, kMaxLines},
+    {"LimitRequestBody", &Limits::requestBody, 0, kMaxBytes},
+    {"LimitTrailers", &Limits::trailers, 64, kMaxLines},
+    {"HeadTimeout", &Limits::headTimeout, 1, kMaxSeconds},
+    {"BodyTimeout", &Limits::bodyTimeout, 1, kMaxSeconds},
+    {"MinBodyRate", &Limits::minBodyRate, 0, kMaxBytes},
+    {"KeepAliveTimeout", &Limits::keepAliveTimeout, 0, kMaxSeconds},
+    {"SendTimeout", &Limits::sendTimeout, 1, kMaxSeconds},
+    {"StopTimeout", &Limits::stopTimeout, 0, kMaxSeconds},
 };
 
 struct StageName {
@@ -175,15 +253,31 @@ constexpr StageName kStageNames[] = {{"NameTrans", Stage::nameTrans},
                                      {"ObjectType", Stage::objectType},
                                      {"Service", Stage::service}};
 
-static std::string readServerDirective(Reader* reader, const ServerDirective& row,
-                                       std::string_view text, const std::string& where) {
-  std::string name(row.name);
+// Takes the value of a server directive, which may stand there once.
+static std::string takeValue(Reader* reader, std::string_view row, bool repeatable,
+                             std::string* value) {
+  const std::string name(row);
   if (reader->inObject) return name + " can't stand in an <Object>";
-  if (!row.repeatable && !reader->seen.insert(name).second)
-    return name + " is given twice";
-  std::string value = valueOf(text);
-  if (value.empty()) return name + " has no value";
-  return row.read(reader, value, where);
+  if (!repeatable && !reader->seen.insert(name).second) return name + " is given twice";
+  *value = valueOf(*value);
+  return value->empty() ? name + " has no value" : std::string();
+}
+
+static std::string readServerDirective(Reader* reader, const ServerDirective& row,
+                                       std::string value, const std::string& where) {
+  const std::string reason = takeValue(reader, row.name, row.repeatable, &value);
+  return reason.empty() ? row.read(reader, value, where) : reason;
+}
+
+static std::string readNumber(Reader* reader, const NumberDirective& row,
+                              std::string value) {
+  const std::string reason = takeValue(reader, row.name, false, &value);
+  if (!reason.empty()) return reason;
+  const std::int64_t number = numberOf(value);
+  reader->config->limits.*row.field = number;
+  if (number >= row.least && number <= row.most) return {};
+  return std::string(row.name) + " needs a number from " + std::to_string(row.least) +
+         " to " + std::to_string(row.most);
 }
 
 static std::string readDirective(std::string_view text, const std::string& where,
@@ -248,7 +342,11 @@ static std::string readLine(Reader* reader, const LogicalLine& line) {
     if (row.name == name) return readStage(reader, row, text, where);
   }
   for (const ServerDirective& row : kServerDirectives) {
-    if (row.name == name) return readServerDirective(reader, row, text, where);
+    if (row.name == name)
+      return readServerDirective(reader, row, std::string(text), where);
+  }
+  for (const NumberDirective& row : kNumberDirectives) {
+    if (row.name == name) return readNumber(reader, row, std::string(text));
   }
   return "unknown directive \"" + std::string(name) + "\"";
 }
@@ -258,6 +356,16 @@ static std::string completeStages(Config* config) {
   for (auto& [stage, directive] : config->stages) {
     std::string reason = completeBuiltin(&directive, config->directoryIndex);
     if (!reason.empty()) return directive.where + ": " + reason;
+  }
+  return {};
+}
+
+static std::string checkTls(const Config& config) {
+  for (const ListenLine& line : config.listeners) {
+    const bool complete = !config.tls.certificate.empty() && !config.tls.key.empty();
+    if (line.tls && !complete) {
+      return line.where + ": tls needs Certificate and CertificateKey";
+    }
   }
   return {};
 }
@@ -276,7 +384,8 @@ std::string readConfig(std::string_view text, const std::string& file, Config* c
     int last = lines.empty() ? 1 : lines.back().number;
     return at(file, last) + ": there is no Listen";
   }
-  return completeStages(config);
+  reason = checkTls(*config);
+  return reason.empty() ? completeStages(config) : reason;
 }
 
 }  // namespace host

@@ -14,23 +14,43 @@
 #include <utility>
 #include <vector>
 
+#include "embedded/limits.h"
 #include "layer/directive.h"
 #include "layer/stages.h"
 
 namespace host {
 
-// More threads than any machine serves with sense.
-constexpr int kMaxThreads = 4096;
+struct ListenLine {
+  std::string address;  // "ADDR:PORT"
+  bool tls;
+  std::string where;  // "file:line"
+};
+
+enum class ClientCertificate { none, optional, required };
+
+// Absolute paths, since they are read again while the server runs.
+struct TlsFiles {
+  std::string certificate;  // with those of its chain behind it
+  std::string key;
+  std::string clientAuthorities;
+  ClientCertificate client = ClientCertificate::none;
+  std::string where;  // of the certificate's line
+};
 
 struct Config {
-  std::vector<std::pair<std::string, std::string>> listeners;  // "ADDR:PORT", where
+  std::vector<ListenLine> listeners;
+  Limits limits;
+  TlsFiles tls;
+  std::string user;   // empty: as whom it was started
+  std::string group;  // empty: the user's
+  std::string userWhere;
   std::string serverName = "localhost";
   std::string documentRoot;                   // absolute; empty: none
   std::string directoryIndex = "index.html";  // names with blanks between
-  int threads = 64;
-  bool clientNames = false;   // headers may mean the host's own words
-  std::string errorLog;       // empty: standard error
-  std::string errorLogWhere;  // "file:line"
+  bool symlinksLeaveRoot = false;             // files may be links to anywhere
+  bool clientNames = false;                   // headers may mean the host's own words
+  std::string errorLog;                       // empty: standard error
+  std::string errorLogWhere;                  // "file:line"
   std::vector<Directive> inits;
   std::vector<std::pair<Stage, Directive>> stages;
 };

@@ -32,7 +32,18 @@ bool ErrorLog::open(const std::string& path) {
   int file = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
   if (file < 0) return false;
   file_ = file;
+  path_ = path;
   return true;
+}
+
+// The number of the file stays, so that a thread that writes needs no lock.
+bool ErrorLog::reopen() {
+  if (path_.empty()) return true;
+  const int file = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+  if (file < 0) return false;
+  const bool replaced = dup3(file, file_, O_CLOEXEC) >= 0;
+  (void)::close(file);
+  return replaced;
 }
 
 static void putTime(std::string* line) {

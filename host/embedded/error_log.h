@@ -23,11 +23,16 @@ class ErrorLog {
   // False with errno.
   [[nodiscard]] bool open(const std::string& path);
 
+  // Opens the same file anew, as is wanted once it has been renamed. Lines of other
+  // threads go to the old one or to the new one. False with errno: nothing has changed.
+  [[nodiscard]] bool reopen();
+
   // A line of the message that begins like an entry gets a tab in front; a lone
   // carriage return is shown as \r. All else stays as it is.
   void write(int degree, std::string_view function, std::string_view message) noexcept;
 
  private:
+  std::string path_;
   int file_ = 2;
 };
 

@@ -1,7 +1,5 @@
 #include "embedded/http_exchange.h"
 
-#include <arpa/inet.h>
-#include <strings.h>
 #include <time.h>
 
 #include <cerrno>
@@ -9,7 +7,6 @@
 #include <new>
 #include <utility>
 
-#include "embedded/client_input.h"
 #include "layer/client_names.h"
 #include "layer/outcome.h"
 #include "layer/parameters.h"
@@ -19,40 +16,22 @@
 
 namespace host {
 
-constexpr char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
+constexpr int kMilliseconds = 1000;
 
 // The API's records know no const; nobody writes through this one.
-HttpExchange::HttpExchange(ServerState* server, mg_connection* connection)
+HttpExchange::HttpExchange(ServerState* server, Client* client, const RequestHead& head)
     : server_(server),
-      connection_(connection),
-      info_(mg_get_request_info(connection)),
+      client_(client),
+      head_(head),
       writer_(this),
-      settings_{info_->server_port, const_cast<char*>(server->config->serverName.c_str()),
-                0} {}
+      settings_{client->local.port, const_cast<char*>(server->config->serverName.c_str()),
+                client->local.tls ? 1 : 0},
+      body_(client, server->config->limits),
+      keepAlive_(head.keepAlive && server->config->limits.keepAliveTimeout > 0 &&
+                 !server->stopping) {}
 
-static bool isHttp11(const mg_request_info* info) {
-  return info->http_version && std::strcmp(info->http_version, "1.1") == 0;
-}
-
-// CivetWeb keeps the connection by this rule; the head must announce the same.
-bool HttpExchange::wantsKeepAlive() const {
-  if (server_->stopping) return false;
-  const char* wish = mg_get_header(connection_, "Connection");
-  return wish ? strcasestr(wish, "keep-alive") != nullptr : isHttp11(info_);
-}
-
-// CivetWeb stops at its limit, at a folded line and at a name that is no name,
-// and drops the rest without a word. The bytes behind the last header that it
-// took, where it put NULs in place of the line's end, tell.
-static bool headEndsBehind(const char* value) {
-  const char* c = value + std::strlen(value) + 1;
-  if (*c == '\0') ++c;
-  return *c == '\r' || *c == '\n';
-}
-
-static bool headIsWhole(const mg_request_info* info) {
-  if (info->num_headers == 0) return true;
-  return headEndsBehind(info->http_headers[info->num_headers - 1].value);
+static bool add(pblock* pb, const char* name, const std::string& value) {
+  return addParameter(pb, name, value.c_str()) != nullptr;
 }
 
 static std::string lowerCase(std::string_view text) {
@@ -61,86 +40,104 @@ static std::string lowerCase(std::string_view text) {
   return lower;
 }
 
-static bool add(pblock* pb, const char* name, const std::string& value) {
-  return addParameter(pb, name, value.c_str()) != nullptr;
-}
-
-static bool addHeaders(pblock* headers, const mg_request_info* info, bool allNames) {
-  for (int i = 0; i < info->num_headers; ++i) {
-    const mg_header& header = info->http_headers[i];
-    if (!allNames && isHostsWord(header.name)) continue;
-    std::string name = lowerCase(header.name);
-    if (!add(headers, name.c_str(), std::string(trimmed(header.value, kBlanks))))
+// The server that an absolute target names is the one that is meant, whatever the
+// header says.
+static bool addHeaders(pblock* headers, const RequestHead& head, bool allNames) {
+  const std::string authority(head.authority);
+  bool hostNamed = false;
+  for (const HeaderField& field : head.fields) {
+    const std::string name = lowerCase(field.name);
+    if (!allNames && isHostsWord(name.c_str())) continue;
+    const bool replaced = !authority.empty() && name == "host";
+    hostNamed = hostNamed || replaced;
+    if (!add(headers, name.c_str(), replaced ? authority : std::string(field.value))) {
       return false;
+    }
   }
-  return true;
+  return authority.empty() || hostNamed || add(headers, "host", authority);
 }
 
-// The path as the client sent it: behind scheme and host of an absolute URI.
-static std::string_view rawPath(const mg_request_info* info) {
-  std::string_view uri = info->request_uri;
-  if (uri.empty() || uri.front() == '/') return uri;
-  std::size_t host = uri.find("://");
-  if (host == std::string_view::npos) return uri;
-  std::size_t path = uri.find('/', host + 3);
-  return path == std::string_view::npos ? "/" : uri.substr(path);
+static bool addRequestLine(pblock* reqpb, const RequestHead& head, const std::string& uri,
+                           std::string_view query) {
+  const std::string protocol = head.http11 ? "HTTP/1.1" : "HTTP/1.0";
+  const std::string method(head.method);
+  const std::string line = method + " " + std::string(head.target) + " " + protocol;
+  const bool added = add(reqpb, "clf-request", line) && add(reqpb, "method", method) &&
+                     add(reqpb, "protocol", protocol) && add(reqpb, "uri", uri);
+  return added && (!query.data() || add(reqpb, "query", std::string(query)));
 }
 
-static bool addRequestLine(pblock* reqpb, const mg_request_info* info,
-                           const std::string& uri) {
-  std::string protocol = std::string("HTTP/") + info->http_version;
-  std::string line = std::string(info->request_method) + " " + info->request_uri;
-  if (info->query_string) line += std::string("?") + info->query_string;
-  line += " " + protocol;
-  bool added = add(reqpb, "clf-request", line) &&
-               add(reqpb, "method", info->request_method) &&
-               add(reqpb, "protocol", protocol) && add(reqpb, "uri", uri);
-  return added && (!info->query_string || add(reqpb, "query", info->query_string));
-}
-
-int HttpExchange::readHead(HostRequest* request) {
-  keepAlive_ = wantsKeepAlive();
-  if (!headIsWhole(info_))
-    return info_->num_headers < MG_MAX_HEADERS ? kBadRequest : kHeadTooLarge;
-  int status = body_.open(info_);
-  if (status) return status;
+int HttpExchange::openRecords(HostRequest* request) {
+  body_.open(head_);
+  if (body_.tooLong()) {
+    tellLimit("LimitRequestBody");
+    return kContentTooLarge;
+  }
+  const std::size_t mark = head_.path.find('?');
+  const std::string_view path = head_.path.substr(0, mark);
+  std::string_view query;  // without data: there is none
+  if (mark != std::string_view::npos) query = head_.path.substr(mark + 1);
   std::string uri;
-  if (!info_->request_uri || !decodeUri(rawPath(info_), &uri)) return kBadRequest;
-  if (uri.empty() || (uri.front() != '/' && uri != "*")) return kBadRequest;
-  bool filled = addRequestLine(request->reqpb, info_, uri) &&
-                addHeaders(request->headers, info_, server_->config->clientNames) &&
-                add(request->session.client, "ip", info_->remote_addr);
+  if (!decodeUri(path.empty() ? "/" : path, &uri)) return kBadRequest;
+  if (uri.front() != '/') return kBadRequest;
+  const bool filled = addRequestLine(request->reqpb, head_, uri, query) &&
+                      addHeaders(request->headers, head_, server_->config->clientNames) &&
+                      add(request->session.client, "ip", client_->address);
   return filled ? 0 : kServerError;
 }
 
-bool HttpExchange::send(const char* bytes, std::size_t size) {
-  return mg_write(connection_, bytes, size) == static_cast<int>(size);
+int HttpExchange::sendTimeout() const {
+  return static_cast<int>(server_->config->limits.sendTimeout) * kMilliseconds;
+}
+
+// Notes why a client takes nothing any more.
+bool HttpExchange::sent(bool whole) {
+  if (!whole && errno == ETIMEDOUT) tellLimit("SendTimeout");
+  return whole;
+}
+
+bool HttpExchange::send(std::span<iovec> parts, bool more) {
+  return sent(sendAll(client_->channel.get(), parts, more, sendTimeout()));
+}
+
+bool HttpExchange::sendFile(int file, std::int64_t offset, std::int64_t count) {
+  return sent(sendWholeFile(client_->channel.get(), file, offset,
+                            static_cast<std::size_t>(count), sendTimeout()));
+}
+
+void HttpExchange::tellLimit(const char* name) {
+  server_->limitLog->tell(name, client_->address);
 }
 
 int HttpExchange::readBody(unsigned char* buffer, int size) {
   // A final head that waits for its first block comes behind the interim one.
-  bool tell = body_.takeContinue() && !writer_.headSent();
-  if (tell && !send(kContinue, sizeof(kContinue) - 1)) return -1;
+  if (body_.takeContinue() && !writer_.headSent()) {
+    char text[] = "HTTP/1.1 100 Continue\r\n\r\n";
+    iovec parts[] = {{text, sizeof(text) - 1}};
+    if (!send(parts, false)) return -1;
+  }
   if (!writer_.sendHead()) return -1;
-  return body_.read(connection_, buffer, size);
+  void* bytes = buffer;
+  const int count = body_.read(static_cast<char*>(bytes), size);
+  if (count < 0 && body_.limitMet()) tellLimit(body_.limitMet());
+  return count;
 }
 
 int HttpExchange::startResponse(HostRequest* request) try {
-  const char* method = findValue(request->reqpb, "method");
-  std::string date = httpTime(time(nullptr));
-  HeadSettings settings{.http11 = isHttp11(info_),
-                        .headRequest = method && std::strcmp(method, "HEAD") == 0,
-                        .keepAlive = keepAlive_,
-                        .outcome = outcomeOf(*request),
-                        .date = date,
-                        .server = server_->version};
+  const std::string date = httpTime(time(nullptr));
+  const HeadSettings settings{.http11 = head_.http11,
+                              .headRequest = head_.headRequest,
+                              .keepAlive = keepAlive_,
+                              .outcome = outcomeOf(*request),
+                              .date = date,
+                              .server = server_->version};
   ResponseHead head =
       buildHead(request->status_num, request->reason, request->srvhdrs, settings);
   if (!head.rejected.empty()) {
-    std::string message = "response headers dropped: " + head.rejected;
+    const std::string message = "response headers dropped: " + head.rejected;
     log(LOG_SECURITY, "protocol_start_response", request, message.c_str());
   }
-  bool body = head.framing != Framing::none;
+  const bool body = head.framing != Framing::none;
   writer_.start(std::move(head));
   return body ? REQ_PROCEED : REQ_NOACTION;
 } catch (const std::bad_alloc&) {
@@ -148,46 +145,46 @@ int HttpExchange::startResponse(HostRequest* request) try {
   return REQ_ABORTED;
 }
 
-int HttpExchange::writeBody(const char* bytes, int size) try {
+int HttpExchange::writeBody(const char* bytes, int size) {
   if (writer_.started() && writer_.write(bytes, static_cast<std::size_t>(size))) {
     return size;
   }
   errno = EPIPE;
   return -1;
-} catch (const std::bad_alloc&) {
-  closeAfterwards();
-  errno = ENOMEM;
-  return -1;
 }
 
-void HttpExchange::closeAfterwards() {
-  keepAlive_ = false;
-  mg_disable_connection_keep_alive(connection_);
+bool HttpExchange::writeFile(int file, std::int64_t offset, std::int64_t count) {
+  return writer_.writeFile(file, offset, count);
 }
 
 std::int64_t HttpExchange::missing() const {
   return writer_.missing();
 }
 
-void HttpExchange::finish(Answer answer) {
+// What the client has sent of its body must be out of the way of its next request.
+Fate HttpExchange::finish(Answer answer) {
   if (answer != Answer::whole) closeAfterwards();
   const bool ended =
       answer == Answer::broken ? writer_.cut() : writer_.finish(keepAlive_);
-  if (ended && keepAlive_ && body_.drain(connection_)) {
-    ClientInput::ofThread().expectHead();
-  } else {
-    closeAfterwards();
-  }
+  if (ended && keepAlive_ && body_.drain()) return Fate::keep;
+  if (answer == Answer::broken) return Fate::close;
+  return body_.unread() ? Fate::part : Fate::close;
 }
 
 bool HttpExchange::peer(sockaddr_in* address) {
-  constexpr char kMapped[] = "::ffff:";
-  const char* text = info_->remote_addr;
-  if (strncasecmp(text, kMapped, sizeof(kMapped) - 1) == 0) text += sizeof(kMapped) - 1;
+  const void* known = &client_->peer;
+  if (client_->peer.ss_family == AF_INET) {
+    *address = *static_cast<const sockaddr_in*>(known);
+    return true;
+  }
+  const auto* peer = static_cast<const sockaddr_in6*>(known);
+  if (!IN6_IS_ADDR_V4MAPPED(&peer->sin6_addr)) return false;
   *address = sockaddr_in{};
   address->sin_family = AF_INET;
-  address->sin_port = htons(static_cast<std::uint16_t>(info_->remote_port));
-  return inet_pton(AF_INET, text, &address->sin_addr) == 1;
+  address->sin_port = peer->sin6_port;
+  std::memcpy(&address->sin_addr, &peer->sin6_addr.s6_addr[12],
+              sizeof(address->sin_addr));
+  return true;
 }
 
 // Asking a name server could block for seconds, and the address serves as well.

@@ -1,17 +1,21 @@
-// One HTTP request on a CivetWeb connection, as the host layer sees it.
+// One HTTP request of a client, as the host layer sees it.
 //
-// Ownership: made and destroyed by the function that serves the request.
-// Threads: the worker thread that CivetWeb runs the request on. No lock.
+// Ownership: made and destroyed by the function that serves the request; the
+// client and its head outlive it. The texts of the head are gone once the body is
+// read.
+// Threads: the worker that runs the request. No lock.
 // Errors: as in Exchange.
 #pragma once
 
 #include <atomic>
 #include <string>
 
-#include "civetweb.h"
+#include "embedded/client.h"
 #include "embedded/config.h"
 #include "embedded/error_log.h"
+#include "embedded/limit_log.h"
 #include "embedded/request_body.h"
+#include "embedded/request_head.h"
 #include "embedded/response.h"
 #include "layer/exchange.h"
 #include "layer/judge.h"
@@ -20,29 +24,42 @@
 
 namespace host {
 
-// What all requests of the server share. Written before the first request.
+// What all requests of the server share. Written before the first request, but
+// for the last field.
 struct ServerState {
   const Config* config;
   const Stages* stages;
   ErrorLog* log;
+  LimitLog* limitLog;
   std::string version;
-  std::atomic<int> running;    // requests in progress
   std::atomic<bool> stopping;  // keep no connection open
+};
+
+// What becomes of a connection behind a response.
+enum class Fate {
+  keep,   // the next request may come
+  close,  // the client has sent all that it had to
+  part,   // it may still be sending: closing at once could cost it the response
 };
 
 class HttpExchange final : public Exchange, private ByteSink {
  public:
-  HttpExchange(ServerState* server, mg_connection* connection);
+  HttpExchange(ServerState* server, Client* client, const RequestHead& head);
 
-  // Fills the request's records from the request line and the headers. 0, or
-  // the status of the answer that a malformed request gets.
-  [[nodiscard]] int readHead(HostRequest* request);
+  // Fills the request's records from the head: 0, or the status of the answer
+  // that the request gets.
+  [[nodiscard]] int openRecords(HostRequest* request);
 
-  // Ends the response as it is judged, and decides what becomes of the connection.
-  void finish(Answer answer);
+  // Sends a part of a file as a part of the body, whose length the head has told.
+  [[nodiscard]] bool writeFile(int file, std::int64_t offset, std::int64_t count);
+
+  // Ends the response as it is judged.
+  [[nodiscard]] Fate finish(Answer answer);
 
   // Makes the connection end with this response.
-  void closeAfterwards();
+  void closeAfterwards() {
+    keepAlive_ = false;
+  }
 
   int readBody(unsigned char* buffer, int size) override;
   int startResponse(HostRequest* request) override;
@@ -56,16 +73,19 @@ class HttpExchange final : public Exchange, private ByteSink {
            const char* message) override;
 
  private:
-  bool send(const char* bytes, std::size_t size) override;
-  [[nodiscard]] bool wantsKeepAlive() const;
+  bool send(std::span<iovec> parts, bool more) override;
+  bool sendFile(int file, std::int64_t offset, std::int64_t count) override;
+  [[nodiscard]] int sendTimeout() const;
+  [[nodiscard]] bool sent(bool whole);
+  void tellLimit(const char* name);
 
   ServerState* server_;
-  mg_connection* connection_;
-  const mg_request_info* info_;
+  Client* client_;
+  const RequestHead& head_;
   ResponseWriter writer_;
   conf_global_vars_s settings_;
   RequestBody body_;
-  bool keepAlive_ = false;
+  bool keepAlive_;
 };
 
 }  // namespace host

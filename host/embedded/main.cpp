@@ -1,8 +1,11 @@
 // vesk-host: a small web server that offers the web server API to plug-ins.
 #include <signal.h>
+#include <sys/resource.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +17,8 @@
 #include "embedded/config.h"
 #include "embedded/error_log.h"
 #include "embedded/http_exchange.h"
+#include "embedded/limit_log.h"
+#include "embedded/privileges.h"
 #include "embedded/server.h"
 #include "layer/critical_sections.h"
 #include "layer/option_check.h"
@@ -25,9 +30,6 @@ namespace host {
 
 constexpr int kUnusable = 2;
 constexpr char kVersion[] = "vesk-host/" VESK_HOST_VERSION;
-
-// How often a stopping host looks whether the last request has ended.
-constexpr timespec kStopPoll{0, 20000000};
 
 // The log serves lines outside a request, too; it outlives everything that
 // could write one.
@@ -86,57 +88,85 @@ static std::string checkInits(const Config& config) {
   return {};
 }
 
-static void waitForSignal(const sigset_t& signals) {
-  int signal = 0;
-  while (sigwait(&signals, &signal) != 0) {
+// Signals are taken by the server's loop alone; all threads inherit the mask.
+static void blockSignals() {
+  sigset_t signals;
+  (void)sigemptyset(&signals);
+  for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGUSR1}) {
+    (void)sigaddset(&signals, number);
   }
+  (void)pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  (void)signal(SIGPIPE, SIG_IGN);
 }
 
-// A second signal ends the process at once, with whatever is in progress.
-static void waitForRequests(const Server& server, const sigset_t& signals) {
-  while (server.running() > 0) {
-    if (sigtimedwait(&signals, nullptr, &kStopPoll) > 0) std::_Exit(1);
-  }
+// A client needs a file, and so does the server that answers it.
+static void raiseOpenFiles(const Limits& limits, ErrorLog* log) {
+  constexpr rlim_t kOthers = 64;
+  const rlim_t wanted =
+      static_cast<rlim_t>(limits.maxConnections + limits.threads) + kOthers;
+  rlimit files{};
+  if (getrlimit(RLIMIT_NOFILE, &files) != 0 || files.rlim_cur >= wanted) return;
+  files.rlim_cur = std::min(wanted, files.rlim_max);
+  const bool raised = setrlimit(RLIMIT_NOFILE, &files) == 0;
+  if (raised && files.rlim_cur >= wanted) return;
+  log->write(LOG_WARN, "vesk-host",
+             "open files are limited to " + std::to_string(files.rlim_cur) +
+                 ", so MaxConnections can't be reached");
 }
 
-static std::string serveUntilStopped(ServerState* state, const sigset_t& signals) {
-  Server server(state);
-  std::string reason = server.start();
-  if (!reason.empty()) return state->config->listeners.front().second + ": " + reason;
-  for (const std::string& address : server.addresses()) {
+static void reopenLogs() {
+  if (processErrorLog->reopen()) return;
+  writeProcessLine(
+      LOG_FAILURE, "vesk-host",
+      (std::string("can't open the log anew: ") + std::strerror(errno)).c_str());
+}
+
+// Serves until a signal. A plug-in's callbacks run when nobody is inside it any more:
+// a request that waits for a server that never answers costs them, and nothing else.
+static std::string serve(Server* server, const Limits& limits) {
+  std::string reason = server->start();
+  if (!reason.empty()) return reason;
+  for (const std::string& address : server->addresses()) {
     (void)std::printf("listening on %s\n", address.c_str());
   }
   (void)std::fflush(stdout);
-  waitForSignal(signals);
-  server.stopListening();
-  waitForRequests(server, signals);
-  server.stop();
-  return {};
+  (void)sd_notify(0, "READY=1");
+  const int left = server->run(reopenLogs);
+  if (left == 0) return {};
+  const std::string line = std::to_string(left) + " requests hadn't ended after " +
+                           std::to_string(limits.stopTimeout) + " s";
+  writeProcessLine(LOG_WARN, "vesk-host", line.c_str());
+  std::_Exit(0);
 }
 
-// Signals are taken by sigtimedwait alone; all threads inherit the mask.
-static sigset_t blockSignals() {
-  sigset_t signals;
-  (void)sigemptyset(&signals);
-  (void)sigaddset(&signals, SIGTERM);
-  (void)sigaddset(&signals, SIGINT);
-  (void)pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  (void)signal(SIGPIPE, SIG_IGN);
-  return signals;
+// The addresses are taken and the log is opened with the rights of the start; what
+// belongs to plug-ins happens with those of the user.
+static std::string prepare(const Config& config, Server* server, ErrorLog* log) {
+  if (!config.errorLog.empty() && !log->open(config.errorLog)) {
+    return config.errorLogWhere + ": can't open \"" + config.errorLog +
+           "\": " + std::strerror(errno);
+  }
+  std::string reason = server->bind();
+  if (!reason.empty()) return reason;
+  raiseOpenFiles(config.limits, log);
+  reason = becomeUser(config.user, config.group);
+  return reason.empty() ? reason : config.userWhere + ": " + reason;
 }
 
 static int run(const Config& config, Stages* stages) {
+  blockSignals();
   ErrorLog log;
-  if (!config.errorLog.empty() && !log.open(config.errorLog)) {
-    return refuse(config.errorLogWhere + ": can't open \"" + config.errorLog +
-                  "\": " + std::strerror(errno));
-  }
+  LimitLog limitLog(&log);
   processErrorLog = &log;
   setProcessLog(writeProcessLine);
-  ServerState state{&config, stages, &log, kVersion, {0}, {false}};
-  sigset_t signals = blockSignals();
-  std::string reason = stages->runInits();
-  if (reason.empty()) reason = serveUntilStopped(&state, signals);
+  ServerState state{&config, stages, &log, &limitLog, kVersion, {false}};
+  std::string reason;
+  {
+    Server server(&state);
+    reason = prepare(config, &server, &log);
+    if (reason.empty()) reason = stages->runInits();
+    if (reason.empty()) reason = serve(&server, config.limits);
+  }
   // A callback enters the sections that its plug-in has made, and may log.
   runRestartCallbacks();
   releaseCriticalSections();
@@ -146,7 +176,7 @@ static int run(const Config& config, Stages* stages) {
 
 // What Init functions see as the server: the first listener.
 static void setProcessSettings(Config* config) {
-  const std::string& listener = config->listeners.front().first;
+  const std::string& listener = config->listeners.front().address;
   conf_global_vars_s* settings = processSettings();
   settings->Vport = std::atoi(listener.c_str() + listener.rfind(':') + 1);
   settings->Vserver_hostname = config->serverName.data();

@@ -1,13 +1,10 @@
 #include "embedded/request_body.h"
 
-#include <strings.h>
-
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstring>
-#include <string_view>
 
-#include "embedded/client_input.h"
-#include "layer/status.h"
 #include "layer/text.h"
 
 namespace host {
@@ -19,132 +16,196 @@ constexpr std::int64_t kMaxDrain = 1 << 20;
 // Digits of a chunk's size that can't overflow it.
 constexpr std::size_t kMaxSizeDigits = 15;
 
-// Two readers that take different bytes for a blank could disagree on where a
-// body ends, so only this one is.
-static std::string_view trimmed(std::string_view text) {
-  return trimmed(text, " ");
+// What waits of a body at most while lines are read from it.
+constexpr std::size_t kReadAhead = 16 << 10;
+
+constexpr std::int64_t kSmallChunk = 4 << 10;
+
+constexpr std::int64_t kMilliseconds = 1000;
+
+static std::int64_t now() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-static bool isWord(const char* value, std::string_view word) {
-  return equalsNoCase(trimmed(value), word);
-}
-
-int RequestBody::open(const mg_request_info* info) {
-  bool counted = false;
-  bool http11 = info->http_version && std::strcmp(info->http_version, "1.1") == 0;
-  for (int i = 0; i < info->num_headers; ++i) {
-    const mg_header& header = info->http_headers[i];
-    if (strcasecmp(header.name, "Content-Length") == 0) {
-      left_ = numberOf(trimmed(header.value));
-      if (counted || left_ < 0) return kBadRequest;
-      counted = true;
-    } else if (strcasecmp(header.name, "Transfer-Encoding") == 0) {
-      if (chunked_ || !http11 || !isWord(header.value, "chunked")) return kBadRequest;
-      chunked_ = true;
-    } else if (strcasecmp(header.name, "Expect") == 0 && http11) {
-      if (!isWord(header.value, "100-continue")) return kExpectationFailed;
-      continueWaits_ = true;
-    }
-  }
-  if (chunked_ && counted) return kBadRequest;
+void RequestBody::open(const RequestHead& head) {
+  chunked_ = head.chunked;
+  left_ = head.length;
   ended_ = !chunked_ && left_ == 0;
-  return 0;
+  continueWaits_ = head.expectsContinue;
+}
+
+bool RequestBody::tooLong() const {
+  return limits_.requestBody > 0 && taken_ + left_ > limits_.requestBody;
 }
 
 bool RequestBody::takeContinue() {
-  bool waits = continueWaits_ && !ended_;
+  const bool waits = continueWaits_ && !ended_;
   continueWaits_ = false;
   return waits;
 }
 
-int RequestBody::readCounted(mg_connection* connection, unsigned char* buffer, int size) {
-  ClientInput& input = ClientInput::ofThread();
-  if (input.waiting().empty() && input.fill() <= 0) return -1;
-  auto come = static_cast<std::int64_t>(input.waiting().size());
-  std::int64_t count = std::min({std::int64_t{size}, left_, come});
-  if (mg_read(connection, buffer, static_cast<std::size_t>(count)) != count) return -1;
-  left_ -= count;
-  ended_ = left_ == 0;
+int RequestBody::refuse(const char* limit) {
+  limitMet_ = limit;
+  return -1;
+}
+
+// A client that sends a byte every now and then holds a thread for as long as it
+// likes, were there not a rate that it has to keep over all of its pauses.
+bool RequestBody::patienceIsOver(std::int64_t waited, std::int64_t came) {
+  waited_ += waited;
+  if (limits_.minBodyRate == 0) return false;
+  const std::int64_t earned = (taken_ + came) * kMilliseconds / limits_.minBodyRate;
+  return waited_ > limits_.bodyTimeout * kMilliseconds + earned;
+}
+
+// Waits for bytes if none has come. The clock is asked only where there is
+// something to wait for.
+int RequestBody::receive(char* to, std::size_t size) {
+  ssize_t count = client_->channel->receive(to, size, Wait::brief);
+  if (count >= 0) return static_cast<int>(count);
+  const std::int64_t begin = now();
+  while (count < 0) {
+    if (errno != EAGAIN && errno != EINTR) return -1;
+    const std::int64_t left = begin + limits_.bodyTimeout * kMilliseconds - now();
+    if (left <= 0) return refuse("BodyTimeout");
+    if (client_->channel->wait(static_cast<int>(left)) == 0) return refuse("BodyTimeout");
+    count = client_->channel->receive(to, size, Wait::none);
+  }
+  if (patienceIsOver(now() - begin, count)) return refuse("MinBodyRate");
   return static_cast<int>(count);
 }
 
-// The length of the line that begins at `start`, with its end; 0 when the
-// client leaves before it is there.
-static std::size_t waitForLine(ClientInput* input, std::size_t start) {
+// Behind what waits: for lines, which must be whole before they can be read.
+bool RequestBody::receiveMore() {
+  const auto most = std::max(kReadAhead, static_cast<std::size_t>(limits_.trailers));
+  const std::span<char> room = client_->input.makeRoom(most);
+  if (room.empty()) return false;
+  const int count = receive(room.data(), room.size());
+  if (count > 0) client_->input.add(static_cast<std::size_t>(count));
+  return count > 0;
+}
+
+// Bytes of a body go to the reader without a stay, unless they came with others. Of
+// a small chunk the next line is likely to come with it.
+int RequestBody::readBytes(char* buffer, std::size_t size) {
+  const bool small = chunked_ && left_ < kSmallChunk;
+  if (small && client_->input.waiting().empty() && !receiveMore()) return -1;
+  size = static_cast<std::size_t>(std::min(static_cast<std::int64_t>(size), left_));
+  const std::string_view waiting = client_->input.waiting();
+  int count = static_cast<int>(std::min(size, waiting.size()));
+  if (count > 0) {
+    std::memcpy(buffer, waiting.data(), static_cast<std::size_t>(count));
+    client_->input.take(static_cast<std::size_t>(count));
+  } else {
+    count = receive(buffer, size);
+    if (count <= 0) return -1;
+  }
+  left_ -= count;
+  taken_ += count;
+  return count;
+}
+
+// The next line, with its end, once it is there whole; empty when it isn't to
+// come, or is longer than `most`. It must be taken.
+std::string_view RequestBody::readLine(std::int64_t most) {
   while (true) {
-    std::string_view bytes = input->waiting().substr(start);
-    std::size_t end = bytes.find('\n');
-    if (end != std::string_view::npos) return end + 1;
-    if (input->fill() <= 0) return 0;
+    const std::string_view waiting = client_->input.waiting();
+    const std::size_t end = waiting.find('\n');
+    const std::size_t size = end == std::string_view::npos ? waiting.size() : end + 1;
+    if (size > static_cast<std::size_t>(most)) {
+      (void)refuse("LimitTrailers");
+      return {};
+    }
+    if (end != std::string_view::npos) return waiting.substr(0, size);
+    if (!receiveMore()) return {};
   }
 }
 
-// Reads a chunk's line, where it stands; CivetWeb will read it again. It knows
-// no extensions, so they are taken out.
+// The end of line that stands behind a chunk's bytes.
+bool RequestBody::endLine() {
+  constexpr std::string_view kLineEnd = "\r\n";
+  while (client_->input.waiting().size() < kLineEnd.size()) {
+    if (!client_->input.waiting().empty() && client_->input.waiting()[0] != '\r') break;
+    if (!receiveMore()) return false;
+  }
+  const bool there = client_->input.waiting().starts_with(kLineEnd);
+  if (there) client_->input.take(kLineEnd.size());
+  return there;
+}
+
+// A control byte within a line is where two readers see two ends.
+static bool isCleanLine(std::string_view line) {
+  if (!line.ends_with("\r\n")) return false;
+  line.remove_suffix(2);
+  return std::all_of(line.begin(), line.end(), [](char c) {
+    return c == '\t' || (static_cast<unsigned char>(c) >= ' ' && c != '\x7f');
+  });
+}
+
+// The size of a chunk; extensions mean nothing here. -1 for a line that is none.
+static std::int64_t chunkSize(std::string_view line) {
+  if (!isCleanLine(line)) return -1;
+  line.remove_suffix(2);
+  const std::size_t end = std::min(line.find(';'), line.size());
+  std::string_view digits = line.substr(0, end);
+  if (end < line.size()) digits = trimmed(digits, kBlanks);
+  return digits.size() > kMaxSizeDigits ? -1 : numberOf(digits, 16);
+}
+
 bool RequestBody::openChunk() {
-  ClientInput& input = ClientInput::ofThread();
-  std::size_t line = waitForLine(&input, 0);
-  std::string_view text = input.waiting().substr(0, line);
-  if (line < 2 || text[line - 2] != '\r') return false;
-  text.remove_suffix(2);
-  std::size_t digits = std::min(text.find(';'), text.size());
-  std::size_t end = trimmed(text.substr(0, digits)).size();
-  left_ = end > kMaxSizeDigits ? -1 : numberOf(text.substr(0, end), 16);
-  if (left_ < 0) return false;
-  input.erase(end, text.size() - end);
-  chunkLine_ = static_cast<std::int64_t>(end + 2);
+  const std::string_view line = readLine(limits_.trailers);
+  const std::int64_t size = line.empty() ? -1 : chunkSize(line);
+  if (size < 0) return false;
+  client_->input.take(line.size());
+  left_ = size;
+  inChunk_ = size > 0;
+  return size > 0 || readTrailers();
+}
+
+// Nobody asks for trailers, so they are dropped; their end is the body's.
+bool RequestBody::readTrailers() {
+  std::int64_t room = limits_.trailers;
+  while (true) {
+    const std::string_view line = readLine(room);
+    if (!isCleanLine(line)) return false;
+    room -= static_cast<std::int64_t>(line.size());
+    const bool last = line.size() == 2;
+    client_->input.take(line.size());
+    if (last) break;
+  }
+  ended_ = true;
   return true;
 }
 
-// Behind the last chunk's line: trailers, which nobody asks for and which are
-// taken out, and the empty line.
-int RequestBody::endChunks(mg_connection* connection) {
-  ClientInput& input = ClientInput::ofThread();
-  auto start = static_cast<std::size_t>(chunkLine_);
-  std::size_t line;
-  while ((line = waitForLine(&input, start)) > 2) input.erase(start, line);
-  if (line != 2 || input.waiting()[start] != '\r') return -1;
-  unsigned char none;
-  if (mg_read(connection, &none, 1) != 0) return -1;
-  ended_ = true;
-  return 0;
-}
-
-int RequestBody::readChunk(mg_connection* connection, unsigned char* buffer, int size) {
-  ClientInput& input = ClientInput::ofThread();
+int RequestBody::readChunk(char* buffer, std::size_t size) {
   if (left_ == 0) {
+    if (inChunk_ && !endLine()) return -1;
     if (!openChunk()) return -1;
-    if (left_ == 0) return endChunks(connection);
+    if (ended_) return 0;
+    if (tooLong()) return refuse("LimitRequestBody");
   }
-  auto come = static_cast<std::int64_t>(input.waiting().size()) - chunkLine_;
-  if (come == 0) {
-    if (input.fill() <= 0) return -1;
-    come = static_cast<std::int64_t>(input.waiting().size()) - chunkLine_;
-  }
-  std::int64_t count = std::min({std::int64_t{size}, left_, come});
-  if (mg_read(connection, buffer, static_cast<std::size_t>(count)) != count) return -1;
-  chunkLine_ = 0;
-  left_ -= count;
-  return static_cast<int>(count);
+  return readBytes(buffer, size);
 }
 
-int RequestBody::read(mg_connection* connection, unsigned char* buffer, int size) {
+int RequestBody::read(char* buffer, int size) {
   if (broken_) return -1;
   if (ended_ || size <= 0) return 0;
-  int count = chunked_ ? readChunk(connection, buffer, size)
-                       : readCounted(connection, buffer, size);
+  const auto most = static_cast<std::size_t>(size);
+  const int count = chunked_ ? readChunk(buffer, most) : readBytes(buffer, most);
   broken_ = count < 0;
+  if (!chunked_) ended_ = left_ == 0;
   return count;
 }
 
 // A client that still waits for its word may send the body or not: nobody can
 // tell what its next bytes are.
-bool RequestBody::drain(mg_connection* connection) {
-  bool cheap = !continueWaits_ && (chunked_ || left_ <= kMaxDrain);
-  unsigned char buffer[8192];
+bool RequestBody::drain() {
+  const bool cheap = !continueWaits_ && (chunked_ || left_ <= kMaxDrain);
+  char buffer[8192];
   std::int64_t drained = 0;
   while (cheap && !ended_ && drained <= kMaxDrain) {
-    int count = read(connection, buffer, sizeof(buffer));
+    const int count = read(buffer, sizeof(buffer));
     if (count < 0) return false;
     drained += count;
   }

@@ -12,10 +12,6 @@
 
 namespace host {
 
-// A block leaves in slices of this size, so that the time limit of a write
-// covers a slice and copying a slice behind the head stays cheap.
-constexpr std::size_t kSlice = 65536;
-
 // What stands for itself in a header name besides letters and digits.
 constexpr std::string_view kNameMarks = "!#$%&'*+-.^_`|~";
 
@@ -122,34 +118,42 @@ void ResponseWriter::start(ResponseHead head) {
   started_ = headWaits_ = true;
 }
 
-bool ResponseWriter::send(const char* bytes, std::size_t size) {
+bool ResponseWriter::send(std::span<iovec> parts, bool more) {
   if (failed_) return false;
-  failed_ = !sink_->send(bytes, size);
+  failed_ = !sink_->send(parts, more);
   return !failed_;
+}
+
+// The API of sockets knows no const; nobody writes through these.
+static iovec part(std::string_view bytes) {
+  return {const_cast<char*>(bytes.data()), bytes.size()};
+}
+
+// The head if it still waits, and else nothing.
+iovec ResponseWriter::takeHead() {
+  const bool waits = headWaits_;
+  headWaits_ = false;
+  return part(waits ? std::string_view(head_.text) : std::string_view());
 }
 
 bool ResponseWriter::sendHead() {
   if (!headWaits_) return !failed_;
-  headWaits_ = false;
-  return send(head_.text.data(), head_.text.size());
+  iovec parts[] = {takeHead()};
+  return send(parts, false);
 }
 
-// One slice: whatever must go with it stands in one buffer, and a slice that
-// goes alone isn't copied.
+// Whatever must go with a block leaves with it, and nothing is copied for that.
 bool ResponseWriter::sendBlock(const char* bytes, std::size_t size) {
-  bool chunked = head_.framing == Framing::chunked;
-  if (!headWaits_ && !chunked) return send(bytes, size);
-  buffer_.clear();
-  if (headWaits_) buffer_ = head_.text;
-  headWaits_ = false;
-  if (chunked) {
-    char line[24];
-    (void)std::snprintf(line, sizeof(line), "%zx\r\n", size);
-    buffer_ += line;
+  char line[24] = "";
+  int lineSize = 0;
+  std::string_view end;
+  if (head_.framing == Framing::chunked) {
+    lineSize = std::snprintf(line, sizeof(line), "%zx\r\n", size);
+    end = "\r\n";
   }
-  buffer_.append(bytes, size);
-  if (chunked) buffer_ += "\r\n";
-  return send(buffer_.data(), buffer_.size());
+  iovec parts[] = {takeHead(), part({line, static_cast<std::size_t>(lineSize)}),
+                   part({bytes, size}), part(end)};
+  return send(parts, false);
 }
 
 bool ResponseWriter::write(const char* bytes, std::size_t size) {
@@ -158,12 +162,16 @@ bool ResponseWriter::write(const char* bytes, std::size_t size) {
     size = std::min(size, static_cast<std::size_t>(left_));
     left_ -= static_cast<std::int64_t>(size);
   }
-  while (size > 0) {
-    std::size_t slice = std::min(size, kSlice);
-    if (!sendBlock(bytes, slice)) return false;
-    bytes += slice;
-    size -= slice;
-  }
+  return size > 0 ? sendBlock(bytes, size) : !failed_;
+}
+
+bool ResponseWriter::writeFile(int file, std::int64_t offset, std::int64_t count) {
+  if (head_.framing != Framing::counted) return !failed_;
+  count = std::min(count, left_);
+  iovec parts[] = {takeHead()};
+  if (!send(parts, true)) return false;
+  failed_ = !sink_->sendFile(file, offset, count);
+  if (!failed_) left_ -= count;
   return !failed_;
 }
 
@@ -188,11 +196,10 @@ bool ResponseWriter::cut() {
 bool ResponseWriter::finish(bool keep) {
   if (!started_) return false;
   if (!keep && headWaits_ && !head_.close) announceClose();
-  buffer_.clear();
-  if (headWaits_) buffer_ = head_.text;
-  headWaits_ = false;
-  if (head_.framing == Framing::chunked) buffer_ += "0\r\n\r\n";
-  if (!buffer_.empty() && !send(buffer_.data(), buffer_.size())) return false;
+  const bool chunked = head_.framing == Framing::chunked;
+  iovec parts[] = {takeHead(), part(chunked ? "0\r\n\r\n" : "")};
+  const bool some = parts[0].iov_len + parts[1].iov_len > 0;
+  if (some && !send(parts, false)) return false;
   return !failed_ && left_ == 0 && !head_.close;
 }
 

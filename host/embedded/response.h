@@ -8,7 +8,10 @@
 // Units: bytes.
 #pragma once
 
+#include <sys/uio.h>
+
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -50,8 +53,11 @@ struct HeadSettings {
 class ByteSink {
  public:
   virtual ~ByteSink() = default;
-  // Sends all bytes: false when the client can't be reached. Blocks.
-  virtual bool send(const char* bytes, std::size_t size) = 0;
+  // Sends all parts, which it uses up, in one write if the client takes them: false
+  // when it can't be reached. With `more`, bytes follow at once. Blocks.
+  virtual bool send(std::span<iovec> parts, bool more) = 0;
+  // Sends a part of a file: false, too, when the file has shrunk. Blocks.
+  virtual bool sendFile(int file, std::int64_t offset, std::int64_t count) = 0;
 };
 
 class ResponseWriter {
@@ -73,6 +79,9 @@ class ResponseWriter {
   // earlier.
   [[nodiscard]] bool write(const char* bytes, std::size_t size);
 
+  // The same for a part of a file. REQUIRES: the body is counted.
+  [[nodiscard]] bool writeFile(int file, std::int64_t offset, std::int64_t count);
+
   // Sends the head alone if it is still waiting.
   [[nodiscard]] bool sendHead();
 
@@ -89,12 +98,12 @@ class ResponseWriter {
 
  private:
   [[nodiscard]] bool sendBlock(const char* bytes, std::size_t size);
-  [[nodiscard]] bool send(const char* bytes, std::size_t size);
+  [[nodiscard]] bool send(std::span<iovec> parts, bool more);
+  [[nodiscard]] iovec takeHead();
   void announceClose();
 
   ByteSink* sink_;
   ResponseHead head_{};
-  std::string buffer_;     // what leaves in one write
   std::int64_t left_ = 0;  // of a counted body
   bool started_ = false;
   bool headWaits_ = false;

@@ -1,8 +1,10 @@
 #include "embedded/run_request.h"
 
 #include <new>
+#include <utility>
 
 #include "embedded/pages.h"
+#include "embedded/static_file.h"
 #include "layer/judge.h"
 #include "layer/outcome.h"
 #include "layer/parameters.h"
@@ -11,18 +13,51 @@
 
 namespace host {
 
+// The status of a head that isn't read at all.
+static int statusOf(HeadState state) {
+  switch (state) {
+    case HeadState::tooLong:
+      return kHeadTooLarge;
+    case HeadState::uriTooLong:
+      return kUriTooLong;
+    case HeadState::malformed:
+    case HeadState::incomplete:
+    case HeadState::complete:
+      break;
+  }
+  return kBadRequest;
+}
+
+// The limit that a head has met, or null.
+static const char* limitOf(HeadState state, int status) {
+  if (status == kUriTooLong) return "LimitRequestUri";
+  if (status != kHeadTooLarge) return nullptr;
+  return state == HeadState::complete ? "LimitRequestFields" : "LimitRequestHead";
+}
+
+void takeHead(ServerState* server, Client* client, ReadHead* read) {
+  const HeadScan scan = std::exchange(client->scan, {});
+  if (scan.state == HeadState::complete) {
+    const std::string_view bytes = client->input.waiting().substr(0, scan.size);
+    read->status = readHead(bytes, server->config->limits, &read->head);
+    client->input.take(scan.size);
+  } else {
+    read->head = {};
+    read->status = statusOf(scan.state);
+  }
+  const char* limit = limitOf(scan.state, read->status);
+  if (limit) server->limitLog->tell(limit, client->address);
+}
+
 static void dropInternalType(HostRequest* request) {
   if (!isInternalType(findValue(request->srvhdrs, "content-type"))) return;
   freeParameter(findParameter(request->srvhdrs, "content-type", true));
 }
 
-static bool serveStatic(ServerState* server, HostRequest* request) {
+static bool serveStatic(ServerState* server, HttpExchange* exchange,
+                        HostRequest* request) {
   dropInternalType(request);
-  const char* path = findValue(request->vars, "path");
-  const char* uri = findValue(request->reqpb, "uri");
-  const std::string& root = server->config->documentRoot;
-  if (path) return sendStaticFile(request, path);
-  return sendStaticFile(request, root.empty() || !uri ? "" : root + uri);
+  return sendStaticFile(exchange, request, *server->config);
 }
 
 static void serveFailure(HostRequest* request) {
@@ -40,10 +75,11 @@ static int runStages(const Stages& stages, HostRequest* request) {
 
 // Gives the browser what the stages have come to where nothing was started: the answer
 // that the response is by then.
-static Answer giveAnswer(ServerState* server, HostRequest* request, Answer answer) {
+static Answer giveAnswer(ServerState* server, HttpExchange* exchange,
+                         HostRequest* request, Answer answer) {
   switch (answer) {
     case Answer::none:
-      return serveStatic(server, request) ? Answer::whole : Answer::broken;
+      return serveStatic(server, exchange, request) ? Answer::whole : Answer::broken;
     case Answer::failure:
       serveFailure(request);
       return Answer::whole;
@@ -58,31 +94,49 @@ static Answer giveAnswer(ServerState* server, HostRequest* request, Answer answe
   return answer;
 }
 
+// An answer of the server's own to a request that no stage is to see.
+static void refuse(HttpExchange* exchange, HostRequest* request, int status) {
+  const bool harmless = status == kNotImplemented || status == kMethodNotAllowed;
+  if (!harmless) exchange->closeAfterwards();
+  const bool allow = harmless && status == kMethodNotAllowed;
+  if (allow) (void)addParameter(request->srvhdrs, "allow", kAllowedMethods);
+  sendErrorPage(request, status, nullptr);
+}
+
+// `OPTIONS *` asks for nothing but a sign of life.
+static Answer answerForServer(HostRequest* request) {
+  (void)addParameter(request->srvhdrs, "allow", kAllowedMethods);
+  (void)addParameter(request->srvhdrs, "content-length", "0");
+  (void)startResponse(request);
+  return Answer::whole;
+}
+
 // Without memory for the records there is nobody to ask and nothing to answer
 // with: the connection just ends.
 static Answer readAndAnswer(ServerState* server, HttpExchange* exchange,
-                            HostRequest* request) {
+                            HostRequest* request, const ReadHead& read) {
   if (!openRequest(request, exchange)) return Answer::broken;
-  int refusal = exchange->readHead(request);
-  if (refusal) {
-    exchange->closeAfterwards();
-    sendErrorPage(request, refusal, nullptr);
+  int status = read.status;
+  if (status == 0 && read.head.path == "*") return answerForServer(request);
+  if (status == 0) status = exchange->openRecords(request);
+  if (status) {
+    refuse(exchange, request, status);
     return Answer::whole;
   }
   const int result = runStages(*server->stages, request);
   if (endsConnection(result)) exchange->closeAfterwards();
-  return giveAnswer(server, request, judgeRequest(*request, result));
+  return giveAnswer(server, exchange, request, judgeRequest(*request, result));
 }
 
-int runRequest(ServerState* server, mg_connection* connection) try {
-  HttpExchange exchange(server, connection);
+Fate runRequest(ServerState* server, Client* client, const ReadHead& read) try {
+  HttpExchange exchange(server, client, read.head);
   HostRequest request;
   RunningRequest running(&request);
-  exchange.finish(readAndAnswer(server, &exchange, &request));
-  return request.status_num > 0 ? request.status_num : kServerError;
+  const Answer answer = readAndAnswer(server, &exchange, &request, read);
+  const Fate fate = exchange.finish(answer);
+  return read.status && fate != Fate::keep ? Fate::part : fate;
 } catch (const std::bad_alloc&) {
-  mg_disable_connection_keep_alive(connection);
-  return kServerError;
+  return Fate::close;
 }
 
 }  // namespace host

@@ -9,8 +9,16 @@
 
 namespace host {
 
-// Serves the request that CivetWeb has read on a connection. Gives the status
-// of the response. Blocks until the response has ended.
-int runRequest(ServerState* server, mg_connection* connection);
+// A head that has been taken out of a client's input.
+struct ReadHead {
+  int status = 0;  // or that of the answer which the server gives by itself
+  RequestHead head{};
+};
+
+// Takes the client's next head out of its input. REQUIRES: its scan has settled it.
+void takeHead(ServerState* server, Client* client, ReadHead* read);
+
+// Serves the request of a head. Blocks until the response has ended.
+[[nodiscard]] Fate runRequest(ServerState* server, Client* client, const ReadHead& read);
 
 }  // namespace host

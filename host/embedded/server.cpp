@@ -1,177 +1,296 @@
 #include "embedded/server.h"
 
-#include <dirent.h>
-#include <netinet/in.h>
+#include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 
-#include "embedded/client_input.h"
+#include "embedded/acceptor.h"
+#include "embedded/address.h"
 #include "embedded/run_request.h"
+#include "embedded/waiting_room.h"
+#include "embedded/workers.h"
 
 namespace host {
 
-constexpr int kMaxListeners = 64;
+namespace asio = boost::asio;
+using Error = boost::system::error_code;
 
-static ServerState* stateOf(mg_connection* connection) {
-  return static_cast<ServerState*>(mg_get_user_data(mg_get_context(connection)));
+// How often a stopping server looks whether the last request has ended, and how
+// long one that has lost its client may take to notice.
+constexpr std::chrono::milliseconds kStopPoll{20};
+constexpr std::chrono::seconds kCutTime{1};
+
+class Server::Loop {
+ public:
+  explicit Loop(ServerState* state);
+
+  std::string bind();
+  std::string start();
+  int run(void (*reopen)());
+
+  [[nodiscard]] const std::vector<Listener>& listeners() const {
+    return listeners_;
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  [[nodiscard]] const Limits& limits() const {
+    return state_->config->limits;
+  }
+  Acceptor::Settings acceptorSettings();
+  bool mayAccept();
+  void acceptFailed(const char* reason);
+  void welcome(int socket, const sockaddr_storage& peer, LocalSide local);
+  Ending serve(Client* client);
+  bool awaitHead(Client* client, Ending* ending);
+  void handBack(std::unique_ptr<Client> client, Ending ending);
+  void settle(std::unique_ptr<Client> client, Ending ending);
+  std::string watchSignals();
+  void awaitSignal();
+  void onSignal(int number);
+  void stop();
+  void pollStop();
+
+  ServerState* state_;
+  asio::io_context loop_{1};
+  std::atomic<int> clients_{0};
+  std::vector<Listener> listeners_;
+  std::deque<Acceptor> acceptors_;
+  WaitingRoom room_;
+  asio::posix::stream_descriptor signals_;
+  asio::steady_timer stopTimer_;
+  Clock::time_point stopTime_{};  // at which running requests are cut off
+  bool cut_ = false;
+  void (*reopen_)() = nullptr;
+  Workers workers_;  // ends first: its threads use all of the others
+};
+
+Server::Loop::Loop(ServerState* state)
+    : state_(state),
+      room_(&loop_, {&state->config->limits, state->limitLog,
+                     [this](std::unique_ptr<Client> client) {
+                       workers_.add(std::move(client));
+                     }}),
+      signals_(loop_),
+      stopTimer_(loop_),
+      workers_([this](Client* client) { return serve(client); },
+               [this](std::unique_ptr<Client> client, Ending ending) {
+                 handBack(std::move(client), ending);
+               }) {}
+
+// --- clients that come ----------------------------------------------------------
+
+std::string Server::Loop::bind() {
+  for (const ListenLine& line : state_->config->listeners) {
+    listeners_.emplace_back();
+    const std::string reason = openListener(line, limits(), &listeners_.back());
+    if (!reason.empty()) return line.where + ": " + reason;
+  }
+  const std::string address = unclaimedSocket(listeners_);
+  if (address.empty()) return {};
+  return "the service manager passes a socket of " + address +
+         ", which no Listen line names";
 }
 
-static int onRequest(mg_connection* connection) {
-  ServerState* state = stateOf(connection);
-  ++state->running;
-  int status = runRequest(state, connection);
-  --state->running;
-  return status;
+Acceptor::Settings Server::Loop::acceptorSettings() {
+  return {[this] { return mayAccept(); },
+          [this](const char* reason) { acceptFailed(reason); },
+          [this](int socket, const sockaddr_storage& peer, LocalSide local) {
+            welcome(socket, peer, local);
+          }};
 }
 
-static void* onThread(const mg_context*, int type) {
-  if (type == 0) ClientInput::ofThread().becomeListener();
-  return nullptr;
+std::string Server::Loop::start() {
+  for (const Listener& listener : listeners_) {
+    const std::string reason = startListening(listener);
+    if (!reason.empty()) return reason;
+    acceptors_.emplace_back(&loop_, listener, acceptorSettings()).start();
+  }
+  workers_.start(static_cast<std::size_t>(limits().threads));
+  return watchSignals();
 }
 
-static int onConnection(const mg_connection*, void**) {
-  (void)ClientInput::ofThread().open();  // without memory, bodies can't be read
-  return 0;
+// The client that has been quiet for longest makes room for one that has something
+// to say.
+bool Server::Loop::mayAccept() {
+  if (clients_ < limits().maxConnections || room_.closeIdlest()) return true;
+  state_->limitLog->tellLoss("MaxConnections is met, and none of them is idle");
+  return false;
 }
 
-static void onClose(const mg_connection*) {
-  ClientInput::ofThread().close();
+void Server::Loop::acceptFailed(const char* reason) {
+  state_->limitLog->tellLoss(reason);
+  (void)room_.closeIdlest();
 }
 
-static int onLogMessage(const mg_connection* connection, const char* message) {
-  auto* state = static_cast<ServerState*>(mg_get_user_data(mg_get_context(connection)));
-  if (state) state->log->write(LOG_WARN, "civetweb", message);
-  return 1;
+// A client's first head has often come with it, and then it needs no place in the
+// room.
+void Server::Loop::welcome(int socket, const sockaddr_storage& peer,
+                           LocalSide local) try {
+  auto channel = openPlainChannel(socket);
+  if (!channel) return;
+  auto client = std::make_unique<Client>(&clients_);
+  client->channel = std::move(channel);
+  client->peer = peer;
+  client->address = addressText(peer);
+  client->local = local;
+  const auto most = static_cast<std::size_t>(limits().requestHead) + 1;
+  const ssize_t count = receiveInput(client.get(), most, Wait::none);
+  if (count == 0 || (count < 0 && errno != EAGAIN)) return;
+  const bool whole = nextHead(client.get(), limits()) != HeadState::incomplete;
+  whole ? workers_.add(std::move(client)) : room_.enter(std::move(client));
+} catch (const std::exception& error) {
+  state_->limitLog->tellLoss(error.what());
 }
 
-Server::~Server() {
+// --- clients that are served ----------------------------------------------------
+
+// Waits for the next head of a client that has been served, for as long as that
+// costs nobody else a thread: true when it is there.
+bool Server::Loop::awaitHead(Client* client, Ending* ending) {
+  const auto most = static_cast<std::size_t>(limits().requestHead) + 1;
+  *ending = Ending::close;
+  while (nextHead(client, limits()) == HeadState::incomplete) {
+    if (state_->stopping) return false;
+    *ending = Ending::wait;
+    if (!workers_.plenty()) return false;
+    const ssize_t count = receiveInput(client, most, Wait::brief);
+    if (count < 0 && errno == EAGAIN) return false;
+    *ending = Ending::close;
+    if (count <= 0) return false;
+  }
+  return true;
+}
+
+Ending Server::Loop::serve(Client* client) {
+  ReadHead read;
+  Ending ending;
+  do {
+    takeHead(state_, client, &read);
+    const Fate fate = runRequest(state_, client, read);
+    client->served = true;
+    if (fate == Fate::close) return Ending::close;
+    if (fate == Fate::part) return Ending::part;
+    if (!awaitHead(client, &ending)) return ending;
+  } while (!workers_.busy());
+  return Ending::again;
+}
+
+// On the thread of a worker.
+void Server::Loop::handBack(std::unique_ptr<Client> client, Ending ending) {
+  asio::post(loop_, [this, ending, held = std::move(client)]() mutable {
+    settle(std::move(held), ending);
+  });
+}
+
+void Server::Loop::settle(std::unique_ptr<Client> client, Ending ending) try {
+  if (ending == Ending::part) {
+    room_.part(std::move(client));
+  } else if (!state_->stopping) {
+    room_.enter(std::move(client));
+  }
+} catch (const std::exception& error) {
+  state_->limitLog->tellLoss(error.what());
+}
+
+// --- signals ----------------------------------------------------------------------
+
+std::string Server::Loop::watchSignals() {
+  sigset_t set;
+  (void)sigemptyset(&set);
+  for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGUSR1})
+    (void)sigaddset(&set, number);
+  const int file = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+  if (file < 0) return std::string("can't wait for signals: ") + std::strerror(errno);
+  signals_.assign(file);
+  awaitSignal();
+  return {};
+}
+
+void Server::Loop::awaitSignal() {
+  signals_.async_wait(
+      asio::posix::stream_descriptor::wait_read, [this](const Error& error) {
+        if (error) return;
+        signalfd_siginfo info{};
+        const bool came =
+            read(signals_.native_handle(), &info, sizeof(info)) == sizeof(info);
+        if (came) onSignal(static_cast<int>(info.ssi_signo));
+        awaitSignal();
+      });
+}
+
+// A second signal ends the process at once, with whatever is in progress.
+void Server::Loop::onSignal(int number) {
+  if (number == SIGHUP || number == SIGUSR1) return reopen_();
+  if (state_->stopping) std::_Exit(1);
   stop();
 }
 
-static std::string joined(const Config& config) {
-  std::string ports;
-  for (const auto& [listener, where] : config.listeners) {
-    ports += (ports.empty() ? "" : ",") + listener;
-  }
-  return ports;
+void Server::Loop::stop() {
+  (void)sd_notify(0, "STOPPING=1");
+  state_->stopping = true;
+  for (Acceptor& acceptor : acceptors_) acceptor.stop();
+  room_.closeWaiting();
+  workers_.finish();
+  stopTime_ = Clock::now() + std::chrono::seconds(limits().stopTimeout);
+  pollStop();
 }
 
-std::string Server::start() {
-  std::string ports = joined(*state_->config);
-  std::string threads = std::to_string(state_->config->threads);
-  std::string timeout = std::to_string(kClientTimeout);
-  // The time limit covers one wait for the client, not a request: a plug-in may
-  // take as long as it likes. CivetWeb serves no file and judges no URI.
-  const char* options[] = {"listening_ports",
-                           ports.c_str(),
-                           "num_threads",
-                           threads.c_str(),
-                           "request_timeout_ms",
-                           timeout.c_str(),
-                           "enable_keep_alive",
-                           "yes",
-                           "keep_alive_timeout_ms",
-                           "15000",
-                           "tcp_nodelay",
-                           "1",
-                           "max_request_size",
-                           "65536",
-                           "decode_url",
-                           "no",
-                           "enable_auth_domain_check",
-                           "no",
-                           nullptr};
-  mg_callbacks callbacks{};
-  callbacks.begin_request = onRequest;
-  callbacks.init_thread = onThread;
-  callbacks.init_connection = onConnection;
-  callbacks.connection_close = onClose;
-  callbacks.log_message = onLogMessage;
-  char text[256] = "";
-  unsigned code = 0;
-  mg_error_data error{&code, text, sizeof(text)};
-  mg_init_data init{&callbacks, state_, options};
-  (void)mg_init_library(0);
-  context_ = mg_start2(&init, &error);
-  if (context_) return {};
-  return "can't listen on " + ports + ": " + (text[0] ? text : "no reason given");
+// Requests that are still running at the end of their time lose their clients, which
+// ends all but those that wait for somebody else.
+void Server::Loop::pollStop() {
+  const auto now = Clock::now();
+  if (workers_.running() == 0 && room_.empty()) return loop_.stop();
+  if (now >= stopTime_ + kCutTime) return loop_.stop();
+  if (now >= stopTime_ && !cut_) workers_.cut();
+  cut_ = now >= stopTime_;
+  stopTimer_.expires_after(kStopPoll);
+  stopTimer_.async_wait([this](const Error& error) {
+    if (!error) pollStop();
+  });
+}
+
+int Server::Loop::run(void (*reopen)()) {
+  reopen_ = reopen;
+  (void)loop_.run();
+  return workers_.running();
+}
+
+// --- the server -------------------------------------------------------------------
+
+Server::Server(ServerState* state)
+    : state_(state), loop_(std::make_unique<Loop>(state)) {}
+
+Server::~Server() = default;
+
+std::string Server::bind() {
+  return loop_->bind();
 }
 
 std::vector<std::string> Server::addresses() const {
-  mg_server_port ports[kMaxListeners]{};
-  int count = mg_get_server_ports(context_, kMaxListeners, ports);
-  std::vector<std::string> addresses;
-  for (int i = 0; i < count; ++i) {
-    const std::string& wanted =
-        state_->config->listeners[static_cast<std::size_t>(i)].first;
-    addresses.push_back("http://" + wanted.substr(0, wanted.rfind(':') + 1) +
-                        std::to_string(ports[i].port));
-  }
-  return addresses;
+  std::vector<std::string> urls;
+  for (const Listener& listener : loop_->listeners()) urls.push_back(listener.url);
+  return urls;
 }
 
-static bool accepts(int file) {
-  int accepting = 0;
-  socklen_t size = sizeof(accepting);
-  return getsockopt(file, SOL_SOCKET, SO_ACCEPTCONN, &accepting, &size) == 0 && accepting;
+std::string Server::start() {
+  return loop_->start();
 }
 
-static int localPort(int file) {
-  sockaddr_storage address{};
-  socklen_t size = sizeof(address);
-  if (getsockname(file, reinterpret_cast<sockaddr*>(&address), &size) < 0) return -1;
-  if (address.ss_family == AF_INET) {
-    return ntohs(reinterpret_cast<const sockaddr_in*>(&address)->sin_port);
-  }
-  if (address.ss_family == AF_INET6) {
-    return ntohs(reinterpret_cast<const sockaddr_in6*>(&address)->sin6_port);
-  }
-  return -1;
-}
-
-static std::vector<int> openFiles() {
-  std::vector<int> files;
-  DIR* folder = opendir("/proc/self/fd");
-  if (!folder) return files;
-  while (const dirent* entry = readdir(folder)) {
-    int file = std::atoi(entry->d_name);
-    if (entry->d_name[0] != '.' && file != dirfd(folder)) files.push_back(file);
-  }
-  (void)closedir(folder);
-  return files;
-}
-
-// CivetWeb can stop listening only together with everything else, so its
-// sockets are found among the open files. They are shut down and not closed: a
-// number that was free again could name a client's socket by the time CivetWeb
-// polls it.
-void Server::stopListening() {
-  if (!context_) return;
-  state_->stopping = true;
-  ClientInput::refuseClients();
-  mg_server_port ports[kMaxListeners]{};
-  int count = mg_get_server_ports(context_, kMaxListeners, ports);
-  for (int file : openFiles()) {
-    int port = accepts(file) ? localPort(file) : -1;
-    bool ours = std::any_of(ports, ports + std::max(count, 0),
-                            [port](const auto& p) { return p.port == port; });
-    if (ours) (void)shutdown(file, SHUT_RDWR);
-  }
-}
-
-int Server::running() const {
-  return state_->running;
-}
-
-void Server::stop() {
-  if (!context_) return;
-  mg_stop(context_);
-  context_ = nullptr;
-  (void)mg_exit_library();
+int Server::run(void (*reopen)()) {
+  return loop_->run(reopen);
 }
 
 }  // namespace host

@@ -1,10 +1,19 @@
-// The listening side of the embedded host, on CivetWeb.
+// The embedded web server: listeners, the loop in which clients wait, and the
+// threads that serve them.
 //
-// Ownership: the caller's; the state that it is given must outlive it.
-// Threads: start and stop from one thread; requests run on CivetWeb's own.
-// Errors: a text; empty for success.
+// The thread that calls run turns the loop: it takes connections, reads heads that
+// come late, minds time limits and signals. A client whose head is there goes to a
+// worker, which keeps it while requests follow on each other's heels and nobody else
+// waits for a thread.
+//
+// Ownership: the caller's; the state outlives it.
+// Threads: one constructs and runs it; requests run on threads of its own.
+// Errors: a text that names the place in the configuration; empty for success.
 #pragma once
 
+#include <signal.h>
+
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -14,29 +23,29 @@ namespace host {
 
 class Server {
  public:
-  explicit Server(ServerState* state) : state_(state) {}
+  explicit Server(ServerState* state);
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
   ~Server();
 
-  // Opens the listeners and serves from then on.
-  [[nodiscard]] std::string start();
+  // Takes the addresses of the Listen lines. No client is served before run.
+  [[nodiscard]] std::string bind();
 
   // "http://ADDR:PORT" of each listener, with the real port.
   [[nodiscard]] std::vector<std::string> addresses() const;
 
-  // Closes the listeners; connections close after the request they are in.
-  void stopListening();
+  // Lets clients connect and makes the threads.
+  [[nodiscard]] std::string start();
 
-  // Requests in progress.
-  [[nodiscard]] int running() const;
-
-  // Ends all connections and threads. Blocks until the last one has ended.
-  void stop();
+  // Serves until SIGTERM or SIGINT, then until running requests have ended or the
+  // time for that is over: the number of requests that haven't ended. SIGHUP and
+  // SIGUSR1 call `reopen`. REQUIRES: these signals are blocked.
+  [[nodiscard]] int run(void (*reopen)());
 
  private:
+  class Loop;
   ServerState* state_;
-  mg_context* context_ = nullptr;
+  std::unique_ptr<Loop> loop_;
 };
 
 }  // namespace host

@@ -10,11 +10,15 @@ TEST(config, aWholeFileIsRead) {
   Config config;
   const char* text = R"(# comment
 Listen 127.0.0.1:0
-Listen [::1]:80
+Listen [::1]:80  tls
+Certificate c.pem
+CertificateKey /k.pem
+ClientCA /ca.pem optional
 
 ServerName "a b"   # comment
 DocumentRoot /
 Threads 7
+KeepAliveTimeout 0
 ClientNames on
 ErrorLog x#y.log     # comment
 Init fn="a"
@@ -28,12 +32,17 @@ Service fn=b type="x/*"
 DirectoryIndex i.html j.jsp)";
   ASSERT_EQ(readConfig(text, "f.conf", &config), "");
   ASSERT_EQ(config.listeners.size(), 2U);
-  EXPECT_EQ(config.listeners[1].first, "[::1]:80");
+  EXPECT_EQ(config.listeners[1].address, "[::1]:80");
+  EXPECT_TRUE(config.listeners[1].tls && !config.listeners[0].tls);
+  EXPECT_EQ(config.tls.key + config.tls.clientAuthorities, "/k.pem/ca.pem");
+  EXPECT_TRUE(config.tls.certificate.starts_with("/"));
+  EXPECT_EQ(config.tls.client, ClientCertificate::optional);
   EXPECT_EQ(config.serverName + config.documentRoot + config.errorLog, "a b/x#y.log");
-  EXPECT_EQ(config.threads, 7);
+  EXPECT_EQ(config.limits.threads, 7);
+  EXPECT_EQ(config.limits.keepAliveTimeout, 0);
   EXPECT_TRUE(config.clientNames);
   ASSERT_EQ(config.inits.size(), 1U);
-  EXPECT_EQ(config.inits[0].where, "f.conf:10");
+  EXPECT_EQ(config.inits[0].where, "f.conf:14");
   EXPECT_EQ(*config.inits[0].find("key"), "v");
   ASSERT_EQ(config.stages.size(), 2U);
   EXPECT_EQ(*config.stages[0].second.find("root"), "/usr");
@@ -51,10 +60,16 @@ const BadRow kBadRows[] = {
     {"", "f:1: there is no Listen"},
     {"\n  key=v\n", "f:2: there is no line to continue"},
     {"Listen # x\n", "f:1: Listen has no value"},
-    {"Listen 8080", "f:1: Listen needs ADDRESS:PORT, not \"8080\""},
-    {"Listen a:80", "f:1: Listen needs ADDRESS:PORT, not \"a:80\""},
-    {"Listen [::1]:65536", "f:1: Listen needs ADDRESS:PORT, not \"[::1]:65536\""},
-    {"Listen 1.2.3.4:8s", "f:1: Listen needs ADDRESS:PORT, not \"1.2.3.4:8s\""},
+    {"Listen 8080", "f:1: Listen needs ADDRESS:PORT [tls], not \"8080\""},
+    {"Listen a:80", "f:1: Listen needs ADDRESS:PORT [tls], not \"a:80\""},
+    {"Listen [::1]:65536", "f:1: Listen needs ADDRESS:PORT [tls], not \"[::1]:65536\""},
+    {"Listen 1.2.3.4:8s", "f:1: Listen needs ADDRESS:PORT [tls], not \"1.2.3.4:8s\""},
+    {"Listen 1.2.3.4:8 ssl",
+     "f:1: Listen needs ADDRESS:PORT [tls], not \"1.2.3.4:8 ssl\""},
+    {"Listen 1.2.3.4:8 tls", "f:1: tls needs Certificate and CertificateKey"},
+    {"ClientCA a.pem always", "f:1: ClientCA needs FILE [optional|required]"},
+    {"User no.such", "f:1: there is no user no.such"},
+    {"HeadTimeout 0", "f:1: HeadTimeout needs a number from 1 to 86400"},
     {"listen 127.0.0.1:0\n", "f:1: unknown directive \"listen\""},
     {"Threads 0\n", "f:1: Threads needs a number from 1 to 4096"},
     {"Threads 99999999999\n", "f:1: Threads needs a number from 1 to 4096"},

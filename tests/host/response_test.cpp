@@ -100,9 +100,15 @@ TEST(head, nothingCanEndItsLineEarly) {
 
 class RecordingSink final : public ByteSink {
  public:
-  bool send(const char* bytes, std::size_t size) override {
-    all += ">" + std::string(bytes, size);
+  bool send(std::span<iovec> parts, bool more) override {
+    all += more ? "" : ">";
+    for (const iovec& part : parts) {
+      all.append(static_cast<const char*>(part.iov_base), part.iov_len);
+    }
     return true;
+  }
+  bool sendFile(int, std::int64_t, std::int64_t) override {
+    return false;
   }
   std::string all;
 };

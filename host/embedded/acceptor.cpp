@@ -1,0 +1,72 @@
+#include "embedded/acceptor.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+namespace host {
+
+namespace asio = boost::asio;
+using Error = boost::system::error_code;
+
+// Between two attempts while there is room for no client.
+constexpr std::chrono::milliseconds kPause{50};
+
+Acceptor::Acceptor(asio::io_context* loop, const Listener& listener, Settings settings)
+    : socket_(*loop, listener.socket),
+      timer_(*loop),
+      local_(listener.local),
+      settings_(std::move(settings)) {
+  socket_.non_blocking(true);
+}
+
+void Acceptor::stop() {
+  Error ignored;
+  timer_.cancel();
+  (void)socket_.close(ignored);
+}
+
+void Acceptor::watch() {
+  socket_.async_wait(asio::posix::stream_descriptor::wait_read,
+                     [this](const Error& error) {
+                       if (!error) acceptAll();
+                     });
+}
+
+void Acceptor::pause() {
+  timer_.expires_after(kPause);
+  timer_.async_wait([this](const Error& error) {
+    if (!error) acceptAll();
+  });
+}
+
+// True to go on with the next.
+bool Acceptor::acceptOne() {
+  sockaddr_storage peer{};
+  void* place = &peer;
+  socklen_t size = sizeof(peer);
+  const int client = accept4(socket_.native_handle(), static_cast<sockaddr*>(place),
+                             &size, SOCK_CLOEXEC);
+  if (client >= 0) {
+    settings_.take(client, peer, local_);
+    return true;
+  }
+  if (errno == EINTR || errno == ECONNABORTED) return true;
+  if (errno == EAGAIN) {
+    watch();
+  } else {
+    settings_.failed(std::strerror(errno));
+    pause();
+  }
+  return false;
+}
+
+void Acceptor::acceptAll() {
+  do {
+    if (!settings_.mayAccept()) return pause();
+  } while (acceptOne());
+}
+
+}  // namespace host

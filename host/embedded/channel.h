@@ -1,0 +1,78 @@
+// The bytes to and from one client, whatever carries them.
+//
+// Nothing here waits of its own accord but for `Wait::brief` and wait(): a call
+// that can't go on gives -1 with EAGAIN, and awaits() tells what it needs.
+//
+// Ownership: a channel owns its socket and closes it.
+// Threads: one at a time; another thread may only shut the socket down.
+// Errors: -1 with errno. Units: bytes, milliseconds.
+#pragma once
+
+#include <poll.h>
+#include <sys/types.h>
+#include <sys/uio.h>
+
+#include <cstddef>
+#include <memory>
+#include <span>
+
+namespace host {
+
+// How long a receive that waits briefly may block: its time limit stands in the
+// socket, so that the next request of a busy client costs one system call.
+constexpr int kBriefWait = 20;
+
+enum class Wait { none, brief };
+
+class Channel {
+ public:
+  Channel() = default;
+  Channel(const Channel&) = delete;
+  Channel& operator=(const Channel&) = delete;
+  virtual ~Channel() = default;
+
+  // What has come, at most `size` bytes: the count; 0 at the end of the stream.
+  [[nodiscard]] virtual ssize_t receive(char* to, std::size_t size, Wait wait) = 0;
+
+  // Takes bytes to send, in this order: how many; it may be less than all. With
+  // `more`, they may wait for those that follow at once.
+  [[nodiscard]] virtual ssize_t send(std::span<const iovec> parts, bool more) = 0;
+
+  // Sends a part of a file: the count; 0 when the file ends before it.
+  [[nodiscard]] virtual ssize_t sendFile(int file, off_t offset, std::size_t count) = 0;
+
+  // Ends the stream to the client, whose own bytes still come.
+  virtual void endSending() = 0;
+
+  // Waits until what gave EAGAIN may go on: 1; 0 when the time is over.
+  [[nodiscard]] virtual int wait(int milliseconds) = 0;
+
+  [[nodiscard]] virtual int socket() const = 0;
+
+  // True for a channel whose socket is to return at once, whoever reads.
+  [[nodiscard]] virtual bool neverBlocks() const = 0;
+
+  // POLLIN or POLLOUT: what the last EAGAIN needs.
+  [[nodiscard]] short awaits() const {
+    return awaits_;
+  }
+
+ protected:
+  short awaits_ = POLLIN;
+};
+
+// A channel without encryption on a connected socket that blocks, whose receive
+// limit is kBriefWait and whose send limit is the client's. Takes the socket. Null when
+// memory is short; the socket is then closed.
+[[nodiscard]] std::unique_ptr<Channel> openPlainChannel(int socket);
+
+// Sends all of the parts, which it uses up. False when the client takes nothing
+// for `milliseconds` (errno ETIMEDOUT) or has gone. Blocks.
+[[nodiscard]] bool sendAll(Channel* channel, std::span<iovec> parts, bool more,
+                           int milliseconds);
+
+// The same for a part of a file; false, too, when the file has shrunk (ENODATA).
+[[nodiscard]] bool sendWholeFile(Channel* channel, int file, off_t offset,
+                                 std::size_t count, int milliseconds);
+
+}  // namespace host

@@ -1,0 +1,169 @@
+#include "embedded/waiting_room.h"
+
+#include <boost/asio/posix/stream_descriptor.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <cerrno>
+#include <chrono>
+
+namespace host {
+
+namespace asio = boost::asio;
+using Error = boost::system::error_code;
+
+// A client that has been told to go has this long to hear it, and so many bytes of
+// its own to get rid of.
+constexpr std::int64_t kPartingTime = 2;
+constexpr std::int64_t kPartingBytes = 1 << 20;
+
+// A client that is new has its head with it.
+static std::int64_t patience(const Client& client, const Limits& limits) {
+  return client.served ? limits.keepAliveTimeout : limits.headTimeout;
+}
+
+struct WaitingRoom::Waiter {
+  Waiter(asio::io_context* loop, std::unique_ptr<Client> who)
+      : client(std::move(who)), socket(*loop, client->channel->socket()), timer(*loop) {}
+  Waiter(const Waiter&) = delete;
+  Waiter& operator=(const Waiter&) = delete;
+  // The number is the channel's, which closes it.
+  ~Waiter() {
+    if (socket.is_open()) (void)socket.release();
+  }
+
+  std::unique_ptr<Client> client;  // null once the waiter has been dismissed
+  asio::posix::stream_descriptor socket;
+  asio::steady_timer timer;
+  List* list = nullptr;
+  List::iterator place{};
+  bool parting = false;
+  std::int64_t readAway = 0;
+};
+
+WaitingRoom::~WaitingRoom() {
+  for (List* list : {&idle_, &waiters_}) {
+    while (!list->empty()) (void)dismiss(list->front());
+  }
+}
+
+WaitingRoom::Place WaitingRoom::admit(std::unique_ptr<Client> client, List* list) {
+  auto waiter = std::make_shared<Waiter>(loop_, std::move(client));
+  waiter->list = list;
+  waiter->place = list->insert(list->end(), waiter);
+  return waiter;
+}
+
+// Takes a client out of the room. What was begun for it ends without effect. The loop
+// has made its socket one that never blocks; a thread's receive may wait briefly.
+std::unique_ptr<Client> WaitingRoom::dismiss(const Place& waiter) {
+  const Place held = waiter;  // the caller's may be the list's own
+  held->list->erase(held->place);
+  held->timer.cancel();
+  Error ignored;
+  (void)held->socket.native_non_blocking(held->client->channel->neverBlocks(), ignored);
+  (void)held->socket.release();
+  return std::move(held->client);
+}
+
+void WaitingRoom::drop(const Place& waiter) {
+  (void)dismiss(waiter);
+}
+
+void WaitingRoom::watch(const Place& waiter) {
+  const bool writes = waiter->client->channel->awaits() == POLLOUT;
+  const auto what = writes ? asio::posix::stream_descriptor::wait_write
+                           : asio::posix::stream_descriptor::wait_read;
+  waiter->socket.async_wait(what, [this, waiter](const Error& error) {
+    if (!error && waiter->client) onReadable(waiter);
+  });
+}
+
+void WaitingRoom::limit(const Place& waiter, std::int64_t seconds) {
+  waiter->timer.expires_after(std::chrono::seconds(seconds));
+  waiter->timer.async_wait([this, waiter](const Error& error) {
+    if (!error && waiter->client) onTimeout(waiter);
+  });
+}
+
+void WaitingRoom::enter(std::unique_ptr<Client> client) {
+  const std::int64_t seconds = patience(*client, *settings_.limits);
+  const bool begun = !client->input.waiting().empty();
+  if (!begun) client->input.release();
+  const Place waiter = admit(std::move(client), begun ? &waiters_ : &idle_);
+  limit(waiter, begun ? settings_.limits->headTimeout : seconds);
+  watch(waiter);
+}
+
+void WaitingRoom::part(std::unique_ptr<Client> client) {
+  client->channel->endSending();
+  const Place waiter = admit(std::move(client), &waiters_);
+  waiter->parting = true;
+  limit(waiter, kPartingTime);
+  watch(waiter);
+}
+
+void WaitingRoom::beginHead(const Place& waiter) {
+  waiters_.splice(waiters_.end(), idle_, waiter->place);
+  waiter->list = &waiters_;
+  limit(waiter, settings_.limits->headTimeout);
+}
+
+void WaitingRoom::onReadable(const Place& waiter) {
+  if (waiter->parting) return readAway(waiter);
+  Client* client = waiter->client.get();
+  const auto most = static_cast<std::size_t>(settings_.limits->requestHead) + 1;
+  const ssize_t count = receiveInput(client, most, Wait::none);
+  if (count > 0) return onBytes(waiter);
+  const bool later = count < 0 && errno == EAGAIN;
+  later ? watch(waiter) : drop(waiter);
+}
+
+void WaitingRoom::onBytes(const Place& waiter) {
+  if (nextHead(waiter->client.get(), *settings_.limits) != HeadState::incomplete) {
+    return settings_.ready(dismiss(waiter));
+  }
+  const bool begins = waiter->list == &idle_ && !waiter->client->input.waiting().empty();
+  if (begins) beginHead(waiter);
+  watch(waiter);
+}
+
+void WaitingRoom::readAway(const Place& waiter) {
+  char bytes[16384];
+  const ssize_t count =
+      waiter->client->channel->receive(bytes, sizeof(bytes), Wait::none);
+  waiter->readAway += count;
+  const bool more = count > 0 && waiter->readAway < kPartingBytes;
+  const bool later = count < 0 && errno == EAGAIN;
+  more || later ? watch(waiter) : drop(waiter);
+}
+
+// A client that has begun a head is told why it goes; one that was quiet isn't
+// waiting for anything.
+void WaitingRoom::onTimeout(const Place& waiter) {
+  const bool begun = waiter->list == &waiters_ && !waiter->parting;
+  if (begun || !waiter->client->served) {
+    settings_.log->tell("HeadTimeout", waiter->client->address);
+  }
+  if (begun) {
+    char text[] =
+        "HTTP/1.1 408 Request Timeout\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
+    const iovec part{text, sizeof(text) - 1};
+    (void)waiter->client->channel->send({&part, 1}, false);
+  }
+  drop(waiter);
+}
+
+bool WaitingRoom::closeIdlest() {
+  if (idle_.empty()) return false;
+  drop(idle_.front());
+  return true;
+}
+
+void WaitingRoom::closeWaiting() {
+  while (!idle_.empty()) drop(idle_.front());
+  for (auto next = waiters_.begin(); next != waiters_.end();) {
+    const Place waiter = *next++;
+    if (!waiter->parting) drop(waiter);
+  }
+}
+
+}  // namespace host
