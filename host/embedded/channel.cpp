@@ -44,6 +44,11 @@ class PlainChannel final : public Channel {
     (void)shutdown(socket_, SHUT_WR);
   }
 
+  void abandon() override {
+    const linger now{1, 0};
+    (void)setsockopt(socket_, SOL_SOCKET, SO_LINGER, &now, sizeof(now));
+  }
+
   int wait(int milliseconds) override {
     pollfd file{socket_, awaits_, 0};
     return poll(&file, 1, milliseconds);

@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <memory>
 #include <span>
+#include <string>
 
 namespace host {
 
@@ -23,6 +24,13 @@ namespace host {
 constexpr int kBriefWait = 20;
 
 enum class Wait { none, brief };
+
+// What a plug-in may know of a connection with TLS.
+struct TlsFacts {
+  int keySize;              // bits of the cipher's key; 0: there is no TLS
+  std::string cipher;       // by the name that OpenSSL gives it
+  std::string certificate;  // of the client, verified, in base64; empty: none
+};
 
 class Channel {
  public:
@@ -44,6 +52,9 @@ class Channel {
   // Ends the stream to the client, whose own bytes still come.
   virtual void endSending() = 0;
 
+  // Makes the end of the connection one that the client takes for a failure.
+  virtual void abandon() = 0;
+
   // Waits until what gave EAGAIN may go on: 1; 0 when the time is over.
   [[nodiscard]] virtual int wait(int milliseconds) = 0;
 
@@ -51,6 +62,21 @@ class Channel {
 
   // True for a channel whose socket is to return at once, whoever reads.
   [[nodiscard]] virtual bool neverBlocks() const = 0;
+
+  [[nodiscard]] virtual TlsFacts tls() const {
+    return {};
+  }
+
+  // True when bytes have been taken from the socket and not been received: it may
+  // then be quiet though there is something to receive.
+  [[nodiscard]] virtual bool holdsBytes() const {
+    return false;
+  }
+
+  // What EPROTO means.
+  [[nodiscard]] virtual const char* failure() const {
+    return "";
+  }
 
   // POLLIN or POLLOUT: what the last EAGAIN needs.
   [[nodiscard]] short awaits() const {

@@ -67,6 +67,16 @@ static bool addRequestLine(pblock* reqpb, const RequestHead& head, const std::st
   return added && (!query.data() || add(reqpb, "query", std::string(query)));
 }
 
+// The cipher's strength and the client's certificate under the names that plug-ins
+// know. A certificate that wasn't verified has ended the handshake.
+static bool addTls(HostRequest* request, const TlsFacts& tls) {
+  pblock* client = request->session.client;
+  const std::string size = std::to_string(tls.keySize);
+  return add(client, "keysize", size) && add(client, "secret-keysize", size) &&
+         add(client, "cipher", tls.cipher) &&
+         (tls.certificate.empty() || add(request->vars, "auth-cert", tls.certificate));
+}
+
 int HttpExchange::openRecords(HostRequest* request) {
   body_.open(head_);
   if (body_.tooLong()) {
@@ -82,7 +92,8 @@ int HttpExchange::openRecords(HostRequest* request) {
   if (uri.front() != '/') return kBadRequest;
   const bool filled = addRequestLine(request->reqpb, head_, uri, query) &&
                       addHeaders(request->headers, head_, server_->config->clientNames) &&
-                      add(request->session.client, "ip", client_->address);
+                      add(request->session.client, "ip", client_->address) &&
+                      (!client_->local.tls || addTls(request, client_->channel->tls()));
   return filled ? 0 : kServerError;
 }
 
@@ -167,7 +178,10 @@ Fate HttpExchange::finish(Answer answer) {
   const bool ended =
       answer == Answer::broken ? writer_.cut() : writer_.finish(keepAlive_);
   if (ended && keepAlive_ && body_.drain()) return Fate::keep;
-  if (answer == Answer::broken) return Fate::close;
+  if (answer == Answer::broken) {
+    if (writer_.endsByClose()) client_->channel->abandon();
+    return Fate::close;
+  }
   return body_.unread() ? Fate::part : Fate::close;
 }
 

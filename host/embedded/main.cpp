@@ -20,6 +20,7 @@
 #include "embedded/limit_log.h"
 #include "embedded/privileges.h"
 #include "embedded/server.h"
+#include "embedded/tls_context.h"
 #include "layer/critical_sections.h"
 #include "layer/option_check.h"
 #include "layer/process_settings.h"
@@ -183,10 +184,18 @@ static void setProcessSettings(Config* config) {
   setServerVersion(kVersion);
 }
 
+static std::string checkCertificates(const Config& config) {
+  if (config.tls.certificate.empty()) return {};
+  TlsContext unused;
+  const std::string reason = openTlsContext(config.tls, &unused);
+  return reason.empty() ? reason : config.tls.where + ": " + reason;
+}
+
 static int runProgram(const std::string& file, bool check) {
   Config config;
   Stages stages;
   std::string reason = loadConfig(file, &config, &stages);
+  if (reason.empty()) reason = checkCertificates(config);
   if (reason.empty()) reason = checkInits(config);
   if (!reason.empty()) return refuse(reason);
   if (check) {

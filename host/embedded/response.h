@@ -85,6 +85,11 @@ class ResponseWriter {
   // Sends the head alone if it is still waiting.
   [[nodiscard]] bool sendHead();
 
+  // True when nothing but the end of the connection ends the body.
+  [[nodiscard]] bool endsByClose() const {
+    return started_ && head_.framing == Framing::untilClose;
+  }
+
   // What is missing of a counted body; below 0 for any other.
   [[nodiscard]] std::int64_t missing() const;
 

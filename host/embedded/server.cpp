@@ -18,6 +18,7 @@
 #include "embedded/acceptor.h"
 #include "embedded/address.h"
 #include "embedded/run_request.h"
+#include "embedded/tls_channel.h"
 #include "embedded/waiting_room.h"
 #include "embedded/workers.h"
 
@@ -49,6 +50,7 @@ class Server::Loop {
   [[nodiscard]] const Limits& limits() const {
     return state_->config->limits;
   }
+  std::string readCertificates();
   Acceptor::Settings acceptorSettings();
   bool mayAccept();
   void acceptFailed(const char* reason);
@@ -60,10 +62,12 @@ class Server::Loop {
   std::string watchSignals();
   void awaitSignal();
   void onSignal(int number);
+  void reload();
   void stop();
   void pollStop();
 
   ServerState* state_;
+  TlsContext tls_;  // of connections to come
   asio::io_context loop_{1};
   std::atomic<int> clients_{0};
   std::vector<Listener> listeners_;
@@ -99,9 +103,17 @@ std::string Server::Loop::bind() {
     if (!reason.empty()) return line.where + ": " + reason;
   }
   const std::string address = unclaimedSocket(listeners_);
-  if (address.empty()) return {};
+  if (address.empty()) return readCertificates();
   return "the service manager passes a socket of " + address +
          ", which no Listen line names";
+}
+
+// Those of connections that exist already stay with them.
+std::string Server::Loop::readCertificates() {
+  const TlsFiles& files = state_->config->tls;
+  if (files.certificate.empty()) return {};
+  const std::string reason = openTlsContext(files, &tls_);
+  return reason.empty() ? reason : files.where + ": " + reason;
 }
 
 Acceptor::Settings Server::Loop::acceptorSettings() {
@@ -136,16 +148,17 @@ void Server::Loop::acceptFailed(const char* reason) {
 }
 
 // A client's first head has often come with it, and then it needs no place in the
-// room.
+// room; a handshake takes its time.
 void Server::Loop::welcome(int socket, const sockaddr_storage& peer,
                            LocalSide local) try {
-  auto channel = openPlainChannel(socket);
+  auto channel = local.tls ? openTlsChannel(socket, tls_) : openPlainChannel(socket);
   if (!channel) return;
   auto client = std::make_unique<Client>(&clients_);
   client->channel = std::move(channel);
   client->peer = peer;
   client->address = addressText(peer);
   client->local = local;
+  if (local.tls) return room_.enter(std::move(client));
   const auto most = static_cast<std::size_t>(limits().requestHead) + 1;
   const ssize_t count = receiveInput(client.get(), most, Wait::none);
   if (count == 0 || (count < 0 && errno != EAGAIN)) return;
@@ -231,9 +244,16 @@ void Server::Loop::awaitSignal() {
       });
 }
 
+// What is wrong with the new files leaves the old ones in use.
+void Server::Loop::reload() {
+  reopen_();
+  const std::string reason = readCertificates();
+  if (!reason.empty()) state_->log->write(LOG_FAILURE, "vesk-host", reason);
+}
+
 // A second signal ends the process at once, with whatever is in progress.
 void Server::Loop::onSignal(int number) {
-  if (number == SIGHUP || number == SIGUSR1) return reopen_();
+  if (number == SIGHUP || number == SIGUSR1) return reload();
   if (state_->stopping) std::_Exit(1);
   stop();
 }

@@ -39,7 +39,8 @@ class Server {
 
   // Serves until SIGTERM or SIGINT, then until running requests have ended or the
   // time for that is over: the number of requests that haven't ended. SIGHUP and
-  // SIGUSR1 call `reopen`. REQUIRES: these signals are blocked.
+  // SIGUSR1 call `reopen` and read the certificates again. REQUIRES: these signals are
+  // blocked.
   [[nodiscard]] int run(void (*reopen)());
 
  private:

@@ -1,6 +1,7 @@
 #include "embedded/waiting_room.h"
 
 #include <boost/asio/posix/stream_descriptor.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <cerrno>
 #include <chrono>
@@ -69,6 +70,11 @@ void WaitingRoom::drop(const Place& waiter) {
 }
 
 void WaitingRoom::watch(const Place& waiter) {
+  if (waiter->client->channel->holdsBytes()) {
+    return asio::post(*loop_, [this, waiter] {
+      if (waiter->client) onReadable(waiter);
+    });
+  }
   const bool writes = waiter->client->channel->awaits() == POLLOUT;
   const auto what = writes ? asio::posix::stream_descriptor::wait_write
                            : asio::posix::stream_descriptor::wait_read;
@@ -113,8 +119,9 @@ void WaitingRoom::onReadable(const Place& waiter) {
   const auto most = static_cast<std::size_t>(settings_.limits->requestHead) + 1;
   const ssize_t count = receiveInput(client, most, Wait::none);
   if (count > 0) return onBytes(waiter);
-  const bool later = count < 0 && errno == EAGAIN;
-  later ? watch(waiter) : drop(waiter);
+  if (count < 0 && errno == EAGAIN) return watch(waiter);
+  if (count < 0 && errno == EPROTO) settings_.log->tellLoss(client->channel->failure());
+  drop(waiter);
 }
 
 void WaitingRoom::onBytes(const Place& waiter) {
