@@ -118,7 +118,7 @@ class HeadParser final : public http::basic_parser<true> {
 // A version of another number than 1 is the one fault that has a status of its own.
 static int statusOf(std::string_view bytes, const Error& error) {
   if (error != http::error::bad_version) return kBadRequest;
-  const std::string_view line = bytes.substr(0, bytes.find('\r'));
+  const std::string_view line = bytes.substr(0, bytes.find("\r\n"));
   const std::string_view version = line.substr(line.rfind(' ') + 1);
   auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
   const bool wellFormed = std::count(line.begin(), line.end(), ' ') == 2 &&
