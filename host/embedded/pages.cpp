@@ -20,17 +20,22 @@ bool startPage(HostRequest* request, int status, const char* reason) {
   return startResponse(request) == REQ_PROCEED;
 }
 
-// Drops the headers that told about the response that isn't sent: its length and
-// type would be taken for those of the page.
-static void keepErrorHeaders(pblock* headers) {
+// The size of a file is what a client needs whose range lies outside of it.
+static bool isErrorHeader(std::string_view name, int status) {
   constexpr std::string_view kKept[] = {"location", "www-authenticate", "retry-after",
                                         "allow", "set-cookie"};
+  if (status == kRangeNotSatisfiable && equalsNoCase(name, "content-range")) return true;
+  return std::any_of(std::begin(kKept), std::end(kKept),
+                     [name](auto kept) { return equalsNoCase(name, kept); });
+}
+
+// Drops the headers that told about the response that isn't sent: its length and
+// type would be taken for those of the page.
+static void keepErrorHeaders(pblock* headers, int status) {
   for (pb_entry* entry = headers->ht[0]; entry;) {
     const char* name = entry->param->name;
     entry = entry->next;
-    bool keep = std::any_of(std::begin(kKept), std::end(kKept),
-                            [name](auto kept) { return equalsNoCase(name, kept); });
-    if (!keep) freeParameter(findParameter(headers, name, true));
+    if (!isErrorHeader(name, status)) freeParameter(findParameter(headers, name, true));
   }
 }
 
@@ -39,7 +44,7 @@ void sendErrorPage(HostRequest* request, int status, const char* reason) {
       std::to_string(status) + " " + htmlOf(reason ? reason : usualReason(status));
   std::string page = "<!DOCTYPE html>\n<html><head><title>" + title +
                      "</title></head>\n<body><h1>" + title + "</h1></body></html>\n";
-  keepErrorHeaders(request->srvhdrs);
+  keepErrorHeaders(request->srvhdrs, status);
   setHeader(request, "content-type", "text/html; charset=utf-8");
   setHeader(request, "content-length", std::to_string(page.size()));
   if (!startPage(request, status, reason)) return;
