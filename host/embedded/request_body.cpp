@@ -59,12 +59,11 @@ bool RequestBody::patienceIsOver(std::int64_t waited, std::int64_t came) {
   return waited_ > limits_.bodyTimeout * kMilliseconds + earned;
 }
 
-// Waits for bytes if none has come. The clock is asked only where there is
-// something to wait for.
+// Waits for bytes if none has come. Brief waits count, too: a byte at the end of each
+// would keep no rate at all.
 int RequestBody::receive(char* to, std::size_t size) {
-  ssize_t count = client_->channel->receive(to, size, Wait::brief);
-  if (count >= 0) return static_cast<int>(count);
   const std::int64_t begin = now();
+  ssize_t count = client_->channel->receive(to, size, Wait::brief);
   while (count < 0) {
     if (errno != EAGAIN && errno != EINTR) return -1;
     const std::int64_t left = begin + limits_.bodyTimeout * kMilliseconds - now();
