@@ -171,20 +171,18 @@ void Server::Loop::welcome(int socket, const sockaddr_storage& peer,
 // --- clients that are served ----------------------------------------------------
 
 // Waits for the next head of a client that has been served, for as long as that
-// costs nobody else a thread: true when it is there.
+// costs nobody else a thread: true when it is there. One that comes in parts is for
+// the loop, which minds its time.
 bool Server::Loop::awaitHead(Client* client, Ending* ending) {
+  if (nextHead(client, limits()) != HeadState::incomplete) return true;
+  *ending = state_->stopping ? Ending::close : Ending::wait;
+  const bool begun = !client->input.waiting().empty();
+  if (state_->stopping || begun || !workers_.plenty()) return false;
   const auto most = static_cast<std::size_t>(limits().requestHead) + 1;
-  *ending = Ending::close;
-  while (nextHead(client, limits()) == HeadState::incomplete) {
-    if (state_->stopping) return false;
-    *ending = Ending::wait;
-    if (!workers_.plenty()) return false;
-    const ssize_t count = receiveInput(client, most, Wait::brief);
-    if (count < 0 && errno == EAGAIN) return false;
-    *ending = Ending::close;
-    if (count <= 0) return false;
-  }
-  return true;
+  const ssize_t count = receiveInput(client, most, Wait::brief);
+  const bool quiet = count < 0 && errno == EAGAIN;
+  if (count <= 0 && !quiet) *ending = Ending::close;
+  return count > 0 && nextHead(client, limits()) != HeadState::incomplete;
 }
 
 Ending Server::Loop::serve(Client* client) {
