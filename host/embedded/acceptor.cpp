@@ -1,5 +1,6 @@
 #include "embedded/acceptor.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -42,6 +43,11 @@ void Acceptor::pause() {
   });
 }
 
+bool Acceptor::someoneWaits() {
+  pollfd file{socket_.native_handle(), POLLIN, 0};
+  return poll(&file, 1, 0) > 0;
+}
+
 // True to go on with the next.
 bool Acceptor::acceptOne() {
   sockaddr_storage peer{};
@@ -63,9 +69,12 @@ bool Acceptor::acceptOne() {
   return false;
 }
 
+// Nobody has to go for a client that hasn't come.
 void Acceptor::acceptAll() {
   do {
-    if (!settings_.mayAccept()) return pause();
+    const bool full = settings_.full();
+    if (full && !someoneWaits()) return watch();
+    if (full && !settings_.makeRoom()) return pause();
   } while (acceptOne());
 }
 

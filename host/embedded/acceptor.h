@@ -18,7 +18,8 @@ namespace host {
 class Acceptor {
  public:
   struct Settings {
-    std::function<bool()> mayAccept;  // there is room for another client
+    std::function<bool()> full;      // there is no room for another client
+    std::function<bool()> makeRoom;  // false: now there is none either
     std::function<void(const char* reason)> failed;
     // Takes the socket of a new client.
     std::function<void(int socket, const sockaddr_storage& peer, LocalSide local)> take;
@@ -37,6 +38,7 @@ class Acceptor {
   void watch();
   void acceptAll();
   void pause();
+  [[nodiscard]] bool someoneWaits();
   [[nodiscard]] bool acceptOne();
 
   boost::asio::posix::stream_descriptor socket_;

@@ -52,7 +52,7 @@ class Server::Loop {
   }
   std::string readCertificates();
   Acceptor::Settings acceptorSettings();
-  bool mayAccept();
+  bool makeRoom();
   void acceptFailed(const char* reason);
   void welcome(int socket, const sockaddr_storage& peer, LocalSide local);
   Ending serve(Client* client);
@@ -117,7 +117,8 @@ std::string Server::Loop::readCertificates() {
 }
 
 Acceptor::Settings Server::Loop::acceptorSettings() {
-  return {[this] { return mayAccept(); },
+  return {[this] { return clients_ >= limits().maxConnections; },
+          [this] { return makeRoom(); },
           [this](const char* reason) { acceptFailed(reason); },
           [this](int socket, const sockaddr_storage& peer, LocalSide local) {
             welcome(socket, peer, local);
@@ -136,8 +137,8 @@ std::string Server::Loop::start() {
 
 // The client that has been quiet for longest makes room for one that has something
 // to say.
-bool Server::Loop::mayAccept() {
-  if (clients_ < limits().maxConnections || room_.closeIdlest()) return true;
+bool Server::Loop::makeRoom() {
+  if (room_.closeIdlest()) return true;
   state_->limitLog->tellLoss("MaxConnections is met, and none of them is idle");
   return false;
 }
