@@ -24,6 +24,8 @@ def wait_until(condition, what, seconds=60):
 class Program:
     """A child process whose output stands in files beside its configuration."""
 
+    surroundings = {}  # what else subprocess.Popen is told
+
     def __init__(self, folder, name):
         self.folder = folder
         self.name = name
@@ -32,7 +34,7 @@ class Program:
     def launch(self, command):
         with open(self.path("out"), "wb") as out, open(self.path("err"), "ab") as err:
             self.process = subprocess.Popen(command, cwd=self.folder, stdin=subprocess.DEVNULL,
-                                            stdout=out, stderr=err)
+                                            stdout=out, stderr=err, **self.surroundings)
         return wait_until(self._listening, f"{self.name} listens")
 
     def _listening(self):
@@ -94,13 +96,16 @@ class Host(Program):
     """A web server with the connector: what scenarios may know of it.
 
     `init` holds the options of veskinit, `stages` the lines behind the built-in
-    name translation. `access` opens a connection as a browser does.
+    name translation, `directives` further lines of the server. `access` opens a
+    connection as a browser does.
     """
 
     STAGES = ('ObjectType fn="veskfilter"', 'Service type="vesk-internal/*" fn="veskservice"')
 
-    def __init__(self, folder, name="host", stages=STAGES, client_names=False, **init):
+    def __init__(self, folder, name="host", stages=STAGES, client_names=False, directives=(),
+                 **init):
         super().__init__(folder, name)
+        self.directives = directives
         self.client_names = client_names  # headers may mean the web server's own words
         self.htdocs = folder / "htdocs"
         self.htdocs.mkdir(exist_ok=True)
@@ -148,9 +153,10 @@ class Host(Program):
 
 class EmbeddedHost(Host):
     CHECK = (BUILD / "bin/vesk-host", "--check")
+    command = (BUILD / "bin/vesk-host",)
 
     def start(self):
-        stages = "\n".join(self.stages)
+        stages, directives = "\n".join(self.stages), "\n".join(self.directives)
         self.path("conf").write_text(f"""# written by the tests
 Listen 127.0.0.1:0
 ServerName localhost
@@ -159,6 +165,7 @@ DirectoryIndex index.html index.jsp
 Threads {self.threads}
 ClientNames {"on" if self.client_names else "off"}
 ErrorLog {self.name}.log
+{directives}
 Init fn="load-modules" shlib="{BUILD}/lib/veskconnector.so"
   funcs="veskinit,veskfilter,veskservice"
 Init {self.init_line()}
@@ -167,7 +174,7 @@ NameTrans fn="document-root" root="htdocs"
 {stages}
 </Object>
 """)
-        address = self.launch([BUILD / "bin/vesk-host", self.path("conf")])
+        address = self.launch([*self.command, self.path("conf")])
         name, port = address.removeprefix("http://").rsplit(":", 1)
         self.address = (name, int(port))
         return self

@@ -1,14 +1,23 @@
 """What only the embedded web server decides: bytes on the wire, own pages, start and stop."""
 
+import contextlib
+import grp
+import os
+import pathlib
+import pwd
 import re
+import resource
 import signal
 import socket
 import subprocess
+import time
 
 import fake_server as wire
 import pytest
+from browser import Connection
+from conftest import Site
 from fake_server import word
-from processes import BUILD
+from processes import BUILD, REDUCED, EmbeddedHost, wait_until
 
 
 def echo(peer, _):
@@ -19,7 +28,22 @@ def echo(peer, _):
     peer.send(word(wire.FINISH))
 
 
-PAGES = {"/demo/echo": echo,
+def late(peer, _):
+    """Answers when the body has been read, or has broken off."""
+    while peer.get_data(1000)[0] > 0:
+        pass
+    peer.send(wire.page(b"late"))
+
+
+def flood(peer, _):
+    """A page without an end, until nobody takes it any more."""
+    peer.send(wire.status(200))
+    while True:
+        peer.send(wire.client(b"x" * 9999))
+
+
+PAGES = {"/demo/echo": echo, "/demo/late": late, "/demo/flood": flood,
+         "/demo/host": lambda peer, _: peer.send(wire.page(peer.get_header("host").encode())),
          "/demo/empty": lambda peer, _: peer.send(wire.status(200), word(wire.FINISH)),
          "/demo/half": lambda peer, _: peer.send(wire.status(200), wire.client(b"half"), word(77))}
 
@@ -30,9 +54,12 @@ def front(played):
     server, host = played
     server.serve = lambda peer, uri: PAGES.get(uri, server.greet)(peer, uri)
     for name, content in (("index.html", "front"), ("sub/index.jsp", "inner"), ("a b.css", "css"),
-                          ("bare/x", "")):
+                          ("bare/x", ""), (".git/x", "secret"), ("sub/.x", "secret"),
+                          (".well-known/x", "known"), ("digits", "0123456789")):
         (host.htdocs / name).parent.mkdir(exist_ok=True)
         (host.htdocs / name).write_text(content)
+    with contextlib.suppress(FileExistsError):
+        (host.htdocs / "out").symlink_to(host.path("conf"))
     return host
 
 
@@ -53,6 +80,9 @@ ANSWERS = [
     (b"GET http://any:80/a%20b.css", OK, ".*\r\n\r\ncss"),
     (b"GET HTTP://any", OK, ".*\r\n\r\nfront"),
     (b"GET *", BAD, PAGE), (b"GET ftp://any/", BAD, PAGE), (b"GET http://a@b/", BAD, PAGE),
+    (b"GET http://any:81/demo/host", OK, ".*\r\n\r\nany:81"),
+    (b"GET /.git/x", "1.1 404 Not Found", PAGE), (b"GET /sub/.x", "1.1 404 Not Found", PAGE),
+    (b"GET /.well-known/x", OK, ".*\r\n\r\nknown"), (b"GET /out", "1.1 403 Forbidden", PAGE),
     (b"OPTIONS *", OK, ".*content-length: 0\r\n\r\n"),
     (b"TRACE /", "1.1 405 Method Not Allowed", ".*allow: GET.*" + PAGE),
     (b"CONNECT a:1", "1.1 405 Method Not Allowed", PAGE),
@@ -66,12 +96,7 @@ ANSWERS = [
     (GET % b"Expect: wonders\r\n", "1.1 417 Expectation Failed", PAGE),
     (GET % (b"H: x\r\n" * 99), OK, ".*\r\n\r\nfront"),
     (GET % (b"H: x\r\n" * 100), "1.1 431 Request Header Fields Too Large", PAGE),
-    (b"GET /a b HTTP/1.1\r\nHost: a\r\n\r\n", BAD, PAGE),
-    (b"GET /a%00b", BAD, PAGE), (b"GET /a%zz", BAD, PAGE),
-    (GET % b"A: b\r\n c\r\nD: e\r\n", BAD, PAGE),
-    (GET % b"Content-Length: 1\r\nContent-Length: 1\r\n" + b"x", BAD, PAGE),
-    (GET % b"Content-Length: 3\r\nTransfer-Encoding: chunked\r\n", BAD, PAGE),
-    (GET % b"Content-Length: +1\r\n" + b"x", BAD, PAGE)]
+    (b"GET /a%00b", BAD, PAGE), (b"GET /a%zz", BAD, PAGE)]
 
 
 @pytest.mark.parametrize("sent,line,rest", ANSWERS, ids=[str(row[0][:60]) for row in ANSWERS])
@@ -79,6 +104,44 @@ def test_answer_is_right_to_the_byte(front, sent, line, rest):
     came = ask(front, sent)
     assert re.fullmatch(re.escape(f"HTTP/{line}\r\n") + rest, came, re.DOTALL), came
     assert "vesk-internal" not in came
+
+
+FIELDS = [  # that could be read in two ways, before a Host
+    b":A: b", b": b", b"\xe9: b", b"A\xe9: b", b"A\x01: b", b"A\0: b", b"A: b\0c", b"A b: c", b"A",
+    b"A : b", b"A\t: b", b" A: b", b"\tA: b", b"A: b\r\n c", b"A: b\r\n\t", b"A: b\nC: d",
+    b"A: b\rC: d", b"A: b\r", b"Host: b", b"Host : a", b"Host: a, b", b"Host: a b", b"Host: a/b",
+    b"Content-Length : 5", b"Content-Length\t: 5", b"Transfer-Encoding : chunked",
+    b"Transfer-Encoding\t: chunked", b"Content-Length: 0\r\nTransfer-Encoding: chunked",
+    b"Transfer-Encoding: chunked\r\nContent-Length: 0",
+    b"Content-Length: 1\r\nContent-Length: 1", b"Content-Length: 1\r\ncontent-length: 2",
+    *(b"Content-Length: " + value for value in (
+        b"", b"1, 1", b"1 1", b"-1", b"+1", b"0x1", b"1.", b"%d" % 2**64, b"%d" % 2**63)),
+    *(b"Transfer-Encoding: " + value for value in (
+        b"", b"gzip", b"identity", b"gzip, chunked", b"chunked, identity", b"chunked, chunked",
+        b"chunked\r\nTransfer-Encoding: identity", b"identity\r\nTransfer-Encoding: chunked",
+        b"chunked\r\nTransfer-Encoding: chunked", b"xchunked", b"chunked;q=1", b"\x0bchunked",
+        b'"chunked"', b"chunked,"))]
+SMUGGLED = [
+    (b"POST /demo/x HTTP/1.1\r\n" + field + b"\r\nHost: a\r\n\r\n", 400) for field in FIELDS] + [
+    (b"GET /demo/x HTTP/1.1" + rest, 400) for rest in (
+        b"\r\n\r\n", b"\r\nA: b\r\n\r\n", b"\r\nHost: a\n\r\n", b"\nHost: a\r\n\r\n",
+        b"\r\nHost: a\r\n\n", b"\n\r\n", b"\r\r\nHost: a\r\n\r\n", b" \r\nHost: a\r\n\r\n",
+        b" HTTP/1.1\r\nHost: a\r\n\r\n", b"\r\nHost: a\r\n\r\r\n\r\n")] + [
+    (line + b"\r\nHost: a\r\n\r\n", 400) for line in (
+        b"GET /demo/x", b"GET  /demo/x HTTP/1.1", b"GET\t/demo/x HTTP/1.1",
+        b" GET /demo/x HTTP/1.1", b"GET /demo/ x HTTP/1.1", b"GET /demo/\rx HTTP/1.1", b"GET /demo/\x01x HTTP/1.1",
+        b"G\xe9T /demo/x HTTP/1.1", b"GET /demo/x http/1.1", b"GET /demo/x HTTP/1.10",
+        b"GET demo/x HTTP/1.1", b"GET http://a@b/demo/x HTTP/1.1", b"\nGET /demo/x HTTP/1.1")] + [
+    (b"GET /demo/x HTTP/2.0\r\nHost: a\r\n\r\n", 505), (b"PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n", 505),
+    (b"POST /demo/x HTTP/1.0\r\n" + CHUNKED + b"0\r\n\r\n", 400)]
+
+
+@pytest.mark.parametrize("sent,status", SMUGGLED, ids=[str(row[0]) for row in SMUGGLED])
+def test_what_could_be_read_in_two_ways_is_refused_with_all_behind_it(played, sent, status):
+    server, host = played
+    came = ask(host, sent + b"GET /demo/behind HTTP/1.1\r\nHost: a\r\n\r\n")
+    assert [came[:12], came.count("HTTP/1.1 ")] == [f"HTTP/1.1 {status}", 1], came
+    assert not server.requests
 
 
 @pytest.mark.parametrize("said,told,title", [
@@ -92,11 +155,38 @@ def test_page_of_a_failure_has_the_last_status_unless_that_is_good(site, said, t
     assert (response.status, response.reason) == told and title in response.body
 
 
-def test_file_that_the_browser_has_is_not_sent_again(front):
-    tag = front.fetch("/").header("etag")
-    for known, status, body in ((tag, 304, b""), ('"other"', 200, b"front")):
-        response = front.fetch("/", headers=[("If-None-Match", known)])
-        assert (response.status, response.body) == (status, body)
+RANGES = [  # headers about a file of ten digits, status, body and content-range
+    ("Range: bytes=2-4", 206, "234", "2-4/10"), ("Range: bytes=-3", 206, "789", "7-9/10"),
+    ("Range: bytes=7-", 206, "789", "7-9/10"), ("Range: bytes=8-99", 206, "89", "8-9/10"),
+    ("Range: bytes=10-", 416, None, "*/10"), ("Range: bytes=-0", 416, None, "*/10"),
+    *((f"Range: {value}", 200, "0123456789", None) for value in (
+        "bytes=5-2", "bytes=0-1,4-5", "lines=1-2", "bytes=-", "bytes=x-2")),
+    *((f"Range: bytes=2-4\r\nIf-Range: {now}", 206, "234", "2-4/10") for now in ("{tag}", "{date}")),
+    *((f"Range: bytes=2-4\r\nIf-Range: {other}", 200, "0123456789", None) for other in (
+        '"other"', "W/{tag}", "Thu, 01 Jan 1970 00:00:00 GMT")),
+    *((known, 304, "", None) for known in (
+        'If-None-Match: "x", {tag}', "If-None-Match: W/{tag}", "If-None-Match: *",
+        "If-Modified-Since: {date}", "If-None-Match: {tag}\r\nRange: bytes=2-4")),
+    ("If-None-Match: \"x\"\r\nIf-Modified-Since: {date}", 200, "0123456789", None)]
+
+
+@pytest.mark.parametrize("headers,status,body,part", RANGES, ids=[row[0] for row in RANGES])
+def test_file_goes_out_as_far_as_the_browser_wants_it(front, headers, status, body, part):
+    whole = front.fetch("/digits")
+    headers = headers.format(tag=whole.header("etag"), date=whole.header("last-modified"))
+    response = front.fetch("/digits", headers=[l.split(": ") for l in headers.split("\r\n")])
+    assert (response.status, response.header("content-range")) == (status, part and "bytes " + part)
+    assert body is None or response.body.decode() == body
+
+
+def test_large_file_comes_in_parts_as_it_does_whole(front):
+    content = bytes(range(256)) * 4000
+    (front.htdocs / "large").write_bytes(content)
+    with front.connect() as browser:
+        for first, last in ((0, len(content) - 1), (0, 32 << 10), (77, 900_000)):
+            wanted = [("Range", f"bytes={first}-{last}")]
+            assert browser.fetch("GET", "/large", wanted).body == content[first:last + 1]
+        assert browser.fetch("HEAD", "/large").header("content-length") == str(len(content))
 
 
 def test_headers_reach_the_server_one_by_one(web):
@@ -144,7 +234,10 @@ def test_body_that_nobody_asked_for_ends_the_connection(front):
 BROKEN = [b"Content-Length: 5\r\n\r\nabc", CHUNKED + b"5\r\nabc", *(
     CHUNKED + b"3\r\nabc" + rest for rest in (
         b"", b"\r\n", b"\r\n0\r\nT: u", *(wrong + b"\r\n\r\n" + GET % b"" for wrong in (
-            b"XX0", b"\r\nx", b"\r\n-1", b"\r\n" + b"f" * 18))))]
+            b"XX0", b"\n0", b"\r0", *(b"\r\n" + line for line in (
+                b"x", b"-0", b"+0", b"0x0", b" 0", b"0 ", b"", b";a", b"f" * 18, b"1" + b"0" * 16,
+                b"8" + b"0" * 15, b"0\n", b"0;a\rb", b"0\r", b"0\r\nT: u\n", b"0\r\nT: u\rv",
+                b"0\r\nT: \0"))))))]
 
 
 # The connector tells its server the same at every end, so that is not what counts.
@@ -174,6 +267,179 @@ def test_interrupt_ends_idle_browsers_at_once_and_a_request_when_it_is_done(site
         assert b"".join(iter(busy.some, b"")).endswith(b"def\r\n0\r\n\r\n")
         assert host.process.wait(60) == 0
     assert host.said("Vesk connector exiting")
+
+
+TIGHT = ("LimitRequestHead 2048", "LimitRequestFields 20", "LimitRequestUri 256",
+         "LimitRequestBody 1000", "LimitTrailers 512", "HeadTimeout 1", "BodyTimeout 1",
+         "MinBodyRate 1000", "KeepAliveTimeout 1", "SendTimeout 1", "MaxConnections 12")
+
+
+@pytest.fixture(scope="module")
+def tight(tmp_path_factory):
+    made = Site(tmp_path_factory.mktemp("tight"))
+    made.server = made.fake(lambda peer, uri: PAGES.get(uri, made.server.greet)(peer, uri))
+    made.web = made.host(made.server, directives=TIGHT)
+    (made.web.htdocs / "index.html").write_text("front")
+    yield made.web
+    made.close()
+
+
+COUNTED = b"Content-Length: %d\r\n\r\n"
+LIMITS = [  # what is sent, again and again what, the status that comes, and the limit met
+    (GET % b"H: %b\r\n" % (b"x" * 3000), b"", "431", "LimitRequestHead"),
+    (b"GET / HTTP/1.1\r\n", b"H: x\r\n" * 99, "431", "LimitRequestHead"),
+    (GET % (b"H: x\r\n" * 20), b"", "431", "LimitRequestFields"),
+    (b"GET /" + b"x" * 256 + b" HTTP/1.1\r\nHost: a\r\n\r\n", b"", "414", "LimitRequestUri"),
+    (b"GET /", b"x" * 9, "414", "LimitRequestUri"),
+    (POST % b"echo" + COUNTED % 1001, b"", "413", "LimitRequestBody"),
+    (POST % b"late" + CHUNKED, b"1f4\r\n" + b"x" * 500 + b"\r\n", "200", "LimitRequestBody"),
+    (POST % b"late" + CHUNKED + b"0\r\n", b"T: u\r\n" * 9, "", "LimitTrailers"),
+    (POST % b"late" + CHUNKED + b"1;", b"x" * 9, "", "LimitTrailers"),
+    (b"GET / HTTP/1.1\r\n", b"", "408", "HeadTimeout"),
+    (b"GET / HTTP/1.1\r\n", b"H: x\r\n", "408", "HeadTimeout"),
+    (b"", b"", "", "HeadTimeout"), (b"", b"\r\n", "", "HeadTimeout"),
+    (GET % b"" + b"GET", b" ", "408", "HeadTimeout"),
+    (POST % b"late" + COUNTED % 9 + b"x", b"", "", "BodyTimeout"),
+    (POST % b"late" + COUNTED % 900, b"x", "", "MinBodyRate"),
+    (POST % b"late" + CHUNKED, b"1\r\nx\r\n", "", "MinBodyRate"),
+    (GET % b"", b"", "200", "")]  # which is as idle clients end, and no line is about it
+
+
+def send_until_closed(browser, sent, again):
+    """What comes while more is sent at every pause."""
+    came = b""
+    browser.sock.settimeout(0.01 if again else 5)
+    browser.send(sent)
+    for _ in range(250):
+        try:
+            block = browser.sock.recv(9999)
+            came += block
+            if not block:
+                return came
+        except TimeoutError:
+            with contextlib.suppress(ConnectionError):
+                browser.send(again)
+        except ConnectionError:
+            return came
+    raise AssertionError("still open")
+
+
+@pytest.mark.parametrize("sent,again,status,option", LIMITS,
+                         ids=[f"{row[3]}{str(row[:2])[:60]}" for row in LIMITS])
+def test_limit_ends_a_client_and_is_told(tight, sent, again, status, option):
+    with tight.connect() as browser:
+        came = send_until_closed(browser, sent, again)
+    assert re.findall(rb"HTTP/1.1 (\d+)", came)[-1:] == [status.encode()] or not status, came
+    assert tight.serves("/")
+    tight.wait_said("client 127.0.0.1 met " + option)
+
+
+def test_client_that_takes_nothing_is_given_up(tight):
+    with socket.create_connection(tight.address) as browser:
+        browser.send(POST % b"flood" + COUNTED % 0)
+        tight.wait_said("client 127.0.0.1 met SendTimeout")
+
+
+def test_quiet_client_makes_room_and_one_at_work_does_not(tight):
+    with contextlib.ExitStack() as stack:
+        def enter(count, sent):
+            made = [stack.enter_context(tight.connect()) for _ in range(count)]
+            for browser in made:
+                browser.send(sent)
+            return made
+        (idle,) = enter(1, GET % b"")
+        assert idle.read().body == b"front"
+        enter(11, b"GET ")
+        (late,) = enter(1, GET % b"")
+        assert late.read().body == b"front" and idle.at_end()
+        enter(1, b"GET ")
+        begin = time.monotonic()
+        assert tight.serves("/") and time.monotonic() > begin + 0.1
+    tight.wait_said("MaxConnections is met, and none of them is idle")
+
+
+def usage(process, what):
+    """A number of a process's status: kilobytes, where it is memory."""
+    lines = pathlib.Path(f"/proc/{process.pid}/status").read_text().splitlines()
+    return next(int(line.split()[1]) for line in lines if line.startswith(what + ":"))
+
+
+@pytest.mark.parametrize("sent", [GET % b"", b"GET / HTTP/1.1\r\nHost: a\r\nX"])
+def test_many_clients_that_wait_cost_little_and_delay_nobody(front, sent):
+    files = resource.getrlimit(resource.RLIMIT_NOFILE)[0]
+    count = 200 if REDUCED or files < 5000 else 2000
+    before = [usage(front.process, what) for what in ("VmRSS", "Threads")]
+    with contextlib.ExitStack() as stack:
+        for _ in range(count):
+            browser = stack.enter_context(socket.create_connection(front.address))
+            browser.send(sent)
+            assert b"X" in sent or browser.recv(9999).endswith(b"front")
+        times = []
+        for _ in range(11):
+            begin = time.monotonic()
+            assert front.fetch("/").body == b"front"
+            times.append(time.monotonic() - begin)
+        assert sorted(times)[5] < 0.1
+        after = [usage(front.process, what) for what in ("VmRSS", "Threads")]
+    assert REDUCED or after[0] < before[0] + 32 * 1024
+    assert after[1] == before[1]
+
+
+def kind(**fields):
+    """A web server that is started in a way of its own."""
+    return type("Special", (EmbeddedHost,), fields)
+
+
+@pytest.mark.parametrize("number", [signal.SIGHUP, signal.SIGUSR1])
+def test_signal_opens_the_log_anew_and_nothing_else(site, number):
+    host = site.host(site.fake(), directives=["Listen [::1]:0", "SymlinksLeaveRoot on"])
+    wait_until(lambda: host.path("out").read_text().count("listening on") == 2, "both listen")
+    (host.htdocs / "out").symlink_to(host.path("conf"))
+    second = host.path("out").read_text().split()[-1]
+    with Connection(("::1", int(second.rsplit(":", 1)[1]))) as browser:
+        assert browser.fetch("GET", "/out").body == host.path("conf").read_bytes()
+        host.path("log").rename(host.path("old"))
+        host.signal(number)
+        wait_until(host.path("log").exists, "a new log")
+        browser.send(b"GET /" + b"x" * 20000)
+        assert browser.read().status == 414
+    host.wait_said("met LimitRequestUri")
+    assert "LimitRequestUri" not in host.path("old").read_text() and host.serves()
+
+
+def test_server_that_never_answers_does_not_hold_up_the_end(site):
+    host = site.host(site.fake(lambda peer, _: peer.word()), directives=["StopTimeout 1"])
+    with host.connect() as browser:
+        browser.send(POST % b"" + b"\r\n")
+        wait_until(lambda: site.fakes[0].requests, "the server has the request")
+        host.terminate()
+        assert host.process.wait(5) == 0
+    assert host.said("1 requests hadn't ended after 1 s")
+
+
+def test_service_manager_passes_sockets_and_hears_of_readiness(site, tmp_path):
+    heard = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+    with heard, socket.create_server(("127.0.0.1", 0)) as passed:
+        heard.bind(str(tmp_path / "notify"))
+        heard.settimeout(20)
+        program = f'LISTEN_PID=$$ LISTEN_FDS=1 exec "$0" "$@" 3<&{passed.fileno()}'
+        host = site.host(site.fake(), directives=["Listen 127.0.0.1:%d" % passed.getsockname()[1]],
+                         kind=kind(command=("bash", "-c", program, *EmbeddedHost.command),
+                                   surroundings={"pass_fds": [passed.fileno()], "env": {
+                                       **os.environ, "NOTIFY_SOCKET": str(tmp_path / "notify")}}))
+        assert heard.recv(99) == b"READY=1"
+        with Connection(passed.getsockname()) as browser:
+            assert browser.fetch("GET", "/demo/").body == b"fake"
+        host.stop()
+        assert heard.recv(99) == b"STOPPING=1"
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="needs the rights of root")
+def test_rights_are_given_up_once_all_is_open(site):
+    host = site.host(site.fake(), directives=["User nobody", "Group daemon"])
+    assert usage(host.process, "Uid") == pwd.getpwnam("nobody").pw_uid
+    assert usage(host.process, "Gid") == grp.getgrnam("daemon").gr_gid
+    assert host.serves()
 
 
 LOAD = f"Init fn=load-modules shlib={BUILD}/lib/veskconnector.so funcs="
