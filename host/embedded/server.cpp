@@ -68,8 +68,8 @@ class Server::Loop {
 
   ServerState* state_;
   TlsContext tls_;  // of connections to come
-  asio::io_context loop_{1};
   std::atomic<int> clients_{0};
+  asio::io_context loop_{1};  // may hold clients to its end
   std::vector<Listener> listeners_;
   std::deque<Acceptor> acceptors_;
   WaitingRoom room_;

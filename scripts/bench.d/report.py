@@ -75,10 +75,11 @@ def labels_of(points):
 def grown(series, points):
     """The table of one series: rows are points; a front that refuses one has none there."""
     labels = labels_of(points)
-    heads = [f"{label}: {title}" for label in labels for title in ("CPU us", "p50 us")]
+    tail = ("p99", "p99 us", 0) if series.name == "idle" else ("p50", "p50 us", 0)
+    fields = (("cpu", "CPU us", 1), tail)
+    heads = [f"{label}: {title}" for label in labels for _, title, _ in fields]
     rows = [[point_name(series, value), *(number(found.get(label, {}).get(field), decimals)
-                                          for label in labels
-                                          for field, decimals in (("cpu", 1), ("p50", 0)))]
+                                          for label in labels for field, _, decimals in fields)]
             for value, found in points]
     return f"### {series.axis[0].upper()}{series.axis[1:]}\n\n" + table([series.name, *heads], rows)
 

@@ -1,6 +1,7 @@
 """What a request costs as work grows: mappings, servers, request headers, body, connections."""
 
 import collections
+import contextlib
 import statistics
 import sys
 from typing import Callable, NamedTuple
@@ -19,6 +20,7 @@ class Point(NamedTuple):
     headers: tuple = HEADERS
     connections: int = 16
     body: int | None = None
+    idle: int = 0  # clients beside, which have asked once
 
 
 class Series(NamedTuple):
@@ -58,6 +60,10 @@ def connections(site, count):
     return Point(site.server(), threads=256, connections=count)
 
 
+def idle(site, count):
+    return Point(site.server(), connections=64, idle=count)
+
+
 ALL = (
     Series("mappings", "mappings, of which the last fits", (1, 16, 128, 1024, 4096, 8192),
            (1, 128, 8192), mappings),
@@ -69,6 +75,8 @@ ALL = (
            (0, 64 << 10, 4 * MIB, 64 * MIB), body),
     Series("connections", "connections, 256 threads", (1, 4, 16, 64, 256), (1, 16, 256),
            connections),
+    Series("idle", "clients that are idle, beside 64 that ask", (0, 250, 1000), (0, 1000),
+           idle),
 )
 
 
@@ -87,8 +95,11 @@ def warm_up(front, point):
 def one(front, point, seconds):
     if point.body is not None:
         return measure.posts(front, point.body, seconds)
-    return measure.timed(front, connections=point.connections, headers=point.headers,
-                         seconds=seconds)
+    with contextlib.ExitStack() as held:
+        for _ in range(point.idle):
+            measure.ask(held.enter_context(front.connect()), front, headers=point.headers)
+        return measure.timed(front, connections=point.connections, headers=point.headers,
+                             seconds=seconds)
 
 
 def costs(site, point, plan):
@@ -101,7 +112,7 @@ def costs(site, point, plan):
     for _ in range(plan.series_rounds):
         for front in taking:
             found[front.label].append(one(front, point, plan.seconds))
-    return {label: {key: statistics.median(run[key] for run in runs) for key in ("cpu", "p50")}
+    return {label: {key: statistics.median(run[key] for run in runs) for key in runs[0]}
             for label, runs in found.items()}
 
 
