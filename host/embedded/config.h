@@ -14,7 +14,8 @@
 #include <utility>
 #include <vector>
 
-#include "embedded/limits.h"
+#include "http/limits.h"
+#include "http/tls_context.h"
 #include "layer/directive.h"
 #include "layer/stages.h"
 
@@ -24,17 +25,6 @@ struct ListenLine {
   std::string address;  // "ADDR:PORT"
   bool tls;
   std::string where;  // "file:line"
-};
-
-enum class ClientCertificate { none, optional, required };
-
-// Absolute paths, since they are read again while the server runs.
-struct TlsFiles {
-  std::string certificate;  // with those of its chain behind it
-  std::string key;
-  std::string clientAuthorities;
-  ClientCertificate client = ClientCertificate::none;
-  std::string where;  // of the certificate's line
 };
 
 struct Config {

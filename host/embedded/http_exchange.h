@@ -10,13 +10,13 @@
 #include <atomic>
 #include <string>
 
-#include "embedded/client.h"
 #include "embedded/config.h"
 #include "embedded/error_log.h"
 #include "embedded/limit_log.h"
-#include "embedded/request_body.h"
-#include "embedded/request_head.h"
-#include "embedded/response.h"
+#include "http/client.h"
+#include "http/request_body.h"
+#include "http/request_head.h"
+#include "http/response.h"
 #include "layer/exchange.h"
 #include "layer/judge.h"
 #include "layer/request.h"

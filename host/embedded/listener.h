@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "embedded/client.h"
 #include "embedded/config.h"
+#include "http/client.h"
 
 namespace host {
 

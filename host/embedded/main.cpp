@@ -20,7 +20,7 @@
 #include "embedded/limit_log.h"
 #include "embedded/privileges.h"
 #include "embedded/server.h"
-#include "embedded/tls_context.h"
+#include "http/tls_context.h"
 #include "layer/critical_sections.h"
 #include "layer/option_check.h"
 #include "layer/process_settings.h"

@@ -18,9 +18,9 @@
 #include "embedded/acceptor.h"
 #include "embedded/address.h"
 #include "embedded/run_request.h"
-#include "embedded/tls_channel.h"
 #include "embedded/waiting_room.h"
 #include "embedded/workers.h"
+#include "http/tls_channel.h"
 
 namespace host {
 

@@ -12,10 +12,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "embedded/byte_range.h"
-#include "embedded/content_type.h"
 #include "embedded/pages.h"
-#include "embedded/response.h"
+#include "http/byte_range.h"
+#include "http/content_type.h"
+#include "http/response.h"
 #include "layer/parameters.h"
 #include "layer/status.h"
 #include "layer/text.h"

@@ -16,9 +16,9 @@
 #include <list>
 #include <memory>
 
-#include "embedded/client.h"
 #include "embedded/limit_log.h"
-#include "embedded/limits.h"
+#include "http/client.h"
+#include "http/limits.h"
 
 namespace host {
 

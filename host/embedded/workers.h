@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "embedded/client.h"
+#include "http/client.h"
 
 namespace host {
 

@@ -1,4 +1,4 @@
-#include "embedded/input.h"
+#include "http/input.h"
 
 #include <algorithm>
 #include <cstring>

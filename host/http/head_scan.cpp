@@ -1,4 +1,4 @@
-#include "embedded/head_scan.h"
+#include "http/head_scan.h"
 
 namespace host {
 

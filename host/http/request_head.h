@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "embedded/limits.h"
+#include "http/limits.h"
 
 namespace host {
 

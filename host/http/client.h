@@ -14,10 +14,10 @@
 #include <memory>
 #include <string>
 
-#include "embedded/channel.h"
-#include "embedded/head_scan.h"
-#include "embedded/input.h"
-#include "embedded/limits.h"
+#include "http/channel.h"
+#include "http/head_scan.h"
+#include "http/input.h"
+#include "http/limits.h"
 
 namespace host {
 

@@ -1,4 +1,4 @@
-#include "embedded/channel.h"
+#include "http/channel.h"
 
 #include <sys/sendfile.h>
 #include <sys/socket.h>

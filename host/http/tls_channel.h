@@ -6,8 +6,8 @@
 
 #include <memory>
 
-#include "embedded/channel.h"
-#include "embedded/tls_context.h"
+#include "http/channel.h"
+#include "http/tls_context.h"
 
 namespace host {
 

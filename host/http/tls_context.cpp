@@ -1,4 +1,4 @@
-#include "embedded/tls_context.h"
+#include "http/tls_context.h"
 
 #include <openssl/ssl.h>
 

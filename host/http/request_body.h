@@ -9,9 +9,9 @@
 #include <cstdint>
 #include <string_view>
 
-#include "embedded/client.h"
-#include "embedded/limits.h"
-#include "embedded/request_head.h"
+#include "http/client.h"
+#include "http/limits.h"
+#include "http/request_head.h"
 
 namespace host {
 

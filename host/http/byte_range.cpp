@@ -1,4 +1,4 @@
-#include "embedded/byte_range.h"
+#include "http/byte_range.h"
 
 #include <algorithm>
 

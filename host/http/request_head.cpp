@@ -1,4 +1,4 @@
-#include "embedded/request_head.h"
+#include "http/request_head.h"
 
 #include <algorithm>
 #include <boost/beast/http/basic_parser.hpp>

@@ -1,4 +1,4 @@
-#include "embedded/tls_channel.h"
+#include "http/tls_channel.h"
 
 #include <fcntl.h>
 #include <openssl/err.h>

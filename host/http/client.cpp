@@ -1,4 +1,4 @@
-#include "embedded/client.h"
+#include "http/client.h"
 
 #include <cerrno>
 

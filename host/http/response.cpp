@@ -1,4 +1,4 @@
-#include "embedded/response.h"
+#include "http/response.h"
 
 #include <time.h>
 

@@ -10,9 +10,18 @@
 #include <memory>
 #include <string>
 
-#include "embedded/config.h"
-
 namespace host {
+
+enum class ClientCertificate { none, optional, required };
+
+// Absolute paths, since they are read again while the server runs.
+struct TlsFiles {
+  std::string certificate;  // with those of its chain behind it
+  std::string key;
+  std::string clientAuthorities;
+  ClientCertificate client = ClientCertificate::none;
+  std::string where;  // of the certificate's line, for messages
+};
 
 using TlsContext = std::shared_ptr<boost::asio::ssl::context>;
 

@@ -1,4 +1,4 @@
-#include "embedded/content_type.h"
+#include "http/content_type.h"
 
 #include "layer/text.h"
 

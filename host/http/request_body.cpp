@@ -1,4 +1,4 @@
-#include "embedded/request_body.h"
+#include "http/request_body.h"
 
 #include <algorithm>
 #include <cerrno>
