@@ -50,12 +50,11 @@ bool Acceptor::someoneWaits() {
 
 // True to go on with the next.
 bool Acceptor::acceptOne() {
-  sockaddr_storage peer{};
-  void* place = &peer;
-  socklen_t size = sizeof(peer);
-  const int client = accept4(socket_.native_handle(), static_cast<sockaddr*>(place),
-                             &size, SOCK_CLOEXEC);
+  Endpoint peer;
+  auto size = static_cast<socklen_t>(peer.capacity());
+  const int client = accept4(socket_.native_handle(), peer.data(), &size, SOCK_CLOEXEC);
   if (client >= 0) {
+    peer.resize(size);
     settings_.take(client, peer, local_);
     return true;
   }

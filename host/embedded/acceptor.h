@@ -17,12 +17,13 @@ namespace host {
 
 class Acceptor {
  public:
+  using Endpoint = boost::asio::ip::tcp::endpoint;
   struct Settings {
     std::function<bool()> full;      // there is no room for another client
     std::function<bool()> makeRoom;  // false: now there is none either
     std::function<void(const char* reason)> failed;
     // Takes the socket of a new client.
-    std::function<void(int socket, const sockaddr_storage& peer, LocalSide local)> take;
+    std::function<void(int socket, const Endpoint& peer, LocalSide local)> take;
   };
 
   Acceptor(boost::asio::io_context* loop, const Listener& listener, Settings settings);

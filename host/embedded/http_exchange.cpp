@@ -1,9 +1,9 @@
 #include "embedded/http_exchange.h"
 
+#include <arpa/inet.h>
 #include <time.h>
 
 #include <cerrno>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -186,19 +186,10 @@ Fate HttpExchange::finish(Answer answer) {
 }
 
 bool HttpExchange::peer(sockaddr_in* address) {
-  const void* known = &client_->peer;
-  if (client_->peer.ss_family == AF_INET) {
-    *address = *static_cast<const sockaddr_in*>(known);
-    return true;
-  }
-  const auto* peer = static_cast<const sockaddr_in6*>(known);
-  if (!IN6_IS_ADDR_V4MAPPED(&peer->sin6_addr)) return false;
   *address = sockaddr_in{};
   address->sin_family = AF_INET;
-  address->sin_port = peer->sin6_port;
-  std::memcpy(&address->sin_addr, &peer->sin6_addr.s6_addr[12],
-              sizeof(address->sin_addr));
-  return true;
+  address->sin_port = htons(client_->peer.port());
+  return inet_pton(AF_INET, client_->address.c_str(), &address->sin_addr) == 1;
 }
 
 // Asking a name server could block for seconds, and the address serves as well.

@@ -16,7 +16,6 @@
 #include <deque>
 
 #include "embedded/acceptor.h"
-#include "embedded/address.h"
 #include "embedded/run_request.h"
 #include "embedded/waiting_room.h"
 #include "embedded/workers.h"
@@ -54,7 +53,7 @@ class Server::Loop {
   Acceptor::Settings acceptorSettings();
   bool makeRoom();
   void acceptFailed(const char* reason);
-  void welcome(int socket, const sockaddr_storage& peer, LocalSide local);
+  void welcome(int socket, const Acceptor::Endpoint& peer, LocalSide local);
   Ending serve(Client* client);
   bool awaitHead(Client* client, Ending* ending);
   void handBack(std::unique_ptr<Client> client, Ending ending);
@@ -120,7 +119,7 @@ Acceptor::Settings Server::Loop::acceptorSettings() {
   return {[this] { return clients_ >= limits().maxConnections; },
           [this] { return makeRoom(); },
           [this](const char* reason) { acceptFailed(reason); },
-          [this](int socket, const sockaddr_storage& peer, LocalSide local) {
+          [this](int socket, const Acceptor::Endpoint& peer, LocalSide local) {
             welcome(socket, peer, local);
           }};
 }
@@ -148,16 +147,23 @@ void Server::Loop::acceptFailed(const char* reason) {
   (void)room_.closeIdlest();
 }
 
+// That of an IPv4 client on an IPv6 socket as IPv4.
+static std::string addressText(const asio::ip::address& address) {
+  const bool mapped = address.is_v6() && address.to_v6().is_v4_mapped();
+  if (!mapped) return address.to_string();
+  return asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()).to_string();
+}
+
 // A client's first head has often come with it, and then it needs no place in the
 // room; a handshake takes its time.
-void Server::Loop::welcome(int socket, const sockaddr_storage& peer,
+void Server::Loop::welcome(int socket, const Acceptor::Endpoint& peer,
                            LocalSide local) try {
   auto channel = local.tls ? openTlsChannel(socket, tls_) : openPlainChannel(socket);
   if (!channel) return;
   auto client = std::make_unique<Client>(&clients_);
   client->channel = std::move(channel);
   client->peer = peer;
-  client->address = addressText(peer);
+  client->address = addressText(peer.address());
   client->local = local;
   if (local.tls) return room_.enter(std::move(client));
   const auto most = static_cast<std::size_t>(limits().requestHead) + 1;

@@ -7,9 +7,8 @@
 // Threads: one at a time. Errors: none.
 #pragma once
 
-#include <netinet/in.h>
-
 #include <atomic>
+#include <boost/asio/ip/tcp.hpp>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -50,8 +49,8 @@ struct Client {
   std::unique_ptr<Channel> channel;
   Input input;
   HeadScan scan{};  // of the head that comes
-  sockaddr_storage peer{};
-  std::string address;  // of the peer, as text
+  boost::asio::ip::tcp::endpoint peer{};
+  std::string address{};  // of the peer, as text
   LocalSide local{};
   bool served = false;  // has had an answer
 };
