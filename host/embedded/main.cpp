@@ -78,13 +78,15 @@ static std::string loadConfig(const std::string& file, Config* config, Stages* s
 }
 
 // Warnings go to whoever starts the host or checks its configuration.
-static std::string checkInits(const Config& config) {
-  for (const Directive& init : config.inits) {
-    const OptionFindings found = checkOptions(init);
-    if (!found.reason.empty()) return init.where + ": " + found.reason;
-    if (found.warning.empty()) continue;
-    (void)std::fprintf(stderr, "vesk-host: %s: %s\n", init.where.c_str(),
-                       found.warning.c_str());
+static std::string checkConnector(const Config& config) {
+  CheckedLines lines{{}, {}, geteuid(), getegid()};
+  for (const Directive& init : config.inits) lines.inits.push_back(&init);
+  for (const auto& [stage, line] : config.stages) lines.stages.emplace_back(stage, &line);
+  lookUpIdentity(config.user, config.group, &lines.user, &lines.group);
+  for (const Finding& finding : checkLines(lines)) {
+    const std::string said = finding.where + ": " + finding.text;
+    if (finding.refuses) return said;
+    (void)std::fprintf(stderr, "vesk-host: %s\n", said.c_str());
   }
   return {};
 }
@@ -196,7 +198,7 @@ static int runProgram(const std::string& file, bool check) {
   Stages stages;
   std::string reason = loadConfig(file, &config, &stages);
   if (reason.empty()) reason = checkCertificates(config);
-  if (reason.empty()) reason = checkInits(config);
+  if (reason.empty()) reason = checkConnector(config);
   if (!reason.empty()) return refuse(reason);
   if (check) {
     (void)std::printf("%s: the configuration is good\n", file.c_str());

@@ -93,12 +93,12 @@ static std::string checkRunsOnce(const Directive& d) {
 // httpd reads its configuration twice: the first time, warnings show on the console, the
 // second time they stand in the log.
 static std::string checkInitOptions(const cmd_parms* cmd, const Directive& d) {
-  const OptionFindings found = checkOptions(d);
-  if (!found.warning.empty()) {
-    ap_log_error(APLOG_MARK, APLOG_WARNING, 0, cmd->server, "%s: %s", d.where.c_str(),
-                 found.warning.c_str());
+  for (const Finding& found : checkOptions(d)) {
+    if (found.refuses) return found.text;
+    ap_log_error(APLOG_MARK, APLOG_WARNING, 0, cmd->server, "%s: %s", found.where.c_str(),
+                 found.text.c_str());
   }
-  return found.reason;
+  return {};
 }
 
 static std::string addInitLine(cmd_parms* cmd, const char* text) {

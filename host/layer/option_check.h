@@ -1,24 +1,45 @@
-// The options of the connector's Init line, judged while the configuration is read.
+// A configuration's lines of the connector, judged while they are read.
 //
-// The connector reads them only when it starts, and goes on past what it can't use:
-// here the person who wrote the line still sees what is said of it.
+// The connector reads its options only when it starts, and goes on past what it can't
+// use: here the person who wrote the lines still sees what is said of them, with file
+// and line.
 //
-// Pure functions: one thread, no lock. Ownership: texts are the caller's.
+// Threads: one, before the first request; no lock. Files are looked at, none is
+// changed. Ownership: texts are the caller's.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "layer/directive.h"
+#include "layer/stages.h"
 
 namespace host {
 
-// What is said of a line, without file and line number; an empty text says nothing.
-struct OptionFindings {
-  std::string reason;   // why it can't be used
-  std::string warning;  // what its writer should know
+struct Finding {
+  bool refuses;       // the line can't be used at all
+  std::string where;  // "file:line"
+  std::string text;
 };
 
-// Judges an Init line. Nothing is said of one whose function isn't `veskinit`.
-[[nodiscard]] OptionFindings checkOptions(const Directive& init);
+// All lines that name a function, in the order of the configuration, and as whom
+// requests will run.
+struct CheckedLines {
+  std::vector<const Directive*> inits;
+  std::vector<std::pair<Stage, const Directive*>> stages;
+  uid_t user;
+  gid_t group;
+};
+
+// Judges the lines together. Nothing is said of lines that have nothing to do with the
+// connector.
+[[nodiscard]] std::vector<Finding> checkLines(const CheckedLines& lines);
+
+// Judges one Init line by itself, but for the files that it names. Nothing is said of
+// one whose function isn't `veskinit`.
+[[nodiscard]] std::vector<Finding> checkOptions(const Directive& init);
 
 }  // namespace host

@@ -10,7 +10,6 @@
 #include "layer/directive.h"
 #include "layer/functions.h"
 #include "layer/judge.h"
-#include "layer/option_check.h"
 #include "layer/parameters.h"
 #include "layer/request_setup.h"
 #include "layer/stages.h"
@@ -144,23 +143,6 @@ TEST(directive, quotesEscapesAndComments) {
   EXPECT_THAT(directive.parameters,
               ElementsAre(std::pair{"fn", "a"}, std::pair{"b", "x y=\"z\"\\ \\n #"},
                           std::pair{"c", ""}, std::pair{"d", "e=f#g"}));
-}
-
-TEST(options, whatCannotBeMeantIsRefusedAndWhatIsMissingTold) {
-  const std::tuple<const char*, const char*, const char*> rows[] = {
-      {"fn=veskinit", "", "veskinit without guards: "},
-      {"fn=veskinit guards=none", "", ""},
-      {"fn=veskinit guards=all,-idle", "", ""},
-      {"fn=veskinit guards=idle,All,x",
-       "guards: unknown name \"All\"; known are all, none, latebytes, ", ""},
-      {"fn=other guards=x", "", ""}};
-  for (const auto& [text, reason, warning] : rows) {
-    Directive init;
-    ASSERT_EQ(parseParameters(text, &init), "");
-    const OptionFindings found = checkOptions(init);
-    EXPECT_EQ(found.reason.substr(0, found.reason.find("identity")), reason) << text;
-    EXPECT_EQ(found.warning.substr(0, found.warning.find("a server")), warning) << text;
-  }
 }
 
 // What the function of the stage runner wrote down.
