@@ -194,6 +194,13 @@ static std::string readErrorLog(Reader* reader, const std::string& value,
   return {};
 }
 
+static std::string readAccessLog(Reader* reader, const std::string& value,
+                                 const std::string& where) {
+  reader->config->accessLog = value;
+  reader->config->accessLogWhere = where;
+  return {};
+}
+
 struct ServerDirective {
   std::string_view name;
   bool repeatable;
@@ -213,6 +220,7 @@ constexpr ServerDirective kServerDirectives[] = {
     {"CertificateKey", false, readCertificateKey},
     {"ClientCA", false, readClientCa},
     {"ErrorLog", false, readErrorLog},
+    {"AccessLog", false, readAccessLog},
 };
 
 struct NumberDirective {

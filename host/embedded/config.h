@@ -41,6 +41,8 @@ struct Config {
   bool clientNames = false;                   // headers may mean the host's own words
   std::string errorLog;                       // empty: standard error
   std::string errorLogWhere;                  // "file:line"
+  std::string accessLog;                      // empty: none
+  std::string accessLogWhere;
   std::vector<Directive> inits;
   std::vector<std::pair<Stage, Directive>> stages;
 };

@@ -1,8 +1,6 @@
 #include "embedded/error_log.h"
 
-#include <fcntl.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -22,28 +20,6 @@ constexpr std::string_view kDegrees[] = {"warning", "misconfiguration", "securit
 static std::string_view degreeWord(int degree) {
   bool known = degree >= 0 && degree < static_cast<int>(std::size(kDegrees));
   return known ? kDegrees[degree] : "failure";
-}
-
-ErrorLog::~ErrorLog() {
-  if (file_ != STDERR_FILENO) (void)close(file_);
-}
-
-bool ErrorLog::open(const std::string& path) {
-  int file = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-  if (file < 0) return false;
-  file_ = file;
-  path_ = path;
-  return true;
-}
-
-// The number of the file stays, so that a thread that writes needs no lock.
-bool ErrorLog::reopen() {
-  if (path_.empty()) return true;
-  const int file = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-  if (file < 0) return false;
-  const bool replaced = dup3(file, file_, O_CLOEXEC) >= 0;
-  (void)::close(file);
-  return replaced;
 }
 
 static void putTime(std::string* line) {
@@ -88,9 +64,9 @@ void ErrorLog::write(int degree, std::string_view function,
   line.append(" ");
   putMessage(&line, message);
   line.append("\n");
-  (void)!::write(file_, line.data(), line.size());  // nowhere else to tell
+  file_.write(line);
 } catch (const std::bad_alloc&) {
-  (void)!::write(file_, "out of memory\n", 14);
+  file_.write("out of memory\n");
 }
 
 }  // namespace host

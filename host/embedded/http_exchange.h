@@ -31,6 +31,7 @@ struct ServerState {
   const Stages* stages;
   ErrorLog* log;
   LimitLog* limitLog;
+  LogFile* accessLog;  // may be closed
   std::string version;
   std::atomic<bool> stopping;  // keep no connection open
 };
@@ -52,6 +53,11 @@ class HttpExchange final : public Exchange, private ByteSink {
 
   // Sends a part of a file as a part of the body, whose length the head has told.
   [[nodiscard]] bool writeFile(int file, std::int64_t offset, std::int64_t count);
+
+  // What has been written of the response's body.
+  [[nodiscard]] std::int64_t bodyBytes() const {
+    return writer_.bodyBytes();
+  }
 
   // Ends the response as it is judged.
   [[nodiscard]] Fate finish(Answer answer);

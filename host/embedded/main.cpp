@@ -35,6 +35,7 @@ constexpr char kVersion[] = "vesk-host/" VESK_HOST_VERSION;
 // The log serves lines outside a request, too; it outlives everything that
 // could write one.
 static ErrorLog* processErrorLog = nullptr;
+static LogFile* processAccessLog = nullptr;
 
 static void writeProcessLine(int degree, const char* function, const char* message) {
   processErrorLog->write(degree, function, message);
@@ -117,11 +118,15 @@ static void raiseOpenFiles(const Limits& limits, ErrorLog* log) {
                  ", so MaxConnections can't be reached");
 }
 
+static void tellReopening(const char* which) {
+  const std::string line =
+      std::string("can't open the ") + which + " log anew: " + std::strerror(errno);
+  writeProcessLine(LOG_FAILURE, "vesk-host", line.c_str());
+}
+
 static void reopenLogs() {
-  if (processErrorLog->reopen()) return;
-  writeProcessLine(
-      LOG_FAILURE, "vesk-host",
-      (std::string("can't open the log anew: ") + std::strerror(errno)).c_str());
+  if (!processErrorLog->reopen()) tellReopening("error");
+  if (!processAccessLog->reopen()) tellReopening("access");
 }
 
 // Serves until a signal. A plug-in's callbacks run when nobody is inside it any more:
@@ -142,14 +147,25 @@ static std::string serve(Server* server, const Limits& limits) {
   std::_Exit(0);
 }
 
-// The addresses are taken and the log is opened with the rights of the start; what
+// The addresses are taken and the logs are opened with the rights of the start; what
 // belongs to plug-ins happens with those of the user.
-static std::string prepare(const Config& config, Server* server, ErrorLog* log) {
-  if (!config.errorLog.empty() && !log->open(config.errorLog)) {
-    return config.errorLogWhere + ": can't open \"" + config.errorLog +
-           "\": " + std::strerror(errno);
+static std::string openLogs(const Config& config) {
+  auto failure = [](const std::string& where, const std::string& path) {
+    return where + ": can't open \"" + path + "\": " + std::strerror(errno);
+  };
+  if (!config.errorLog.empty() && !processErrorLog->open(config.errorLog)) {
+    return failure(config.errorLogWhere, config.errorLog);
   }
-  std::string reason = server->bind();
+  if (!config.accessLog.empty() && !processAccessLog->open(config.accessLog)) {
+    return failure(config.accessLogWhere, config.accessLog);
+  }
+  return {};
+}
+
+static std::string prepare(const Config& config, Server* server, ErrorLog* log) {
+  std::string reason = openLogs(config);
+  if (!reason.empty()) return reason;
+  reason = server->bind();
   if (!reason.empty()) return reason;
   raiseOpenFiles(config.limits, log);
   reason = becomeUser(config.user, config.group);
@@ -160,9 +176,11 @@ static int run(const Config& config, Stages* stages) {
   blockSignals();
   ErrorLog log;
   LimitLog limitLog(&log);
+  LogFile accessLog(-1);
   processErrorLog = &log;
+  processAccessLog = &accessLog;
   setProcessLog(writeProcessLine);
-  ServerState state{&config, stages, &log, &limitLog, kVersion, {false}};
+  ServerState state{&config, stages, &log, &limitLog, &accessLog, kVersion, {false}};
   std::string reason;
   {
     Server server(&state);

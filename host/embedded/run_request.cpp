@@ -3,6 +3,7 @@
 #include <new>
 #include <utility>
 
+#include "embedded/access_log.h"
 #include "embedded/pages.h"
 #include "embedded/static_file.h"
 #include "layer/judge.h"
@@ -49,15 +50,17 @@ void takeHead(ServerState* server, Client* client, ReadHead* read) {
   if (limit) server->limitLog->tell(limit, client->address);
 }
 
-static void dropInternalType(HostRequest* request) {
-  if (!isInternalType(findValue(request->srvhdrs, "content-type"))) return;
-  freeParameter(findParameter(request->srvhdrs, "content-type", true));
-}
-
+// A request that is typed for a plug-in, and that no line of the configuration has
+// brought to it, asks for the source of a page.
 static bool serveStatic(ServerState* server, HttpExchange* exchange,
                         HostRequest* request) {
-  dropInternalType(request);
-  return sendStaticFile(exchange, request, *server->config);
+  if (!isInternalType(findValue(request->srvhdrs, "content-type"))) {
+    return sendStaticFile(exchange, request, *server->config);
+  }
+  exchange->log(LOG_MISCONFIG, "vesk-host", request,
+                "no Service function took a request with an internal type");
+  sendErrorPage(request, kNotFound, nullptr);
+  return true;
 }
 
 static void serveFailure(HostRequest* request) {
@@ -132,8 +135,13 @@ Fate runRequest(ServerState* server, Client* client, const ReadHead& read) try {
   HttpExchange exchange(server, client, read.head);
   HostRequest request;
   RunningRequest running(&request);
+  const time_t begin = server->accessLog->isOpen() ? time(nullptr) : 0;
   const Answer answer = readAndAnswer(server, &exchange, &request, read);
   const Fate fate = exchange.finish(answer);
+  if (server->accessLog->isOpen()) {
+    server->accessLog->write(
+        accessLine({&request, client->address, begin, exchange.bodyBytes()}));
+  }
   return read.status && fate != Fate::keep ? Fate::part : fate;
 } catch (const std::bad_alloc&) {
   return Fate::close;

@@ -162,6 +162,7 @@ bool ResponseWriter::write(const char* bytes, std::size_t size) {
     size = std::min(size, static_cast<std::size_t>(left_));
     left_ -= static_cast<std::int64_t>(size);
   }
+  bodyBytes_ += static_cast<std::int64_t>(size);
   return size > 0 ? sendBlock(bytes, size) : !failed_;
 }
 
@@ -172,6 +173,7 @@ bool ResponseWriter::writeFile(int file, std::int64_t offset, std::int64_t count
   if (!send(parts, true)) return false;
   failed_ = !sink_->sendFile(file, offset, count);
   if (!failed_) left_ -= count;
+  if (!failed_) bodyBytes_ += count;
   return !failed_;
 }
 

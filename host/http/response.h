@@ -90,6 +90,11 @@ class ResponseWriter {
     return started_ && head_.framing == Framing::untilClose;
   }
 
+  // What has been written of the body, its framing left out.
+  [[nodiscard]] std::int64_t bodyBytes() const {
+    return bodyBytes_;
+  }
+
   // What is missing of a counted body; below 0 for any other.
   [[nodiscard]] std::int64_t missing() const;
 
@@ -110,6 +115,7 @@ class ResponseWriter {
   ByteSink* sink_;
   ResponseHead head_{};
   std::int64_t left_ = 0;  // of a counted body
+  std::int64_t bodyBytes_ = 0;
   bool started_ = false;
   bool headWaits_ = false;
   bool failed_ = false;
