@@ -117,11 +117,18 @@ static bool isTooLong(request_rec* r) {
   return text && limit > 0 && std::strtoll(text, nullptr, 10) > limit;
 }
 
+// httpd gives each request a handler's name before it asks the handlers, and some of
+// them look at it without asking whether there is one: its type, or the default.
+static const char* handlerByType(const request_rec* r) {
+  if (!r->content_type) return "default-handler";
+  return apr_pstrmemdup(r->pool, r->content_type, std::strcspn(r->content_type, ";"));
+}
+
 // What becomes of a request that no Service function has taken: httpd's own
 // handlers go on where they would have without the plug-in.
 static int giveBack(RequestState* state, request_rec* r) {
-  r->handler = state->otherHandler;
   putType(r, state->request);
+  r->handler = state->otherHandler ? state->otherHandler : handlerByType(r);
   return DECLINED;
 }
 

@@ -189,6 +189,13 @@ def test_places_may_be_httpds_alone_or_without_files(site):
         assert b"file" != host.fetch(target).body and host.fetch(target).status != 403
 
 
+def test_what_a_service_function_declines_goes_on_in_httpd(site):
+    stages = ('ObjectType fn="force-type" type="vesk-internal/mine"', *HttpdHost.STAGES)
+    host = start(site, ("status",), stages=stages)  # which asks for the handler's name
+    (host.htdocs / "plain").write_text("file")
+    assert host.fetch("/plain").body == b"file"
+
+
 def test_body_limit_is_httpds(site):
     host = start(site, extra="LimitRequestBody 1000")
     with host.connect() as browser:
