@@ -10,10 +10,12 @@
 #include <utility>
 
 #include "httpd/mod_nsapi.h"
+#include "httpd/place.h"
 #include "layer/builtins.h"
 #include "layer/directive.h"
 #include "layer/functions.h"
 #include "layer/option_check.h"
+#include "layer/text.h"
 
 APLOG_USE_MODULE(nsapi);
 
@@ -111,18 +113,35 @@ static std::string addInitLine(cmd_parms* cmd, const char* text) {
   return madeStages(cmd->pool, &config->inits)->addPreparedInit(std::move(d));
 }
 
-static std::string addStageLine(cmd_parms* cmd, Stage stage, const char* text) {
+// "none" is no line: it takes those away that would run without it.
+static std::string addLine(cmd_parms* cmd, Stages* stages, Stage stage,
+                           const char* text) {
+  if (equalsNoCase(trimmed(text, kBlanks), "none")) return {};
   Directive d;
   std::string reason = readDirective(cmd, text, &d);
   if (!reason.empty()) return reason;
+  return stages->addPrepared(stage, std::move(d));
+}
+
+static std::string addServerLine(cmd_parms* cmd, Stage stage, const char* text) {
   ServerConfig* config = configOf(cmd->server);
-  reason = madeStages(cmd->pool, &config->own)->addPrepared(stage, std::move(d));
-  config->stages = config->own;
-  return reason;
+  config->stages = madeStages(cmd->pool, &config->own);
+  return addLine(cmd, config->stages, stage, text);
 }
 
 static const char* addStage(cmd_parms* cmd, Stage stage, const char* text) try {
-  return answer(cmd, addStageLine(cmd, stage, text));
+  return answer(cmd, addServerLine(cmd, stage, text));
+} catch (const std::exception&) {
+  return kOutOfMemory;
+}
+
+// httpd names the place in whose section a line stands, and none for the server's own.
+static const char* addStage(cmd_parms* cmd, void* place, Stage stage,
+                            const char* text) try {
+  if (!cmd->path) return addStage(cmd, stage, text);
+  if (const char* reason = misplaced(cmd)) return reason;
+  Stages* own = madeStages(cmd->pool, ownLines(place, stage));
+  return answer(cmd, addLine(cmd, own, stage, text));
 } catch (const std::exception&) {
   return kOutOfMemory;
 }
@@ -168,10 +187,10 @@ const char* nsapiNameTrans(cmd_parms* cmd, void*, const char* text) {
   return host::addStage(cmd, host::Stage::nameTrans, text);
 }
 
-const char* nsapiObjectType(cmd_parms* cmd, void*, const char* text) {
-  return host::addStage(cmd, host::Stage::objectType, text);
+const char* nsapiObjectType(cmd_parms* cmd, void* place, const char* text) {
+  return host::addStage(cmd, place, host::Stage::objectType, text);
 }
 
-const char* nsapiService(cmd_parms* cmd, void*, const char* text) {
-  return host::addStage(cmd, host::Stage::service, text);
+const char* nsapiService(cmd_parms* cmd, void* place, const char* text) {
+  return host::addStage(cmd, place, host::Stage::service, text);
 }

@@ -14,7 +14,6 @@
 #include <cstring>
 
 #include "httpd/child.h"
-#include "httpd/config.h"
 #include "httpd/mod_nsapi.h"
 #include "httpd/place.h"
 #include "httpd/request.h"
@@ -27,10 +26,15 @@ namespace host {
 
 constexpr char kHandler[] = "nsapi";
 
-// Null where the place is httpd's alone.
-static const Stages* stagesOf(request_rec* r) {
-  const ServerConfig* config = configOf(r->server);
-  return config && engineRuns(r) ? config->stages : nullptr;
+// A stage without lines is one whose functions all decline.
+static int runStage(const request_rec* r, Stage stage, HostRequest* request) {
+  const Stages* lines = linesOf(r, stage);
+  return lines ? lines->runStage(stage, &request->session, request) : REQ_NOACTION;
+}
+
+static bool isServed(const request_rec* r, const HostRequest& request) {
+  const Stages* lines = linesOf(r, Stage::service);
+  return lines && lines->serves(&request);
 }
 
 // The page about a failure is httpd's own; what it takes from the plug-in is put
@@ -41,12 +45,12 @@ static int putFailure(request_rec* r, const HostRequest& request) {
   return head.status;
 }
 
-static int translate(request_rec* r, const Stages& stages) {
+static int translate(request_rec* r) {
   RequestState* state = stateOf(r);
   if (!state) return HTTP_INTERNAL_SERVER_ERROR;
   HostRequest& request = state->request;
   RunningStage running(&request);
-  switch (judgeStage(stages.runStage(Stage::nameTrans, &request.session, &request))) {
+  switch (judgeStage(runStage(r, Stage::nameTrans, &request))) {
     case StageVerdict::declined:
       return DECLINED;
     case StageVerdict::failed:
@@ -80,13 +84,13 @@ static void putType(request_rec* r, const HostRequest& request) {
   if (type && !isInternalType(type)) ap_set_content_type(r, apr_pstrdup(r->pool, type));
 }
 
-static int runTypeStage(RequestState* state, request_rec* r, const Stages& stages) {
+static int runTypeStage(RequestState* state, request_rec* r) {
   HostRequest& request = state->request;
   RunningStage running(&request);
   if (!putPaths(state, r)) return HTTP_INTERNAL_SERVER_ERROR;
-  const int result = stages.runStage(Stage::objectType, &request.session, &request);
+  const int result = runStage(r, Stage::objectType, &request);
   if (judgeStage(result) == StageVerdict::failed) return putFailure(r, request);
-  if (stages.serves(&request)) {
+  if (isServed(r, request)) {
     claim(state, r);
   } else {
     putType(r, request);
@@ -95,13 +99,12 @@ static int runTypeStage(RequestState* state, request_rec* r, const Stages& stage
 }
 
 static int findType(request_rec* r) {
-  const Stages* stages = stagesOf(r);
-  if (!stages || !concernsPlugin(r)) return DECLINED;
+  if (!pluginsRun(r) || !concernsPlugin(r)) return DECLINED;
   RequestState* state = stateOf(r);
   if (!state) return HTTP_INTERNAL_SERVER_ERROR;
   if (state->typed) return DECLINED;
   state->typed = true;
-  return runTypeStage(state, r, *stages);
+  return runTypeStage(state, r);
 }
 
 // A folder whose index file is still to be found.
@@ -156,21 +159,19 @@ static int giveAnswer(RequestState* state, request_rec* r, int result) {
   return OK;
 }
 
-static int runService(RequestState* state, request_rec* r, const Stages& stages) {
+static int runService(RequestState* state, request_rec* r) {
   HostRequest& request = state->request;
   RunningStage running(&request);
   if (!putClient(state, r)) return HTTP_INTERNAL_SERVER_ERROR;
-  int result = stages.runStage(Stage::service, &request.session, &request);
-  return giveAnswer(state, r, result);
+  return giveAnswer(state, r, runStage(r, Stage::service, &request));
 }
 
 }  // namespace host
 
 int nsapiTranslate(request_rec* r) {
-  const host::Stages* stages = host::stagesOf(r);
-  bool ours =
-      stages && stages->has(host::Stage::nameTrans) && *r->uri == '/' && !r->proxyreq;
-  return ours ? host::translate(r, *stages) : DECLINED;
+  if (!host::pluginsRun(r) || *r->uri != '/' || r->proxyreq) return DECLINED;
+  const host::Stages* lines = host::linesOf(r, host::Stage::nameTrans);
+  return lines && lines->has(host::Stage::nameTrans) ? host::translate(r) : DECLINED;
 }
 
 int nsapiEndTranslation(request_rec*) {
@@ -183,7 +184,7 @@ int nsapiSkipWalk(request_rec* r) {
   if (!host::anyPlaceWithoutFiles() || r->proxyreq) return DECLINED;
   const int status = ap_location_walk(r);
   if (status != OK) return status;
-  if (host::stagesOf(r) && !host::namesFiles(r)) return OK;
+  if (host::pluginsRun(r) && !host::namesFiles(r)) return OK;
   r->per_dir_config = r->server->lookup_defaults;
   return DECLINED;
 }
@@ -202,9 +203,8 @@ int nsapiServe(request_rec* r) {
   if (!r->handler || std::strcmp(r->handler, host::kHandler) != 0) return DECLINED;
   int status = host::findType(r);
   if (status != DECLINED) return status;
-  const host::Stages* stages = host::stagesOf(r);
-  host::RequestState* state = stages ? host::stateOf(r) : nullptr;
+  host::RequestState* state = host::pluginsRun(r) ? host::stateOf(r) : nullptr;
   if (!state || !state->typed) return DECLINED;
   if (host::isTooLong(r)) return HTTP_REQUEST_ENTITY_TOO_LARGE;
-  return host::runService(state, r, *stages);
+  return host::runService(state, r);
 }

@@ -10,9 +10,9 @@ static const command_rec directives[] = {
                      "fn=\"load-modules\" loads a plug-in"),
     AP_INIT_RAW_ARGS("NSAPINameTrans", nsapiNameTrans, NULL, RSRC_CONF,
                      "fn=\"NAME\" key=\"value\"...: finds the path of a request"),
-    AP_INIT_RAW_ARGS("NSAPIObjectType", nsapiObjectType, NULL, RSRC_CONF,
+    AP_INIT_RAW_ARGS("NSAPIObjectType", nsapiObjectType, NULL, RSRC_CONF | ACCESS_CONF,
                      "fn=\"NAME\" key=\"value\"...: finds the type of a request"),
-    AP_INIT_RAW_ARGS("NSAPIService", nsapiService, NULL, RSRC_CONF,
+    AP_INIT_RAW_ARGS("NSAPIService", nsapiService, NULL, RSRC_CONF | ACCESS_CONF,
                      "fn=\"NAME\" type=\"PATTERN\" method=\"PATTERN\" key=\"value\"...: "
                      "answers requests of that type and method"),
     AP_INIT_FLAG("NSAPIClientNames", nsapiClientNames, NULL, RSRC_CONF,

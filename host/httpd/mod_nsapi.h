@@ -23,18 +23,19 @@ extern module AP_MODULE_DECLARE_DATA nsapi_module;
 void* nsapiCreateServer(apr_pool_t* pool, server_rec* server);
 void* nsapiMergeServers(apr_pool_t* pool, void* base, void* own);
 
-/* NSAPIInit, NSAPINameTrans, NSAPIObjectType, NSAPIService. */
+/* NSAPIInit, NSAPINameTrans. */
 const char* nsapiInit(cmd_parms* cmd, void* unused, const char* text);
 const char* nsapiNameTrans(cmd_parms* cmd, void* unused, const char* text);
-const char* nsapiObjectType(cmd_parms* cmd, void* unused, const char* text);
-const char* nsapiService(cmd_parms* cmd, void* unused, const char* text);
 
 /* NSAPIClientNames. */
 const char* nsapiClientNames(cmd_parms* cmd, void* unused, int on);
 
-/* NSAPIEngine, NSAPIFiles: of the server, or of a place in it. */
+/* NSAPIObjectType, NSAPIService, NSAPIEngine, NSAPIFiles: of the server, or of a
+ * place in it. */
 void* nsapiCreatePlace(apr_pool_t* pool, char* folder);
 void* nsapiMergePlaces(apr_pool_t* pool, void* outer, void* own);
+const char* nsapiObjectType(cmd_parms* cmd, void* place, const char* text);
+const char* nsapiService(cmd_parms* cmd, void* place, const char* text);
 const char* nsapiEngine(cmd_parms* cmd, void* place, int on);
 const char* nsapiFiles(cmd_parms* cmd, void* place, int on);
 

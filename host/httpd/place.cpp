@@ -2,6 +2,10 @@
 
 #include <http_config.h>
 
+#include <algorithm>
+#include <iterator>
+
+#include "httpd/config.h"
 #include "httpd/mod_nsapi.h"
 
 namespace host {
@@ -12,6 +16,7 @@ enum class Switch { open, off, on };
 struct PlaceConfig {
   Switch engine;
   Switch files;
+  Stages* lines[kStages];  // by stage; null: as around the place
 };
 
 static bool withoutFiles = false;  // written while the configuration is read
@@ -21,8 +26,21 @@ static const PlaceConfig* placeOf(const request_rec* r) {
       ap_get_module_config(r->per_dir_config, &nsapi_module));
 }
 
-bool engineRuns(const request_rec* r) {
-  return placeOf(r)->engine != Switch::off;
+Stages** ownLines(void* place, Stage stage) {
+  return &static_cast<PlaceConfig*>(place)->lines[static_cast<int>(stage)];
+}
+
+bool pluginsRun(const request_rec* r) {
+  const PlaceConfig* place = placeOf(r);
+  if (place->engine == Switch::off) return false;
+  if (configOf(r->server)->stages) return true;
+  return std::any_of(std::begin(place->lines), std::end(place->lines),
+                     [](const Stages* own) { return own; });
+}
+
+const Stages* linesOf(const request_rec* r, Stage stage) {
+  const Stages* own = placeOf(r)->lines[static_cast<int>(stage)];
+  return own ? own : configOf(r->server)->stages;
 }
 
 bool namesFiles(const request_rec* r) {
@@ -37,9 +55,13 @@ static Switch inner(Switch outer, Switch own) {
   return own == Switch::open ? outer : own;
 }
 
+static Stages* inner(Stages* outer, Stages* own) {
+  return own ? own : outer;
+}
+
 // A place that is found by its folder is found by the very look at files that one of the
-// switches spares, and too late for the other.
-static const char* misplaced(cmd_parms* cmd) {
+// switches spares, and too late for what else stands here.
+const char* misplaced(cmd_parms* cmd) {
   return ap_check_cmd_context(cmd, NOT_IN_DIRECTORY | NOT_IN_FILES | NOT_IN_HTACCESS);
 }
 
@@ -58,6 +80,9 @@ void* nsapiMergePlaces(apr_pool_t* pool, void* outer, void* own) {
   auto* merged = static_cast<PlaceConfig*>(nsapiCreatePlace(pool, nullptr));
   merged->engine = host::inner(around->engine, place->engine);
   merged->files = host::inner(around->files, place->files);
+  for (int i = 0; i < host::kStages; ++i) {
+    merged->lines[i] = host::inner(around->lines[i], place->lines[i]);
+  }
   return merged;
 }
 

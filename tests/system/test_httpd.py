@@ -37,8 +37,7 @@ BROKEN = [
      '"veskinit" runs once in a process, and stands in {folder}/host.conf:'),
     ('NSAPINameTrans fn="document-root" root="nowhere"', 'root "{folder}/nowhere" is not a folder'),
     ('<Directory "/x">\nNSAPIFiles Off\n</Directory>', "NSAPIFiles cannot occur within <Directory> section"),
-    ('<Location "/x">\nNSAPIObjectType fn="veskfilter"\n</Location>',
-     "not allowed in <Location> context"),
+    ('<Files "x">\nNSAPIService fn="veskservice"\n</Files>', "cannot occur within <Files> section"),
 ]
 
 
@@ -194,6 +193,36 @@ def test_what_a_service_function_declines_goes_on_in_httpd(site):
     host = start(site, ("status",), stages=stages)  # which asks for the handler's name
     (host.htdocs / "plain").write_text("file")
     assert host.fetch("/plain").body == b"file"
+
+
+LINES = """<Location "/demo/read">
+NSAPIService type="vesk-internal/*" method="(GET|HEAD)" fn="veskservice"
+</Location>
+<LocationMatch "^/(typed|demo/typed)">
+NSAPIObjectType fn="force-type" type="vesk-internal/ext"
+</LocationMatch>
+<Location "/typed/own">
+NSAPIObjectType none
+</Location>
+<Location "/any">
+NSAPIService fn="veskservice"
+Require local
+</Location>"""
+
+
+def test_places_have_lines_of_their_own(site):
+    host = start(site, ("authz_host",), LINES, verbose="true")
+    (host.htdocs / "typed").mkdir()
+    (host.htdocs / "typed" / "own").write_text("file")
+    seen = [host.fetch(f"/demo/{place}/snoop", method).status
+            for place in ("read", "more") for method in ("GET", "POST")]
+    assert seen == [200, 404, 200, 200]  # a place's own lines, in place of the server's
+    # The lines of the other stage are those around it, and the inner place's count.
+    assert [host.fetch(path).status for path in ("/demo/typed/snoop", "/typed/x")] == [503, 503]
+    assert host.fetch("/typed/own").body == b"file"
+    before = sum("veskservice: [enter]" in line for line in host.messages())
+    assert host.fetch("/any").status == 404  # no type, and yet the function has been asked
+    assert sum("veskservice: [enter]" in line for line in host.messages()) == before + 1
 
 
 def test_body_limit_is_httpds(site):
