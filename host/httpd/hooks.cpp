@@ -4,7 +4,8 @@
 //   map_to_storage   none        where URIs name no files, httpd looks for none
 //   fixups           ObjectType  after httpd's access control: what it allowed
 //                                is what the plug-in sees
-//   handler          Service     for what the stage before has claimed
+//   handler          Service     for what the stage before has claimed; at the end of
+//                                the handlers, no file of an internal type goes out
 #include <apr_strings.h>
 #include <http_core.h>
 #include <http_protocol.h>
@@ -14,6 +15,7 @@
 #include <cstring>
 
 #include "httpd/child.h"
+#include "httpd/internal_type.h"
 #include "httpd/mod_nsapi.h"
 #include "httpd/place.h"
 #include "httpd/request.h"
@@ -78,10 +80,12 @@ static void claim(RequestState* state, request_rec* r) {
   if (r->finfo.filetype == APR_DIR) r->finfo.filetype = APR_NOFILE;
 }
 
-// A type that an ObjectType function has set, for httpd's own handling.
+// A type that an ObjectType function has set, for httpd's own handling. An internal one
+// stays until a response has one of its own: whatever becomes of the request, no file
+// answers it.
 static void putType(request_rec* r, const HostRequest& request) {
   const char* type = findValue(request.srvhdrs, "content-type");
-  if (type && !isInternalType(type)) ap_set_content_type(r, apr_pstrdup(r->pool, type));
+  if (type) ap_set_content_type(r, apr_pstrdup(r->pool, type));
 }
 
 static int runTypeStage(RequestState* state, request_rec* r) {
@@ -90,11 +94,9 @@ static int runTypeStage(RequestState* state, request_rec* r) {
   if (!putPaths(state, r)) return HTTP_INTERNAL_SERVER_ERROR;
   const int result = runStage(r, Stage::objectType, &request);
   if (judgeStage(result) == StageVerdict::failed) return putFailure(r, request);
-  if (isServed(r, request)) {
-    claim(state, r);
-  } else {
-    putType(r, request);
-  }
+  if (!takeInternalType(r, &request)) return HTTP_INTERNAL_SERVER_ERROR;
+  if (isServed(r, request)) claim(state, r);
+  putType(r, request);
   return DECLINED;
 }
 
@@ -123,8 +125,7 @@ static bool isTooLong(request_rec* r) {
 // httpd gives each request a handler's name before it asks the handlers, and some of
 // them look at it without asking whether there is one: its type, or the default.
 static const char* handlerByType(const request_rec* r) {
-  if (!r->content_type) return "default-handler";
-  return apr_pstrmemdup(r->pool, r->content_type, std::strcspn(r->content_type, ";"));
+  return r->content_type ? mediaType(r) : "default-handler";
 }
 
 // What becomes of a request that no Service function has taken: httpd's own

@@ -25,8 +25,11 @@ static const command_rec directives[] = {
                  "and <Location> alone protects; On is the default"),
     {NULL, {NULL}, NULL, 0, RAW_ARGS, NULL}};
 
-/* An index file is looked for by mod_dir, whose fixups run among the last. */
+/* An index file is looked for by mod_dir, whose fixups run among the last. What sends
+ * files are the handlers of mod_file_cache and, as the last of all, of the core. */
 static void registerHooks(apr_pool_t* pool) {
+  static const char* const programs[] = {"mod_actions.c", NULL};
+  static const char* const files[] = {"mod_file_cache.c", NULL};
   (void)pool;
   ap_hook_child_init(nsapiStartChild, NULL, NULL, APR_HOOK_MIDDLE);
   ap_hook_translate_name(nsapiTranslate, NULL, NULL, APR_HOOK_LAST);
@@ -35,6 +38,7 @@ static void registerHooks(apr_pool_t* pool) {
   ap_hook_fixups(nsapiType, NULL, NULL, APR_HOOK_MIDDLE);
   ap_hook_fixups(nsapiTypeFolder, NULL, NULL, APR_HOOK_REALLY_LAST);
   ap_hook_handler(nsapiServe, NULL, NULL, APR_HOOK_FIRST);
+  ap_hook_handler(nsapiHideSource, programs, files, APR_HOOK_LAST);
 }
 
 module AP_MODULE_DECLARE_DATA nsapi_module = {

@@ -60,6 +60,9 @@ int nsapiTypeFolder(request_rec* r);
 /* Runs the Service functions for a claimed request. */
 int nsapiServe(request_rec* r);
 
+/* Refuses what has an internal type and no handler: httpd would send the file. */
+int nsapiHideSource(request_rec* r);
+
 #ifdef __cplusplus
 }
 #endif

@@ -10,6 +10,7 @@
 #include "layer/functions.h"
 #include "layer/parameters.h"
 #include "layer/request.h"
+#include "layer/stages.h"
 #include "layer/text.h"
 #include "layer/uri.h"
 
@@ -63,9 +64,31 @@ static int documentRoot(pblock* pb, Session*, Request* rq) try {
   return REQ_ABORTED;
 }
 
+static bool endsInOneOf(std::string_view name, std::string_view suffixes) {
+  for (auto suffix = takeWord(&suffixes, kBlanks); !suffix.empty();
+       suffix = takeWord(&suffixes, kBlanks)) {
+    if (name.size() < suffix.size()) continue;
+    if (equalsNoCase(name.substr(name.size() - suffix.size()), suffix)) return true;
+  }
+  return false;
+}
+
+// A plug-in may drop what stands behind a ';', and a file may have one in its name.
+static bool hasSuffix(const Request* rq, const char* suffixes) {
+  const char* path = pathOf(rq->vars);
+  if (!path) path = findValue(rq->reqpb, "uri");
+  if (!path) return false;
+  std::string_view name(path);
+  name.remove_prefix(name.rfind('/') + 1);
+  return endsInOneOf(name, suffixes) ||
+         endsInOneOf(name.substr(0, name.find(';')), suffixes);
+}
+
 static int forceType(pblock* pb, Session*, Request* rq) {
   const char* type = findValue(pb, "type");
   if (!type || findValue(rq->srvhdrs, "content-type")) return REQ_NOACTION;
+  const char* suffixes = findValue(pb, "suffix");
+  if (suffixes && !hasSuffix(rq, suffixes)) return REQ_NOACTION;
   return addParameter(rq->srvhdrs, "content-type", type) ? REQ_NOACTION : REQ_ABORTED;
 }
 

@@ -2,12 +2,14 @@
 //
 //   Init       fn="load-modules"  shlib="FILE" funcs="NAME,NAME..."
 //   NameTrans  fn="document-root" root="FOLDER" index="NAME NAME..."
-//   ObjectType fn="force-type"    type="TYPE"
+//   ObjectType fn="force-type"    type="TYPE" suffix=".SUFFIX .SUFFIX..."
 //
 // load-modules loads a shared object and registers its functions. document-root
 // sets `ppath` and `path` to the root followed by the URI, and `ntrans-base` to
 // the root; a URI that ends in a slash gets the first existing index file behind
-// it. force-type sets the response's content type, where there is none.
+// it. force-type sets the response's content type, where there is none; with
+// `suffix`, only for a path that ends in one of these, in any case of letters and
+// with or without its path parameters.
 //
 // Ownership: the table is constant. Threads: while the configuration is read,
 // one; findFunction and what it gives, any.

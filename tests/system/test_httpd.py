@@ -188,13 +188,6 @@ def test_places_may_be_httpds_alone_or_without_files(site):
         assert b"file" != host.fetch(target).body and host.fetch(target).status != 403
 
 
-def test_what_a_service_function_declines_goes_on_in_httpd(site):
-    stages = ('ObjectType fn="force-type" type="vesk-internal/mine"', *HttpdHost.STAGES)
-    host = start(site, ("status",), stages=stages)  # which asks for the handler's name
-    (host.htdocs / "plain").write_text("file")
-    assert host.fetch("/plain").body == b"file"
-
-
 LINES = """<Location "/demo/read">
 NSAPIService type="vesk-internal/*" method="(GET|HEAD)" fn="veskservice"
 </Location>
@@ -223,6 +216,48 @@ def test_places_have_lines_of_their_own(site):
     before = sum("veskservice: [enter]" in line for line in host.messages())
     assert host.fetch("/any").status == 404  # no type, and yet the function has been asked
     assert sum("veskservice: [enter]" in line for line in host.messages()) == before + 1
+
+
+TYPED = """AddType vesk-internal/ext .jsp
+AddCharset utf-8 .jsp
+<Location "/demo">
+ForceType vesk-internal/ext
+</Location>
+<Location "/off">
+NSAPIEngine Off
+</Location>
+<Location "/none">
+NSAPIService none
+</Location>
+<Location "/text">
+NSAPIObjectType fn="force-type" type="text/plain"
+</Location>
+<Location "/mine">
+ForceType vesk-internal/mine
+</Location>
+<Directory "{folder}/htdocs/page">
+Options +Includes +Indexes +MultiViews
+SetOutputFilter INCLUDES
+</Directory>"""
+
+
+def test_what_is_typed_for_the_plugin_is_never_a_file(site):
+    for folder in ("", "off", "none", "text", "mine", "page"):
+        (site.folder / "htdocs" / folder).mkdir(parents=True, exist_ok=True)
+        (site.folder / "htdocs" / folder / "index.jsp").write_text("source")
+    (site.folder / "htdocs" / "mine" / "plain").write_text("source")
+    (site.folder / "htdocs" / "page" / "a.html").write_text('<!--#include file="index.jsp" -->')
+    modules = ("filter", "include", "negotiation", "status")
+    host = start(site, modules, TYPED, "127.0.0.1:1")
+    expected = {"/index.jsp": 503, "/": 503, "/text/": 503, "/page/index": 503, "/demo/any": 503,
+                "/off/index.jsp": 404, "/none/index.jsp": 404}
+    assert {path: host.fetch(path).status for path in expected} == expected
+    assert b"source" not in host.fetch("/page/a.html").body
+    host.stop()
+    host = start(site, modules, TYPED)
+    assert b"s001" in host.fetch("/demo/").body
+    assert host.fetch("/mine/plain").status == 404  # the connector declines it
+    assert host.said("no Service line has taken /mine/plain")
 
 
 def test_body_limit_is_httpds(site):

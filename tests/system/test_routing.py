@@ -3,7 +3,7 @@
 import pytest
 from processes import Host
 
-FORCED = 'ObjectType fn="force-type" type="vesk-internal/mine"'
+FORCED = 'ObjectType fn="force-type" type="vesk-internal/mine" suffix=".jsp"'
 SUFFIXES = {  # the stages, and whether /index.jsp is then the file of the web server
     "the web server": (Host.STAGES, True),
     "a type of the configuration brings them back": ((FORCED, *Host.STAGES), False)}
@@ -25,6 +25,16 @@ def test_reserved_type_answers_503_for_what_the_filter_declined(site):
     host = site.host(site.backend(), stages=stages)
     assert host.fetch("/elsewhere").status == 503
     assert b"s001" in host.fetch("/demo/").body
+
+
+def test_source_stays_where_no_server_was_reached(site):
+    forced = 'ObjectType fn="force-type" type="vesk-internal/ext" suffix=".jsf .jsp"'
+    host = site.host("127.0.0.1:1", stages=(Host.STAGES[0], forced, Host.STAGES[1]))
+    names = ("index.jsp", "a;b.jsp", "c.JSP", "jsp", "a.jsp.txt")
+    for name in names:
+        (host.htdocs / name).write_text("a file")
+    seen = [host.fetch("/" + name).status for name in ("", "a.jsp;x=1.txt", *names)]
+    assert seen == [503, 503, 503, 503, 503, 200, 200]
 
 
 def test_folder_goes_to_its_index_file(site):
