@@ -46,6 +46,8 @@ NSAPIInit fn="load-modules" shlib="$root/$build/lib/veskconnector.so" \\
 NSAPIInit $(init_line)
 NSAPIObjectType fn="veskfilter"
 NSAPIService type="vesk-internal/*" fn="veskservice"
+NSAPIMapping servlet
+AddType vesk-internal/ext .jsp
 CONF
   } >"$dir/httpd.conf"
   host_log=$dir/error.log

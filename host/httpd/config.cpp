@@ -167,6 +167,7 @@ void* nsapiMergeServers(apr_pool_t* pool, void* base, void* own) {
   const auto* main = static_cast<const ServerConfig*>(base);
   if (!merged->own) merged->stages = main->stages;
   if (!merged->clientNamesSet) merged->clientNames = main->clientNames;
+  if (!merged->servletPathsSet) merged->servletPaths = main->servletPaths;
   return merged;
 }
 

@@ -19,6 +19,8 @@ struct ServerConfig {
   Stages* stages;       // what its requests run: `own`, else the main server's, else null
   bool clientNames;     // headers may mean the host's own words
   bool clientNamesSet;  // by a line of its own
+  bool servletPaths;    // httpd judges paths without their parameters
+  bool servletPathsSet;
 };
 
 [[nodiscard]] ServerConfig* configOf(server_rec* server);

@@ -1,6 +1,7 @@
 // The hooks of a request: which stages run where in httpd's own order.
 //
-//   translate_name   NameTrans   in place of DocumentRoot
+//   translate_name   NameTrans   in place of DocumentRoot; path parameters are put aside
+//                                until httpd has judged what is left
 //   map_to_storage   none        where URIs name no files, httpd looks for none
 //   fixups           ObjectType  after httpd's access control: what it allowed
 //                                is what the plug-in sees
@@ -102,7 +103,7 @@ static int runTypeStage(RequestState* state, request_rec* r) {
 
 static int findType(request_rec* r) {
   if (!pluginsRun(r) || !concernsPlugin(r)) return DECLINED;
-  RequestState* state = stateOf(r);
+  RequestState* state = putWholeUri(r) ? stateOf(r) : nullptr;
   if (!state) return HTTP_INTERNAL_SERVER_ERROR;
   if (state->typed) return DECLINED;
   state->typed = true;

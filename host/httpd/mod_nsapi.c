@@ -18,6 +18,9 @@ static const command_rec directives[] = {
     AP_INIT_FLAG("NSAPIClientNames", nsapiClientNames, NULL, RSRC_CONF,
                  "On lets headers through whose names mean the web server's own words, "
                  "such as Auth-User; Off, the default, leaves them out"),
+    AP_INIT_TAKE1("NSAPIMapping", nsapiMapping, NULL, RSRC_CONF,
+                  "servlet has httpd judge a path without its parameters, which the "
+                  "plug-in still gets; plain is the default"),
     AP_INIT_FLAG("NSAPIEngine", nsapiEngine, NULL, RSRC_CONF | ACCESS_CONF,
                  "Off has the plug-ins leave what lies here to httpd; On is the default"),
     AP_INIT_FLAG("NSAPIFiles", nsapiFiles, NULL, RSRC_CONF | ACCESS_CONF,
@@ -25,13 +28,18 @@ static const command_rec directives[] = {
                  "and <Location> alone protects; On is the default"),
     {NULL, {NULL}, NULL, 0, RAW_ARGS, NULL}};
 
-/* An index file is looked for by mod_dir, whose fixups run among the last. What sends
+/* A proxy passes the whole URI on, and a rewriting rule may be about what stands behind
+ * the ';': both come first.
+ *
+ * An index file is looked for by mod_dir, whose fixups run among the last. What sends
  * files are the handlers of mod_file_cache and, as the last of all, of the core. */
 static void registerHooks(apr_pool_t* pool) {
+  static const char* const translators[] = {"mod_proxy.c", "mod_rewrite.c", NULL};
   static const char* const programs[] = {"mod_actions.c", NULL};
   static const char* const files[] = {"mod_file_cache.c", NULL};
   (void)pool;
   ap_hook_child_init(nsapiStartChild, NULL, NULL, APR_HOOK_MIDDLE);
+  ap_hook_translate_name(nsapiDropParameters, translators, NULL, APR_HOOK_FIRST);
   ap_hook_translate_name(nsapiTranslate, NULL, NULL, APR_HOOK_LAST);
   ap_hook_map_to_storage(nsapiEndTranslation, NULL, NULL, APR_HOOK_REALLY_FIRST);
   ap_hook_map_to_storage(nsapiSkipWalk, NULL, NULL, APR_HOOK_LAST);

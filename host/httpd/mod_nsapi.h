@@ -27,8 +27,9 @@ void* nsapiMergeServers(apr_pool_t* pool, void* base, void* own);
 const char* nsapiInit(cmd_parms* cmd, void* unused, const char* text);
 const char* nsapiNameTrans(cmd_parms* cmd, void* unused, const char* text);
 
-/* NSAPIClientNames. */
+/* NSAPIClientNames, NSAPIMapping. */
 const char* nsapiClientNames(cmd_parms* cmd, void* unused, int on);
+const char* nsapiMapping(cmd_parms* cmd, void* unused, const char* mapping);
 
 /* NSAPIObjectType, NSAPIService, NSAPIEngine, NSAPIFiles: of the server, or of a
  * place in it. */
@@ -42,6 +43,9 @@ const char* nsapiFiles(cmd_parms* cmd, void* place, int on);
 /* Runs the Init functions in a new child process; the restart callbacks run
  * when `pool` goes, after the child's worker threads have ended. */
 void nsapiStartChild(apr_pool_t* pool, server_rec* server);
+
+/* Takes the path parameters out of the URI that httpd judges. */
+int nsapiDropParameters(request_rec* r);
 
 /* Runs the NameTrans functions for a request that no Alias has taken. */
 int nsapiTranslate(request_rec* r);

@@ -10,6 +10,7 @@
 
 #include "httpd/config.h"
 #include "httpd/mod_nsapi.h"
+#include "httpd/path_parameters.h"
 #include "layer/client_names.h"
 #include "layer/parameters.h"
 #include "layer/request_setup.h"
@@ -68,11 +69,29 @@ static RequestState* newState(request_rec* r) {
   return state;
 }
 
-RequestState* stateOf(request_rec* r) {
+// Null where there is none for the present URI.
+static RequestState* currentState(request_rec* r) {
   void* kept = ap_get_module_config(r->request_config, &nsapi_module);
   auto* state = static_cast<RequestState*>(kept);
-  bool current = state && std::strcmp(state->uri, r->uri) == 0;
-  return current ? state : newState(r);
+  return state && std::strcmp(state->uri, r->uri) == 0 ? state : nullptr;
+}
+
+RequestState* stateOf(request_rec* r) {
+  RequestState* state = currentState(r);
+  return state ? state : newState(r);
+}
+
+// What the NameTrans functions have found under the judged URI stays.
+bool putWholeUri(request_rec* r) {
+  char* whole = wholeUri(r);
+  if (!whole) return true;
+  RequestState* state = currentState(r);
+  r->uri = whole;
+  if (!state) return true;
+  RunningRequest running(&state->request);
+  state->uri = whole;
+  freeParameter(findParameter(state->request.reqpb, "uri", true));
+  return addParameter(state->request.reqpb, "uri", whole) != nullptr;
 }
 
 bool putPaths(RequestState* state, request_rec* r) {

@@ -26,6 +26,10 @@ struct RequestState {
 // present URI: httpd may go over to an index file in the midst of a request.
 [[nodiscard]] RequestState* stateOf(request_rec* r);
 
+// Gives the request, and its state, the URI as it came in place of the one that httpd has
+// judged: false when memory is short.
+[[nodiscard]] bool putWholeUri(request_rec* r);
+
 // Gives the ObjectType functions `path`, `ppath` and `ntrans-base` where no
 // NameTrans function did, and `path-info`. REQUIRES: the request runs.
 [[nodiscard]] bool putPaths(RequestState* state, request_rec* r);

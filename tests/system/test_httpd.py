@@ -260,6 +260,31 @@ def test_what_is_typed_for_the_plugin_is_never_a_file(site):
     assert host.said("no Service line has taken /mine/plain")
 
 
+MAPPED = """NSAPIMapping servlet
+<Location "/demo/session">
+Require all denied
+</Location>
+<LocationMatch "^/demo/exactly$">
+Require all denied
+</LocationMatch>
+ProxyPass "/away" "http://127.0.0.1:{port}/demo"
+RewriteEngine on
+RewriteRule "^/old(;[^/]*)$" "/demo/snoop$1" [PT]"""
+
+
+def test_paths_are_judged_without_their_parameters(site):
+    stages = ('NameTrans fn="document-root" root="htdocs"', *HttpdHost.STAGES)
+    (site.folder / "htdocs" / "app").mkdir(parents=True)
+    (site.folder / "htdocs" / "app" / "index.jsp").write_text("source")
+    host = start(site, ("rewrite", "proxy", "proxy_http"), MAPPED, stages=stages)
+    paths = ("/session;x", "/session%3Bx", "/session;x/y", ";a/session", "/;/session",
+             "/a/..;b/session", "/;x/;y/session", "/exactly;x", "/exactly%3bx;y")
+    assert {path: host.fetch("/demo" + path).status for path in paths} == dict.fromkeys(paths, 403)
+    for path in ("/demo/snoop;x", "/demo/snoop%3Bx", "/old;x", "/away/snoop;x"):
+        assert host.fetch(path).json()["variables"]["SCRIPT_NAME"] == "/demo/snoop;x"
+    assert b"/app/index.jsp;s=1" in host.fetch("/app/;s=1").body
+
+
 def test_body_limit_is_httpds(site):
     host = start(site, extra="LimitRequestBody 1000")
     with host.connect() as browser:
