@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "httpd/error_pages.h"
 #include "httpd/log.h"
 #include "httpd/response.h"
 #include "layer/outcome.h"
@@ -92,6 +93,15 @@ int HttpdExchange::readBody(unsigned char* buffer, int size) {
 int HttpdExchange::startResponse(HostRequest* request) {
   // The head must not go out: the refusal takes its place.
   if (refusal_ != 0 || r_->connection->aborted) return REQ_ABORTED;
+  if (httpdAnswers(r_, *request)) {
+    // What the plug-in sends of its page is read to its end, and goes nowhere. Nor does
+    // the server's reason, which httpd would write into its page as it stands.
+    putErrorHead(r_, request);
+    r_->status_line = nullptr;
+    refusal_ = request->status_num;
+    left_ = 0;
+    return REQ_NOACTION;
+  }
   left_ = putHead(r_, request);
   if (r_->header_only || isHeadOnly(r_->status)) {
     left_ = 0;

@@ -38,8 +38,8 @@ class HttpdExchange final : public Exchange {
   // Ends a started response as it is judged.
   void finish(Answer answer);
 
-  // The status that the request deserves whatever a plug-in says of it, as for
-  // a body that is too long; 0: none.
+  // The status that httpd itself answers with, as for a body that is too long, or in
+  // place of a server's error page; 0: none.
   [[nodiscard]] int refusal() const {
     return refusal_;
   }

@@ -138,20 +138,19 @@ static int giveBack(RequestState* state, request_rec* r) {
 }
 
 // A refusal of httpd's own comes first: it has kept the head from going out, and
-// the plug-in knows only that its response failed.
+// the plug-in knows at most that its response failed.
 static int giveAnswer(RequestState* state, request_rec* r, int result) {
   HostRequest& request = state->request;
-  if (state->exchange.refusal() && r->bytes_sent == 0) return state->exchange.refusal();
   if (endsConnection(result)) r->connection->keepalive = AP_CONN_CLOSE;
   const Answer verdict = judgeRequest(request, result);
+  if (verdict == Answer::bare) (void)startResponse(&request);
+  if (state->exchange.refusal() && r->bytes_sent == 0) return state->exchange.refusal();
   switch (verdict) {
     case Answer::none:
       return giveBack(state, r);
     case Answer::failure:
       return putFailure(r, request);
     case Answer::bare:
-      (void)startResponse(&request);
-      break;
     case Answer::whole:
     case Answer::broken:
     case Answer::unknown:

@@ -26,6 +26,10 @@ static const command_rec directives[] = {
     AP_INIT_FLAG("NSAPIFiles", nsapiFiles, NULL, RSRC_CONF | ACCESS_CONF,
                  "Off says that no URI here names a file, so that httpd looks for none "
                  "and <Location> alone protects; On is the default"),
+    AP_INIT_TAKE_ARGV("NSAPIErrorOverride", nsapiErrorOverride, NULL,
+                      RSRC_CONF | ACCESS_CONF,
+                      "On, and statuses or none for all: ErrorDocument stands in place "
+                      "of a server's error page; Off is the default"),
     {NULL, {NULL}, NULL, 0, RAW_ARGS, NULL}};
 
 /* A proxy passes the whole URI on, and a rewriting rule may be about what stands behind

@@ -31,14 +31,16 @@ const char* nsapiNameTrans(cmd_parms* cmd, void* unused, const char* text);
 const char* nsapiClientNames(cmd_parms* cmd, void* unused, int on);
 const char* nsapiMapping(cmd_parms* cmd, void* unused, const char* mapping);
 
-/* NSAPIObjectType, NSAPIService, NSAPIEngine, NSAPIFiles: of the server, or of a
- * place in it. */
+/* NSAPIObjectType, NSAPIService, NSAPIEngine, NSAPIFiles, NSAPIErrorOverride: of the
+ * server, or of a place in it. */
 void* nsapiCreatePlace(apr_pool_t* pool, char* folder);
 void* nsapiMergePlaces(apr_pool_t* pool, void* outer, void* own);
 const char* nsapiObjectType(cmd_parms* cmd, void* place, const char* text);
 const char* nsapiService(cmd_parms* cmd, void* place, const char* text);
 const char* nsapiEngine(cmd_parms* cmd, void* place, int on);
 const char* nsapiFiles(cmd_parms* cmd, void* place, int on);
+const char* nsapiErrorOverride(cmd_parms* cmd, void* place, int count,
+                               char* const words[]);
 
 /* Runs the Init functions in a new child process; the restart callbacks run
  * when `pool` goes, after the child's worker threads have ended. */

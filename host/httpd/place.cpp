@@ -17,6 +17,7 @@ struct PlaceConfig {
   Switch engine;
   Switch files;
   Stages* lines[kStages];  // by stage; null: as around the place
+  const ErrorOverride* errors;
 };
 
 static bool withoutFiles = false;  // written while the configuration is read
@@ -28,6 +29,14 @@ static const PlaceConfig* placeOf(const request_rec* r) {
 
 Stages** ownLines(void* place, Stage stage) {
   return &static_cast<PlaceConfig*>(place)->lines[static_cast<int>(stage)];
+}
+
+const ErrorOverride** ownErrorOverride(void* place) {
+  return &static_cast<PlaceConfig*>(place)->errors;
+}
+
+const ErrorOverride* errorOverrideOf(const request_rec* r) {
+  return placeOf(r)->errors;
 }
 
 bool pluginsRun(const request_rec* r) {
@@ -55,7 +64,8 @@ static Switch inner(Switch outer, Switch own) {
   return own == Switch::open ? outer : own;
 }
 
-static Stages* inner(Stages* outer, Stages* own) {
+template <typename Record>
+static Record* inner(Record* outer, Record* own) {
   return own ? own : outer;
 }
 
@@ -83,6 +93,7 @@ void* nsapiMergePlaces(apr_pool_t* pool, void* outer, void* own) {
   for (int i = 0; i < host::kStages; ++i) {
     merged->lines[i] = host::inner(around->lines[i], place->lines[i]);
   }
+  merged->errors = host::inner(around->errors, place->errors);
   return merged;
 }
 

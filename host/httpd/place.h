@@ -10,6 +10,7 @@
 
 #include <http_config.h>
 
+#include "httpd/error_pages.h"
 #include "layer/stages.h"
 
 namespace host {
@@ -22,6 +23,12 @@ namespace host {
 
 // Why a line of the module's can't stand where it stands, or null.
 [[nodiscard]] const char* misplaced(cmd_parms* cmd);
+
+// What the request's place says of servers' error pages, or null.
+[[nodiscard]] const ErrorOverride* errorOverrideOf(const request_rec* r);
+
+// Where a place keeps what it says of them itself.
+[[nodiscard]] const ErrorOverride** ownErrorOverride(void* place);
 
 // Where a place keeps its own lines of a stage.
 [[nodiscard]] Stages** ownLines(void* place, Stage stage);

@@ -28,6 +28,12 @@ static bool belongsToHttpd(const char* name) {
                      [name](const char* own) { return equalsNoCase(name, own); });
 }
 
+// What a server says of its own body, and not of the page that stands in its place.
+static bool describesBody(const char* name) {
+  return strncasecmp(name, "content-", 8) == 0 || equalsNoCase(name, "etag") ||
+         equalsNoCase(name, "last-modified") || equalsNoCase(name, "accept-ranges");
+}
+
 static bool canBeSent(const pb_param* param) {
   return *param->name && !*ap_scan_http_token(param->name) &&
          !*ap_scan_http_field_content(param->value);
@@ -81,8 +87,7 @@ void putErrorHead(request_rec* r, const HostRequest* request) {
   putStatus(r, request->status_num, request->reason);
   for (const pb_entry* entry = request->srvhdrs->ht[0]; entry; entry = entry->next) {
     const pb_param* param = entry->param;
-    bool describesBody = strncasecmp(param->name, "content-", 8) == 0;
-    if (describesBody || belongsToHttpd(param->name) ||
+    if (describesBody(param->name) || belongsToHttpd(param->name) ||
         equalsNoCase(param->name, "connection")) {
       continue;
     }

@@ -48,8 +48,12 @@ Answer judgeService(const ServiceEnd& end) {
   return Answer::none;
 }
 
+bool isNoServersAnswer(const char* outcome) {
+  return says(outcome, "failed");
+}
+
 bool announcesClose(const char* outcome, bool hasLength) {
-  return !hasLength && says(outcome, "failed");
+  return !hasLength && isNoServersAnswer(outcome);
 }
 
 bool endsConnection(int result) {

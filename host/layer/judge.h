@@ -52,6 +52,9 @@ enum class Answer {
 // response: the plug-in has said by now what makes its end unknown.
 [[nodiscard]] bool announcesClose(const char* outcome, bool hasLength);
 
+// True when a response is the plug-in's own word that no server has answered.
+[[nodiscard]] bool isNoServersAnswer(const char* outcome);
+
 // True when a stage wants the connection to end with this request.
 [[nodiscard]] bool endsConnection(int result);
 

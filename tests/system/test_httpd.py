@@ -36,6 +36,7 @@ BROKEN = [
     ('NSAPIInit fn="veskinit"',
      '"veskinit" runs once in a process, and stands in {folder}/host.conf:'),
     ('NSAPINameTrans fn="document-root" root="nowhere"', 'root "{folder}/nowhere" is not a folder'),
+    ('NSAPIErrorOverride On 404 200', '"200" is not the status of an error'),
     ('<Directory "/x">\nNSAPIFiles Off\n</Directory>', "NSAPIFiles cannot occur within <Directory> section"),
     ('<Files "x">\nNSAPIService fn="veskservice"\n</Files>', "cannot occur within <Files> section"),
 ]
@@ -331,6 +332,45 @@ def test_error_page_is_the_administrators(site):
     assert (response.status, response.body) == (503, b"try later")
     assert response.reason == ("Could not connect to Vesk server or invalid web server "
                                "configuration for Vesk.")
+
+
+ERRORS = """ErrorDocument 404 "not here"
+ErrorDocument 503 /sorry.txt
+<Location "/demo/plain">
+ErrorDocument 503 default
+</Location>
+<Location "/demo/all">
+NSAPIErrorOverride On
+</Location>
+<Location "/demo/all/some">
+NSAPIErrorOverride On 410 503
+</Location>
+<Location "/demo/all/some/none">
+NSAPIErrorOverride Off
+</Location>"""
+
+
+def test_error_pages_of_httpd_stand_in_for_those_of_servers(site):
+    def serve(peer, uri):
+        if uri.endswith("/broken"):
+            return peer.send(wire.word(77))
+        status = int(uri.rsplit("/", 1)[-1])
+        return peer.send(wire.status(status), wire.header("etag", '"1"'), wire.header("set-cookie", "a=1"),
+                         wire.client(b"a server's page"), wire.word(wire.FINISH))
+    host = start(site, extra=ERRORS, backend=site.fake(serve), guards="all")
+    (host.htdocs / "sorry.txt").write_text("sorry")
+    bodies = {"404": b"a server's page", "503": b"a server's page", "broken": b"sorry",
+              "all/404": b"not here", "all/503": b"sorry", "all/200": b"a server's page",
+              "all/some/404": b"a server's page", "all/some/503": b"sorry",
+              "all/some/none/503": b"a server's page", "all/some/none/broken": b"sorry"}
+    seen = {path: host.fetch("/demo/" + path) for path in bodies}
+    assert {path: answer.body for path, answer in seen.items()} == bodies
+    assert [seen[path].status for path in ("all/503", "broken")] == [503, 503]
+    assert (seen["all/404"].status, seen["all/404"].reason) == (404, "Not Found")
+    assert (seen["all/404"].header("set-cookie"), seen["all/404"].header("etag")) == ("a=1", None)
+    assert b"<H2" in host.fetch("/demo/plain/broken").body
+    with host.connect() as browser:  # neither connection suffers
+        assert [browser.fetch("GET", f"/demo/all/{status}").status for status in (404, 200)] == [404, 200]
 
 
 # --- TLS and HTTP/2 ----------------------------------------------------------
