@@ -32,7 +32,9 @@ static const command_rec directives[] = {
                       "of a server's error page; Off is the default"),
     {NULL, {NULL}, NULL, 0, RAW_ARGS, NULL}};
 
-/* A proxy passes the whole URI on, and a rewriting rule may be about what stands behind
+/* How many children there can be is known once the MPM has checked its lines.
+ *
+ * A proxy passes
  * the ';': both come first.
  *
  * An index file is looked for by mod_dir, whose fixups run among the last. What sends
@@ -42,6 +44,7 @@ static void registerHooks(apr_pool_t* pool) {
   static const char* const programs[] = {"mod_actions.c", NULL};
   static const char* const files[] = {"mod_file_cache.c", NULL};
   (void)pool;
+  ap_hook_check_config(nsapiCheckChildren, NULL, NULL, APR_HOOK_LAST);
   ap_hook_child_init(nsapiStartChild, NULL, NULL, APR_HOOK_MIDDLE);
   ap_hook_translate_name(nsapiDropParameters, translators, NULL, APR_HOOK_FIRST);
   ap_hook_translate_name(nsapiTranslate, NULL, NULL, APR_HOOK_LAST);

@@ -42,6 +42,11 @@ const char* nsapiFiles(cmd_parms* cmd, void* place, int on);
 const char* nsapiErrorOverride(cmd_parms* cmd, void* place, int count,
                                char* const words[]);
 
+/* Warns of several child processes, which a plug-in's picture of its servers and its
+ * limits aren't common to. */
+int nsapiCheckChildren(apr_pool_t* config, apr_pool_t* log, apr_pool_t* temporary,
+                       server_rec* main);
+
 /* Runs the Init functions in a new child process; the restart callbacks run
  * when `pool` goes, after the child's worker threads have ended. */
 void nsapiStartChild(apr_pool_t* pool, server_rec* server);

@@ -42,18 +42,29 @@ BROKEN = [
 ]
 
 
-@pytest.mark.parametrize("line,reason", BROKEN, ids=[reason[:40] for _, reason in BROKEN])
-def test_bad_directive_stops_the_check(site, line, reason):
-    host = HttpdHost(site.folder, extra="# wrong\n" + line, bootstrap="127.0.0.1:1")
+def written(site, extra):
+    host = HttpdHost(site.folder, extra=extra, bootstrap="127.0.0.1:1")
     host.address = ("127.0.0.1", 8080)
     (site.folder / "types").touch()
     host.path("conf").write_text(host.configuration())
+    return host
+
+
+@pytest.mark.parametrize("line,reason", BROKEN, ids=[reason[:40] for _, reason in BROKEN])
+def test_bad_directive_stops_the_check(site, line, reason):
+    host = written(site, "# wrong\n" + line)
     # Of a section, the line inside is wrong.
     number = host.path("conf").read_text().split("\n").index("# wrong") + 2 + line.startswith("<")
     status, output = host.check()
     assert status == 1
     assert f"Syntax error on line {number} of {host.path('conf')}:" in output
     assert reason.format(folder=site.folder) in output
+
+
+@pytest.mark.parametrize("most,told", [(64, False), (128, True)])
+def test_several_children_are_told_by_the_check(site, most, told):
+    status, output = written(site, f"MaxRequestWorkers {most}").check()
+    assert (status, "up to 2 child processes at once" in output) == (0, told)
 
 
 TWO_HOSTS = """<VirtualHost 127.0.0.1:{port}>
