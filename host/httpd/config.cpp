@@ -2,7 +2,6 @@
 
 #include <apr_strings.h>
 #include <http_config.h>
-#include <http_log.h>
 
 #include <exception>
 #include <map>
@@ -17,8 +16,6 @@
 #include "layer/option_check.h"
 #include "layer/text.h"
 
-APLOG_USE_MODULE(nsapi);
-
 namespace host {
 
 constexpr char kOutOfMemory[] = "out of memory";
@@ -27,6 +24,15 @@ constexpr char kOutOfMemory[] = "out of memory";
 static std::map<FuncPtr, std::string>& initPlaces() {
   static std::map<FuncPtr, std::string> places;
   return places;
+}
+
+static std::deque<SeenLine>& keptLines() {
+  static std::deque<SeenLine> lines;
+  return lines;
+}
+
+const std::deque<SeenLine>& seenLines() {
+  return keptLines();
 }
 
 ServerConfig* configOf(server_rec* server) {
@@ -43,6 +49,7 @@ static apr_status_t forgetModules(void*) {
   forgetFunctions();
   unloadModules();
   initPlaces().clear();
+  keptLines().clear();
   return APR_SUCCESS;
 }
 
@@ -92,13 +99,9 @@ static std::string checkRunsOnce(const Directive& d) {
          place->second + " already";
 }
 
-// httpd reads its configuration twice: the first time, warnings show on the console, the
-// second time they stand in the log.
-static std::string checkInitOptions(const cmd_parms* cmd, const Directive& d) {
-  for (const Finding& found : checkOptions(d)) {
+static std::string refusal(const Directive& init) {
+  for (const Finding& found : checkOptions(init)) {
     if (found.refuses) return found.text;
-    ap_log_error(APLOG_MARK, APLOG_WARNING, 0, cmd->server, "%s: %s", found.where.c_str(),
-                 found.text.c_str());
   }
   return {};
 }
@@ -107,8 +110,9 @@ static std::string addInitLine(cmd_parms* cmd, const char* text) {
   Directive d;
   std::string reason = readDirective(cmd, text, &d);
   if (reason.empty()) reason = checkRunsOnce(d);
-  if (reason.empty()) reason = checkInitOptions(cmd, d);
+  if (reason.empty()) reason = refusal(d);
   if (!reason.empty()) return reason;
+  keptLines().push_back({cmd->server, true, Stage::nameTrans, d});
   ServerConfig* config = configOf(cmd->server);
   return madeStages(cmd->pool, &config->inits)->addPreparedInit(std::move(d));
 }
@@ -120,6 +124,7 @@ static std::string addLine(cmd_parms* cmd, Stages* stages, Stage stage,
   Directive d;
   std::string reason = readDirective(cmd, text, &d);
   if (!reason.empty()) return reason;
+  keptLines().push_back({cmd->server, false, stage, d});
   return stages->addPrepared(stage, std::move(d));
 }
 

@@ -9,6 +9,9 @@
 
 #include <httpd.h>
 
+#include <deque>
+
+#include "layer/directive.h"
 #include "layer/stages.h"
 
 namespace host {
@@ -24,5 +27,16 @@ struct ServerConfig {
 };
 
 [[nodiscard]] ServerConfig* configOf(server_rec* server);
+
+// A line that names a function, for the check of the whole.
+struct SeenLine {
+  server_rec* server;  // in whose section it stands
+  bool init;
+  Stage stage;  // of any other line
+  Directive directive;
+};
+
+// All of them, in their order. REQUIRES: the configuration has been read.
+[[nodiscard]] const std::deque<SeenLine>& seenLines();
 
 }  // namespace host

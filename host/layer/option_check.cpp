@@ -132,25 +132,41 @@ static bool takesMarked(const Directive& line) {
          (!type || patternMatches(*type, "vesk-internal/target"));
 }
 
-static void checkStages(const CheckedLines& lines, const Directive& init,
-                        std::vector<Finding>* findings) {
+struct Halves {
   bool filters = false;
   bool serves = false;
+};
+
+static Halves halvesOf(const CheckedLines& lines) {
+  Halves found;
   for (const auto& [stage, line] : lines.stages) {
-    checkStray(*line, findings);
-    filters = filters || (stage == Stage::objectType && names(*line, "veskfilter"));
-    serves = serves || (stage == Stage::service && takesMarked(*line));
+    const bool filter = stage == Stage::objectType && names(*line, "veskfilter");
+    found.filters = found.filters || filter;
+    found.serves = found.serves || (stage == Stage::service && takesMarked(*line));
   }
-  if (!filters) {
+  return found;
+}
+
+const char* missingFunction(const CheckedLines& lines) {
+  const Halves found = halvesOf(lines);
+  if (found.filters == found.serves) return nullptr;
+  return found.filters ? "veskservice" : "veskfilter";
+}
+
+static void checkStages(const CheckedLines& lines, const Directive& init,
+                        std::vector<Finding>* findings) {
+  for (const auto& [stage, line] : lines.stages) checkStray(*line, findings);
+  const Halves found = halvesOf(lines);
+  if (!found.filters) {
     findings->push_back({false, init.where,
-                         "no ObjectType line runs veskfilter, so no "
-                         "request will reach a server"});
-  }
-  if (!serves) {
-    findings->push_back({false, init.where,
-                         "no Service line runs veskservice for "
-                         "vesk-internal/target, so no request will reach a "
+                         "no ObjectType line runs veskfilter, so no request will reach a "
                          "server"});
+  }
+  if (!found.serves) {
+    findings->push_back(
+        {false, init.where,
+         "no Service line runs veskservice for vesk-internal/target, so no "
+         "request will reach a server"});
   }
 }
 

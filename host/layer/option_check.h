@@ -38,6 +38,10 @@ struct CheckedLines {
 // connector.
 [[nodiscard]] std::vector<Finding> checkLines(const CheckedLines& lines);
 
+// The function of the connector's two that the lines of the stages leave out, where
+// they have the other one: half of it does nothing. Null: both, or none.
+[[nodiscard]] const char* missingFunction(const CheckedLines& lines);
+
 // Judges one Init line by itself, but for the files that it names. Nothing is said of
 // one whose function isn't `veskinit`.
 [[nodiscard]] std::vector<Finding> checkOptions(const Directive& init);
