@@ -107,8 +107,7 @@ int HttpdExchange::startResponse(HostRequest* request) {
     left_ = 0;
     return REQ_NOACTION;
   }
-  const bool closes = announcesClose(outcomeOf(*request), left_ >= 0);
-  if (closes) r_->connection->keepalive = AP_CONN_CLOSE;
+  if (announcesClose(outcomeOf(*request), left_ >= 0)) closeBehind(r_);
   return REQ_PROCEED;
 }
 
@@ -166,8 +165,9 @@ std::int64_t HttpdExchange::missing() const {
 
 // The filters of a protocol know this bucket as the end of a gateway that broke off: no
 // last chunk, or a stream that is reset. A filter that packs the body passes it on behind
-// what looks like a good end.
+// what looks like a good end. Of a part of a page it breaks the whole.
 void HttpdExchange::putBreak() {
+  r_->connection->keepalive = AP_CONN_CLOSE;
   r_->no_cache = 1;
   if (r_->main) r_->main->no_cache = 1;
   apr_bucket* broken = ap_bucket_error_create(HTTP_BAD_GATEWAY, nullptr, r_->pool,
@@ -176,7 +176,7 @@ void HttpdExchange::putBreak() {
 }
 
 void HttpdExchange::finish(Answer answer) {
-  if (answer != Answer::whole) r_->connection->keepalive = AP_CONN_CLOSE;
+  if (answer != Answer::whole) closeBehind(r_);
   if (ended_) return;
   ended_ = true;
   apr_bucket_alloc_t* buckets = r_->connection->bucket_alloc;

@@ -141,7 +141,7 @@ static int giveBack(RequestState* state, request_rec* r) {
 // the plug-in knows at most that its response failed.
 static int giveAnswer(RequestState* state, request_rec* r, int result) {
   HostRequest& request = state->request;
-  if (endsConnection(result)) r->connection->keepalive = AP_CONN_CLOSE;
+  if (endsConnection(result)) closeBehind(r);
   const Answer verdict = judgeRequest(request, result);
   if (verdict == Answer::bare) (void)startResponse(&request);
   if (state->exchange.refusal() && r->bytes_sent == 0) return state->exchange.refusal();

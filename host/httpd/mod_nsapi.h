@@ -45,7 +45,7 @@ const char* nsapiErrorOverride(cmd_parms* cmd, void* place, int count,
 /* Warns of several child processes, which a plug-in's picture of its servers and its
  * limits aren't common to. */
 int nsapiCheckConfiguration(apr_pool_t* config, apr_pool_t* log, apr_pool_t* temporary,
-                       server_rec* main);
+                            server_rec* main);
 
 /* Runs the Init functions in a new child process; the restart callbacks run
  * when `pool` goes, after the child's worker threads have ended. */

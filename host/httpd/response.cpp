@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <string_view>
 
 #include "httpd/mod_nsapi.h"
 #include "layer/status.h"
@@ -34,28 +35,52 @@ static bool describesBody(const char* name) {
          equalsNoCase(name, "last-modified") || equalsNoCase(name, "accept-ranges");
 }
 
-static bool canBeSent(const pb_param* param) {
-  return *param->name && !*ap_scan_http_token(param->name) &&
-         !*ap_scan_http_field_content(param->value);
+// Characters at the begin of the text that continue a header on the next line; 0 for a
+// line end that does not.
+static std::size_t foldSize(const char* text) {
+  if (*text != '\r' && *text != '\n') return 0;
+  const std::size_t size = std::strspn(text, "\r\n \t");
+  return kBlanks.find(text[size - 1]) != std::string_view::npos ? size : 0;
 }
 
-static void dropHeader(request_rec* r, const pb_param* param) {
+// A copy of the value, on one line: clients refuse a header that goes over several.
+static const char* joinFolds(apr_pool_t* pool, const char* value) {
+  char* line = apr_pstrdup(pool, value);
+  char* end = line;
+  for (const char* from = line; *from; ++end) {
+    const std::size_t fold = foldSize(from);
+    *end = fold > 0 ? ' ' : *from;
+    from += std::max<std::size_t>(fold, 1);
+  }
+  *end = 0;
+  return line;
+}
+
+// The value as it can leave, in the request's pool; null for a header that can't.
+static const char* sendableValue(request_rec* r, const pb_param* param) {
+  const char* value = joinFolds(r->pool, param->value);
+  const bool nameFits = *param->name && !*ap_scan_http_token(param->name);
+  if (nameFits && !*ap_scan_http_field_content(value)) return value;
   ap_log_rerror(APLOG_MARK, APLOG_ERR, 0, r, "response header dropped: %s", param->name);
+  return nullptr;
+}
+
+void closeBehind(request_rec* r) {
+  if (!r->main) r->connection->keepalive = AP_CONN_CLOSE;
 }
 
 // One header of a response with a body; the first length that can be one counts.
 static void putHeader(request_rec* r, const pb_param* param, std::int64_t* length) {
-  if (!canBeSent(param)) {
-    dropHeader(r, param);
-  } else if (equalsNoCase(param->name, "content-type")) {
-    ap_set_content_type(r, apr_pstrdup(r->pool, param->value));
+  const char* value = sendableValue(r, param);
+  if (!value) return;
+  if (equalsNoCase(param->name, "content-type")) {
+    ap_set_content_type(r, value);
   } else if (equalsNoCase(param->name, "content-length")) {
-    if (*length < 0) *length = numberOf(param->value);
+    if (*length < 0) *length = numberOf(value);
   } else if (equalsNoCase(param->name, "connection")) {
-    if (equalsNoCase(param->value, "close")) r->connection->keepalive = AP_CONN_CLOSE;
+    if (equalsNoCase(value, "close")) closeBehind(r);
   } else if (!belongsToHttpd(param->name)) {
-    apr_table_addn(r->headers_out, apr_pstrdup(r->pool, param->name),
-                   apr_pstrdup(r->pool, param->value));
+    apr_table_addn(r->headers_out, apr_pstrdup(r->pool, param->name), value);
   }
 }
 
@@ -91,12 +116,9 @@ void putErrorHead(request_rec* r, const HostRequest* request) {
         equalsNoCase(param->name, "connection")) {
       continue;
     }
-    if (!canBeSent(param)) {
-      dropHeader(r, param);
-      continue;
-    }
-    apr_table_addn(r->err_headers_out, apr_pstrdup(r->pool, param->name),
-                   apr_pstrdup(r->pool, param->value));
+    const char* value = sendableValue(r, param);
+    if (!value) continue;
+    apr_table_addn(r->err_headers_out, apr_pstrdup(r->pool, param->name), value);
   }
 }
 

@@ -21,4 +21,8 @@ std::int64_t putHead(request_rec* r, const HostRequest* request);
 // headers, but for those that describe a body.
 void putErrorHead(request_rec* r, const HostRequest* request);
 
+// Has the connection end with this response; a part of another page, as an included
+// one, decides nothing about the connection of the whole.
+void closeBehind(request_rec* r);
+
 }  // namespace host

@@ -539,3 +539,32 @@ def test_huge_bodies_need_no_memory(site):
             browser.send(bytes(1 << 20))
         assert browser.read().json()["size"] == HUGE
     assert resident(host) - before < GROWTH
+
+
+# --- what stands before and behind the plug-in ---------------------------------
+
+def folded(peer, _):
+    peer.send(wire.status(200), wire.header("X-Long", "one,\r\n\ttwo\r\n  three"),
+              wire.header("X-Two", "one\r\nX-Split: two"), wire.client(b"page"), word(wire.FINISH))
+
+
+def test_header_of_several_lines_leaves_on_one(site):
+    seen = start(site, backend=site.fake(folded)).fetch("/demo/")
+    assert (seen.all("x-long"), seen.all("x-two"), seen.body) == (["one, two three"], [], b"page")
+    assert not seen.all("x-split")
+
+
+def missing(peer, _):
+    peer.send(wire.status(404, "Not Found"), wire.header("Connection", "close"),
+              wire.client(b"no such page"), word(wire.FINISH))
+
+
+def test_included_page_leaves_the_connection_alone(site):
+    host = start(site, ("filter", "include"), """<Location "/page.html">
+SetOutputFilter INCLUDES
+Options +Includes
+</Location>""", site.fake(missing))
+    (host.htdocs / "page.html").write_text('[<!--#include virtual="/demo/none" -->]')
+    with host.connect() as browser:
+        for _ in range(2):
+            assert browser.fetch("GET", "/page.html").body == b"[no such page]"
