@@ -14,6 +14,7 @@
 #include "httpd/error_pages.h"
 #include "httpd/log.h"
 #include "httpd/response.h"
+#include "httpd/spool.h"
 #include "layer/outcome.h"
 #include "layer/status.h"
 
@@ -88,6 +89,14 @@ int HttpdExchange::readBody(unsigned char* buffer, int size) {
   }
   if (count == kBrokenBody) return -1;
   return std::max(count, 0);
+}
+
+int HttpdExchange::settleBody() {
+  if (bodyEnded_ || !isBodyFiltered(r_)) return OK;
+  body_ = apr_brigade_create(r_->pool, r_->connection->bucket_alloc);
+  const int status = spoolBody(r_, body_);
+  bodyEnded_ = status != OK;
+  return status;
 }
 
 int HttpdExchange::startResponse(HostRequest* request) {

@@ -35,6 +35,10 @@ class HttpdExchange final : public Exchange {
   void log(int degree, const char* function, HostRequest* request,
            const char* message) override;
 
+  // Makes sure that the head tells the truth about the body before it is handed on,
+  // whatever the filters do to it: OK, or the status of the answer. May block.
+  [[nodiscard]] int settleBody();
+
   // Ends a started response as it is judged.
   void finish(Answer answer);
 

@@ -163,6 +163,8 @@ static int giveAnswer(RequestState* state, request_rec* r, int result) {
 static int runService(RequestState* state, request_rec* r) {
   HostRequest& request = state->request;
   RunningStage running(&request);
+  const int body = state->exchange.settleBody();
+  if (body != OK) return body;
   if (!putClient(state, r)) return HTTP_INTERNAL_SERVER_ERROR;
   return giveAnswer(state, r, runStage(r, Stage::service, &request));
 }

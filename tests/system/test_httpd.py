@@ -1,6 +1,7 @@
 """What only Apache httpd has: its directives, TLS, virtual hosts, restarts, logs."""
 
 import base64
+import gzip
 import hashlib
 import json
 import os
@@ -568,3 +569,15 @@ Options +Includes
     with host.connect() as browser:
         for _ in range(2):
             assert browser.fetch("GET", "/page.html").body == b"[no such page]"
+
+
+def test_unpacked_body_arrives_whole_under_its_own_length(site):
+    host = start(site, ("deflate", "filter"), "SetInputFilter DEFLATE")
+    packing = [("Content-Encoding", "gzip")]
+    for body in (os.urandom(3000) * 2, os.urandom(1500) * 200):  # kept in memory, and in a file
+        packed = gzip.compress(body)
+        seen = host.fetch("/demo/upload", "POST", packing, packed).json()
+        assert (seen["size"], seen["sha256"]) == (len(body), hashlib.sha256(body).hexdigest())
+        told = dict(host.fetch("/demo/snoop", "POST", packing, packed).json()["headers"])
+        assert told["content-length"] == str(len(body)) and "content-encoding" not in told
+    assert host.fetch("/demo/upload", "POST", packing, packed[:-9]).status == 400
