@@ -172,22 +172,28 @@ std::int64_t HttpdExchange::missing() const {
   return left_;
 }
 
+// Keeps the page, and those around it, out of every cache.
+static void forbidStoring(request_rec* r) {
+  for (; r; r = r->main) r->no_cache = 1;
+}
+
 // The filters of a protocol know this bucket as the end of a gateway that broke off: no
 // last chunk, or a stream that is reset. A filter that packs the body passes it on behind
 // what looks like a good end. Of a part of a page it breaks the whole.
 void HttpdExchange::putBreak() {
   r_->connection->keepalive = AP_CONN_CLOSE;
-  r_->no_cache = 1;
-  if (r_->main) r_->main->no_cache = 1;
   apr_bucket* broken = ap_bucket_error_create(HTTP_BAD_GATEWAY, nullptr, r_->pool,
                                               r_->connection->bucket_alloc);
   APR_BRIGADE_INSERT_TAIL(out_, broken);
 }
 
+// Of an end that nobody knows, a browser may make what it can; to a cache it would be
+// the whole page for all who come later.
 void HttpdExchange::finish(Answer answer) {
   if (answer != Answer::whole) closeBehind(r_);
   if (ended_) return;
   ended_ = true;
+  if (answer != Answer::whole) forbidStoring(r_);
   apr_bucket_alloc_t* buckets = r_->connection->bucket_alloc;
   if (!out_) out_ = apr_brigade_create(r_->pool, buckets);
   if (answer == Answer::broken) putBreak();

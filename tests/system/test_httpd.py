@@ -581,3 +581,16 @@ def test_unpacked_body_arrives_whole_under_its_own_length(site):
         told = dict(host.fetch("/demo/snoop", "POST", packing, packed).json()["headers"])
         assert told["content-length"] == str(len(body)) and "content-encoding" not in told
     assert host.fetch("/demo/upload", "POST", packing, packed[:-9]).status == 400
+
+
+@pytest.mark.parametrize("guards", ["all", None])  # without, an error stands behind the part
+def test_page_that_broke_off_is_not_stored(site, guards):
+    server = site.fake(cut)
+    (site.folder / "cache").mkdir()
+    host = start(site, ("cache", "cache_disk"), """CacheEnable disk /demo
+CacheRoot "{folder}/cache"
+CacheIgnoreNoLastMod On""", server, guards=guards)
+    for name in ("whole", "counted", "uncounted") * 2:
+        host.fetch("/demo/" + name)
+    assert sorted(server.requests) == sorted(
+        ["/demo/whole"] + ["/demo/counted", "/demo/uncounted"] * 2)
