@@ -7,6 +7,7 @@
 #include "context/memory.h"
 #include "context/text.h"
 #include "maptable/vesk_maptable_impl.h"
+#include "nsapi/host_attributes.h"
 #include "nsapi/host_log.h"
 #include "nsapi/host_objects.h"
 #include "nsapi/nsapi_request.h"
@@ -106,6 +107,7 @@ static int forwardRequest(vesk_request* req, mappingsTable* table) {
   bool complete = collectHeaders(req) == 0;
   if (complete && conf_getglobals()->Vsecurity_active)
     complete = addSslAttributes(req) == 0;
+  complete = complete && addHostAttributes(req) == 0;
   if (!complete) {
     req->log(req, "veskservice: no memory to forward the request");
     return refuse(req, kInternalError, "Out of memory.");

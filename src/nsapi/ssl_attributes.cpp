@@ -7,19 +7,12 @@
 #include "context/memory.h"
 #include "context/request_block.h"
 #include "context/text.h"
+#include "nsapi/host_attributes.h"
 #include "nsapi/host_objects.h"
 
 // Bytes that a certificate's frame takes, with the NUL: readers of PEM want the first
 // and the last line in this very form.
 constexpr std::int64_t kCertificateFrameSize = 57;
-
-// `size` leaves out the NUL. The operation has no result: a list that stayed as it was
-// is how it tells that memory ran out.
-static std::int32_t addText(vesk_request* req, const char* name, const char* text) {
-  const veskAttribute* before = req->attributes;
-  req->setAttribute(req, name, text, static_cast<std::int32_t>(textLength(text)));
-  return req->attributes == before ? -1 : 0;
-}
 
 // The host's text outlives the request's attributes, so there is no copy.
 static std::int32_t addKeySize(vesk_request* req) {
@@ -28,7 +21,7 @@ static std::int32_t addKeySize(vesk_request* req) {
     req->trace(req, "No key size found in the Secure request");
     return 0;
   }
-  if (addText(req, "javax.servlet.request.key_size", size) < 0) return -1;
+  if (addTextAttribute(req, "javax.servlet.request.key_size", size) < 0) return -1;
   req->trace(req, "The key size is %s", size);
   return 0;
 }
@@ -52,7 +45,8 @@ static std::int32_t addCertificate(vesk_request* req) {
     return 0;
   }
   const char* text = framedCertificate(req, certificate);
-  if (!text || addText(req, "javax.servlet.request.X509Certificate", text) < 0) return -1;
+  if (!text || addTextAttribute(req, "javax.servlet.request.X509Certificate", text) < 0)
+    return -1;
   req->trace(req, "Client certificate found in the secure request");
   return 0;
 }
