@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "httpd/front.h"
 #include "httpd/mod_nsapi.h"
 #include "httpd/place.h"
 #include "layer/builtins.h"
@@ -134,6 +135,20 @@ static std::string addServerLine(cmd_parms* cmd, Stage stage, const char* text) 
   return addLine(cmd, config->stages, stage, text);
 }
 
+static std::string setFront(cmd_parms* cmd, const char* text) {
+  Directive line;
+  const std::string reason = parseParameters(text, &line);
+  if (!reason.empty()) return reason;
+  return readFront(cmd->pool, std::move(line), &configOf(cmd->server)->front);
+}
+
+// Either may be null.
+static apr_array_header_t* joined(apr_pool_t* pool, apr_array_header_t* first,
+                                  apr_array_header_t* second) {
+  if (!first || !second) return first ? first : second;
+  return apr_array_append(pool, first, second);
+}
+
 static const char* addStage(cmd_parms* cmd, Stage stage, const char* text) try {
   return answer(cmd, addServerLine(cmd, stage, text));
 } catch (const std::exception&) {
@@ -172,6 +187,8 @@ void* nsapiMergeServers(apr_pool_t* pool, void* base, void* own) {
   const auto* main = static_cast<const ServerConfig*>(base);
   if (!merged->own) merged->stages = main->stages;
   if (!merged->clientNamesSet) merged->clientNames = main->clientNames;
+  if (!merged->front) merged->front = main->front;
+  merged->envVars = host::joined(pool, main->envVars, merged->envVars);
   if (!merged->servletPathsSet) merged->servletPaths = main->servletPaths;
   return merged;
 }
@@ -186,6 +203,19 @@ const char* nsapiClientNames(cmd_parms* cmd, void*, int on) {
   ServerConfig* config = host::configOf(cmd->server);
   config->clientNames = on != 0;
   config->clientNamesSet = true;
+  return nullptr;
+}
+
+const char* nsapiTlsFront(cmd_parms* cmd, void*, const char* text) try {
+  return host::answer(cmd, host::setFront(cmd, text));
+} catch (const std::exception&) {
+  return host::kOutOfMemory;
+}
+
+const char* nsapiEnvVar(cmd_parms* cmd, void*, const char* name) {
+  ServerConfig* config = host::configOf(cmd->server);
+  if (!config->envVars) config->envVars = apr_array_make(cmd->pool, 4, sizeof(char*));
+  APR_ARRAY_PUSH(config->envVars, const char*) = name;
   return nullptr;
 }
 

@@ -16,13 +16,17 @@
 
 namespace host {
 
+struct Front;
+
 struct ServerConfig {
   Stages* inits;        // this server's Init lines; null: none
   Stages* own;          // its lines of the other stages; null: none
   Stages* stages;       // what its requests run: `own`, else the main server's, else null
   bool clientNames;     // headers may mean the host's own words
   bool clientNamesSet;  // by a line of its own
-  bool servletPaths;    // httpd judges paths without their parameters
+  const Front* front;   // what ends TLS before httpd; null: nothing
+  apr_array_header_t* envVars;  // names of those that go on; null: none
+  bool servletPaths;            // httpd judges paths without their parameters
   bool servletPathsSet;
 };
 

@@ -4,7 +4,6 @@
 #include <http_core.h>
 #include <http_protocol.h>
 #include <http_request.h>
-#include <http_ssl.h>
 #include <sched.h>
 
 #include <algorithm>
@@ -15,6 +14,7 @@
 #include "httpd/log.h"
 #include "httpd/response.h"
 #include "httpd/spool.h"
+#include "httpd/tls.h"
 #include "layer/outcome.h"
 #include "layer/status.h"
 
@@ -42,7 +42,7 @@ HttpdExchange::HttpdExchange(request_rec* r)
       ended_(false),
       refusal_(0),
       settings_{ap_get_server_port(r), apr_pstrdup(r->pool, ap_get_server_name(r)),
-                ap_ssl_conn_is_ssl(r->connection)} {}
+                isSecure(r)} {}
 
 // Reads into an empty brigade: false when the body breaks off. A body longer
 // than LimitRequestBody ends the request, whatever the plug-in makes of it.

@@ -18,6 +18,13 @@ static const command_rec directives[] = {
     AP_INIT_FLAG("NSAPIClientNames", nsapiClientNames, NULL, RSRC_CONF,
                  "On lets headers through whose names mean the web server's own words, "
                  "such as Auth-User; Off, the default, leaves them out"),
+    AP_INIT_RAW_ARGS(
+        "NSAPITLSFront", nsapiTlsFront, NULL, RSRC_CONF,
+        "from=\"ADDRESSES\" https=\"HEADER\" cipher=\"HEADER\"...: what ends "
+        "TLS before httpd, and the headers in which it tells of that"),
+    AP_INIT_ITERATE("NSAPIEnvVar", nsapiEnvVar, NULL, RSRC_CONF,
+                    "NAME...: environment variables that go to the server as attributes "
+                    "of the request"),
     AP_INIT_TAKE1("NSAPIMapping", nsapiMapping, NULL, RSRC_CONF,
                   "servlet has httpd judge a path without its parameters, which the "
                   "plug-in still gets; plain is the default"),

@@ -31,6 +31,10 @@ const char* nsapiNameTrans(cmd_parms* cmd, void* unused, const char* text);
 const char* nsapiClientNames(cmd_parms* cmd, void* unused, int on);
 const char* nsapiMapping(cmd_parms* cmd, void* unused, const char* mapping);
 
+/* NSAPITLSFront, NSAPIEnvVar. */
+const char* nsapiTlsFront(cmd_parms* cmd, void* unused, const char* text);
+const char* nsapiEnvVar(cmd_parms* cmd, void* unused, const char* name);
+
 /* NSAPIObjectType, NSAPIService, NSAPIEngine, NSAPIFiles, NSAPIErrorOverride: of the
  * server, or of a place in it. */
 void* nsapiCreatePlace(apr_pool_t* pool, char* folder);

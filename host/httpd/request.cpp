@@ -3,14 +3,16 @@
 #include <apr_strings.h>
 #include <http_config.h>
 #include <http_core.h>
-#include <http_ssl.h>
 
 #include <cstring>
 #include <new>
 
+#include "httpd/attributes.h"
 #include "httpd/config.h"
+#include "httpd/front.h"
 #include "httpd/mod_nsapi.h"
 #include "httpd/path_parameters.h"
+#include "httpd/tls.h"
 #include "layer/client_names.h"
 #include "layer/parameters.h"
 #include "layer/request_setup.h"
@@ -26,13 +28,15 @@ static bool add(pblock* pb, const char* name, const char* value) {
 // The client's order is the table's. httpd has joined headers of one name.
 static bool putHeaders(pblock* headers, request_rec* r) {
   const ServerConfig* config = configOf(r->server);
-  const bool allNames = config && config->clientNames;
+  const bool allNames = config->clientNames;
+  const Front* distrusted = cameThrough(config->front, r) ? nullptr : config->front;
   const apr_array_header_t* table = apr_table_elts(r->headers_in);
   const void* elements = table->elts;
   const auto* entries = static_cast<const apr_table_entry_t*>(elements);
   for (int i = 0; i < table->nelts; ++i) {
     if (!entries[i].key || !entries[i].val) continue;
     if (!allNames && isHostsWord(entries[i].key)) continue;
+    if (distrusted && isFronts(distrusted, entries[i].key)) continue;
     char* name = requestText(entries[i].key);
     if (!name) return false;
     ap_str_tolower(name);
@@ -105,28 +109,6 @@ bool putPaths(RequestState* state, request_rec* r) {
          add(vars, "ntrans-base", ap_context_document_root(r));
 }
 
-static const char* tlsVariable(request_rec* r, const char* name) {
-  return ap_ssl_var_lookup(r->pool, r->server, r->connection, r, name);
-}
-
-// The text between the lines that mark begin and end of a certificate, or null.
-static const char* certificateText(request_rec* r, const char* pem) {
-  const char* begin = std::strchr(pem, '\n');
-  const char* end = begin ? std::strstr(begin, "\n-----END ") : nullptr;
-  if (!end || end == begin) return nullptr;
-  ++begin;
-  return apr_pstrmemdup(r->pool, begin, static_cast<apr_size_t>(end - begin));
-}
-
-static bool putTls(HostRequest* request, request_rec* r) {
-  if (!ap_ssl_conn_is_ssl(r->connection)) return true;
-  const char* size = tlsVariable(r, "SSL_CIPHER_USEKEYSIZE");
-  const char* pem = tlsVariable(r, "SSL_CLIENT_CERT");
-  const char* certificate = pem ? certificateText(r, pem) : nullptr;
-  return add(request->session.client, "keysize", size && *size ? size : nullptr) &&
-         add(request->vars, "auth-cert", certificate);
-}
-
 // The headers are taken a second time: between the stages other modules set, add
 // and drop some.
 bool putClient(RequestState* state, request_rec* r) {
@@ -134,7 +116,8 @@ bool putClient(RequestState* state, request_rec* r) {
   request.headers = newParameters();
   return request.headers && putHeaders(request.headers, r) &&
          add(request.vars, "auth-user", r->user) &&
-         add(request.vars, "auth-type", r->ap_auth_type) && putTls(&request, r);
+         add(request.vars, "auth-type", r->ap_auth_type) && putTls(&request, r) &&
+         putEnvVars(&request, r);
 }
 
 }  // namespace host

@@ -37,6 +37,8 @@ BROKEN = [
     ('NSAPIInit fn="veskinit"',
      '"veskinit" runs once in a process, and stands in {folder}/host.conf:'),
     ('NSAPINameTrans fn="document-root" root="nowhere"', 'root "{folder}/nowhere" is not a folder'),
+    ('NSAPITLSFront from="10.0.0.0/40" https="X-Proto"', '"10.0.0.0/40" is no address'),
+    ('NSAPITLSFront from="10.0.0.1"', '"from" and "https" are needed'),
     ('NSAPIErrorOverride On 404 200', '"200" is not the status of an error'),
     ('<Directory "/x">\nNSAPIFiles Off\n</Directory>', "NSAPIFiles cannot occur within <Directory> section"),
     ('<Files "x">\nNSAPIService fn="veskservice"\n</Files>', "cannot occur within <Files> section"),
@@ -407,6 +409,10 @@ def secure(site):
     return start(site, ("socache_shmcb", "ssl", "http2"), TLS)
 
 
+def attributes(page):
+    return {one["name"]: one["text"] for one in page["attributes"]}
+
+
 def curl(host, target, *options):
     done = run("curl", "-sSk", *options, "-w", "\n%{http_version} %{http_code}",
                f"https://127.0.0.1:{host.address[1]}{target}")
@@ -420,13 +426,17 @@ def test_tls_connection_is_known_to_the_server(secure, option, version, known):
     client = secure.folder / "client.pem"
     body, status = curl(secure, "/demo/snoop", option, *(["--cert", client] if known else []))
     end = "-----END CERTIFICATE-----"
-    expected = {"javax.servlet.request.key_size": "256"}
+    expected = {"javax.servlet.request.key_size": "256",
+                "SSL_CLIENT_VERIFY": "SUCCESS" if known else "NONE"}
     if known:
         expected["javax.servlet.request.X509Certificate"] = (
             client.read_text().split(end)[0] + end + "\n\n")
     seen = json.loads(body)
     assert status == f"{version} 200"
-    assert {one["name"]: one["text"] for one in seen["attributes"]} == expected
+    told = attributes(seen)
+    assert told.pop("javax.servlet.request.cipher_suite").startswith("TLS_")
+    assert told.pop("javax.servlet.request.ssl_session_id", "a1").isalnum()  # if it has one
+    assert told == expected
     assert seen["variables"]["SERVER_PORT_SECURE"] == "1"
     assert seen["variables"]["SERVER_PROTOCOL"].startswith("HTTP/" + version)
 
@@ -594,3 +604,35 @@ CacheIgnoreNoLastMod On""", server, guards=guards)
         host.fetch("/demo/" + name)
     assert sorted(server.requests) == sorted(
         ["/demo/whole"] + ["/demo/counted", "/demo/uncounted"] * 2)
+
+
+FRONT = """NSAPITLSFront from="{peers}" https="X-Forwarded-Proto" cipher="X-Cipher" \\
+  keysize="X-Key-Size" session="X-Session" certificate="X-Cert" verdict="X-Verdict"
+NSAPIEnvVar COLOR ABSENT
+SetEnv COLOR red"""
+TOLD = {"X-Cipher": ("javax.servlet.request.cipher_suite", "TLS_AES_256_GCM_SHA384"),
+        "X-Key-Size": ("javax.servlet.request.key_size", "256"),
+        "X-Session": ("javax.servlet.request.ssl_session_id", "0a1b"),
+        "X-Verdict": ("SSL_CLIENT_VERIFY", "SUCCESS")}
+# The text of a certificate as three kinds of fronts write it.
+CERTIFICATES = ["-----BEGIN CERTIFICATE----- TUlJ +/== -----END CERTIFICATE----- ", "TUlJ+/==",
+                "-----BEGIN%20CERTIFICATE-----%0ATUlJ%2B/%3D=%0A-----END%20CERTIFICATE-----%0A"]
+
+
+@pytest.mark.parametrize("peers,trusted", [("10.0.0.1 127.0.0.0/8", True), ("10.0.0.1", False)])
+def test_front_tells_of_tls_where_it_is_one(site, peers, trusted):
+    host = start(site, ("env",), FRONT.replace("{peers}", peers))
+    headers = [(name, value) for name, (_, value) in TOLD.items()]
+    expected = {"COLOR": "red", **(dict(TOLD.values()) if trusted else {})}
+    for certificate in CERTIFICATES:
+        sent = [("X-Forwarded-Proto", "https"), ("X-Cert", certificate), *headers]
+        page = host.fetch("/demo/snoop?header=HTTPS", headers=sent).json()
+        told = attributes(page)
+        pem = told.pop("javax.servlet.request.X509Certificate", "")
+        assert pem.split("\n")[1:2] == (["TUlJ+/=="] if trusted else [])
+        assert told == expected
+        assert page["variables"]["SERVER_PORT_SECURE"] == ("1" if trusted else "0")
+        assert any(name.startswith("x-") for name, _ in page["headers"]) == trusted
+    told = [("X-Forwarded-Proto", "http"), *headers]
+    page = host.fetch("/demo/snoop", headers=told).json()
+    assert (page["variables"]["SERVER_PORT_SECURE"], attributes(page)) == ("0", {"COLOR": "red"})
