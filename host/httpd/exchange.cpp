@@ -26,6 +26,9 @@ namespace host {
 // Bytes that a socket takes at once, or has no room for because its browser doesn't read.
 constexpr int kSmallPiece = 16 << 10;
 
+// Half of what httpd reads from a socket at once.
+constexpr int kMuch = APR_BUCKET_BUFF_SIZE / 2;
+
 static thread_local bool translating = false;
 
 bool isTranslating() {
@@ -38,19 +41,23 @@ HttpdExchange::HttpdExchange(request_rec* r)
       body_(nullptr),
       out_(nullptr),
       left_(-1),
-      bodyEnded_(r->main != nullptr),
+      bodyState_(r->main ? BodyState::ended : BodyState::open),
       ended_(false),
       refusal_(0),
       settings_{ap_get_server_port(r), apr_pstrdup(r->pool, ap_get_server_name(r)),
                 isSecure(r)} {}
 
-// Reads into an empty brigade: false when the body breaks off. A body longer
-// than LimitRequestBody ends the request, whatever the plug-in makes of it.
-bool HttpdExchange::fetchBody(int size) {
+// Reads into an empty brigade: false when nothing came, as when the body breaks off or
+// nothing is there to take without a wait. A body longer than LimitRequestBody ends the
+// request, whatever the plug-in makes of it.
+bool HttpdExchange::fetchBody(int size, apr_read_type_e wait) {
   if (!body_) body_ = apr_brigade_create(r_->pool, r_->connection->bucket_alloc);
   apr_status_t status =
-      ap_get_brigade(r_->input_filters, body_, AP_MODE_READBYTES, APR_BLOCK_READ, size);
-  if (status == APR_SUCCESS) return true;
+      ap_get_brigade(r_->input_filters, body_, AP_MODE_READBYTES, wait, size);
+  const bool mayBeEmpty = wait == APR_NONBLOCK_READ;
+  if (mayBeEmpty && APR_STATUS_IS_EAGAIN(status)) return false;
+  if (status == APR_SUCCESS) return !mayBeEmpty || !APR_BRIGADE_EMPTY(body_);
+  bodyState_ = BodyState::broken;
   int refused = ap_map_http_request_error(status, HTTP_BAD_REQUEST);
   if (refused == HTTP_REQUEST_ENTITY_TOO_LARGE) refusal_ = refused;
   return false;
@@ -79,23 +86,35 @@ int HttpdExchange::takeBytes(unsigned char* buffer, int size) {
   return static_cast<int>(count);
 }
 
-int HttpdExchange::readBody(unsigned char* buffer, int size) {
+int HttpdExchange::readPiece(unsigned char* buffer, int size, apr_read_type_e wait) {
   int count = 0;
-  while (!bodyEnded_ && count == 0) {
+  while (bodyState_ == BodyState::open && count == 0) {
     bool empty = !body_ || APR_BRIGADE_EMPTY(body_);
-    if (empty && !fetchBody(size)) return -1;
+    if (empty && !fetchBody(size, wait)) break;
     count = APR_BRIGADE_EMPTY(body_) ? kEndOfBody : takeBytes(buffer, size);
-    bodyEnded_ = count < 0;
+    if (count == kEndOfBody) bodyState_ = BodyState::ended;
+    if (count == kBrokenBody) bodyState_ = BodyState::broken;
   }
-  if (count == kBrokenBody) return -1;
   return std::max(count, 0);
 }
 
+// Each answer of this costs a question of the server. httpd reads little at a time, so
+// while much comes, what has come besides is taken along.
+int HttpdExchange::readBody(unsigned char* buffer, int size) {
+  int last = readPiece(buffer, size, APR_BLOCK_READ);
+  int count = last;
+  while (last >= kMuch && count < size) {
+    last = readPiece(buffer + count, size - count, APR_NONBLOCK_READ);
+    count += last;
+  }
+  return count == 0 && bodyState_ == BodyState::broken ? -1 : count;
+}
+
 int HttpdExchange::settleBody() {
-  if (bodyEnded_ || !isBodyFiltered(r_)) return OK;
+  if (bodyState_ != BodyState::open || !isBodyFiltered(r_)) return OK;
   body_ = apr_brigade_create(r_->pool, r_->connection->bucket_alloc);
   const int status = spoolBody(r_, body_);
-  bodyEnded_ = status != OK;
+  if (status != OK) bodyState_ = BodyState::broken;
   return status;
 }
 

@@ -49,8 +49,12 @@ class HttpdExchange final : public Exchange {
   }
 
  private:
+  // How the request's body goes on once the bytes at hand are taken.
+  enum class BodyState { open, ended, broken };
+
   int takeBytes(unsigned char* buffer, int size);
-  [[nodiscard]] bool fetchBody(int size);
+  int readPiece(unsigned char* buffer, int size, apr_read_type_e wait);
+  [[nodiscard]] bool fetchBody(int size, apr_read_type_e wait);
   [[nodiscard]] bool pass();
   void putBreak();
   void sendAway();
@@ -59,8 +63,8 @@ class HttpdExchange final : public Exchange {
   apr_bucket_brigade* body_;  // read and not yet taken; null: nothing was read
   apr_bucket_brigade* out_;   // empty between two writes
   std::int64_t left_;         // of a body of known length; below 0: unknown
-  bool bodyEnded_;            // of the request
-  bool ended_;                // of the response: its end has gone out
+  BodyState bodyState_;
+  bool ended_;  // of the response: its end has gone out
   int refusal_;
   conf_global_vars_s settings_;
 };

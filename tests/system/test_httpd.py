@@ -636,3 +636,18 @@ def test_front_tells_of_tls_where_it_is_one(site, peers, trusted):
     told = [("X-Forwarded-Proto", "http"), *headers]
     page = host.fetch("/demo/snoop", headers=told).json()
     assert (page["variables"]["SERVER_PORT_SECURE"], attributes(page)) == ("0", {"COLOR": "red"})
+
+
+def test_server_gets_at_once_what_has_come_of_a_body(site):
+    sent, counts = threading.Event(), []
+
+    def serve(peer, _):
+        sent.wait(60)
+        counts.append(peer.get_data(40960)[0])
+        peer.send(wire.page(b"read"))
+    host = start(site, backend=site.fake(serve))
+    with host.connect() as browser:
+        browser.ask("POST", "/demo/", body=bytes(40960))
+        sent.set()
+        assert browser.read().body == b"read"
+    assert counts == [40960]
