@@ -609,7 +609,8 @@ CacheIgnoreNoLastMod On""", server, guards=guards)
 FRONT = """NSAPITLSFront from="{peers}" https="X-Forwarded-Proto" cipher="X-Cipher" \\
   keysize="X-Key-Size" session="X-Session" certificate="X-Cert" verdict="X-Verdict"
 NSAPIEnvVar COLOR ABSENT
-SetEnv COLOR red"""
+RewriteEngine On
+RewriteRule ^/nice/(.*)$ /demo/$1 [PT,E=COLOR:red]"""
 TOLD = {"X-Cipher": ("javax.servlet.request.cipher_suite", "TLS_AES_256_GCM_SHA384"),
         "X-Key-Size": ("javax.servlet.request.key_size", "256"),
         "X-Session": ("javax.servlet.request.ssl_session_id", "0a1b"),
@@ -621,12 +622,12 @@ CERTIFICATES = ["-----BEGIN CERTIFICATE----- TUlJ +/== -----END CERTIFICATE-----
 
 @pytest.mark.parametrize("peers,trusted", [("10.0.0.1 127.0.0.0/8", True), ("10.0.0.1", False)])
 def test_front_tells_of_tls_where_it_is_one(site, peers, trusted):
-    host = start(site, ("env",), FRONT.replace("{peers}", peers))
+    host = start(site, ("rewrite",), FRONT.replace("{peers}", peers))
     headers = [(name, value) for name, (_, value) in TOLD.items()]
     expected = {"COLOR": "red", **(dict(TOLD.values()) if trusted else {})}
     for certificate in CERTIFICATES:
         sent = [("X-Forwarded-Proto", "https"), ("X-Cert", certificate), *headers]
-        page = host.fetch("/demo/snoop?header=HTTPS", headers=sent).json()
+        page = host.fetch("/nice/snoop", headers=sent).json()
         told = attributes(page)
         pem = told.pop("javax.servlet.request.X509Certificate", "")
         assert pem.split("\n")[1:2] == (["TUlJ+/=="] if trusted else [])
@@ -634,7 +635,7 @@ def test_front_tells_of_tls_where_it_is_one(site, peers, trusted):
         assert page["variables"]["SERVER_PORT_SECURE"] == ("1" if trusted else "0")
         assert any(name.startswith("x-") for name, _ in page["headers"]) == trusted
     told = [("X-Forwarded-Proto", "http"), *headers]
-    page = host.fetch("/demo/snoop", headers=told).json()
+    page = host.fetch("/nice/snoop", headers=told).json()
     assert (page["variables"]["SERVER_PORT_SECURE"], attributes(page)) == ("0", {"COLOR": "red"})
 
 
