@@ -49,7 +49,8 @@ HttpdExchange::HttpdExchange(request_rec* r)
 
 // Reads into an empty brigade: false when nothing came, as when the body breaks off or
 // nothing is there to take without a wait. A body longer than LimitRequestBody ends the
-// request, whatever the plug-in makes of it.
+// request, whatever the plug-in makes of it; so does a part of one that has no length,
+// since a server would take it for all.
 bool HttpdExchange::fetchBody(int size, apr_read_type_e wait) {
   if (!body_) body_ = apr_brigade_create(r_->pool, r_->connection->bucket_alloc);
   apr_status_t status =
@@ -58,8 +59,9 @@ bool HttpdExchange::fetchBody(int size, apr_read_type_e wait) {
   if (mayBeEmpty && APR_STATUS_IS_EAGAIN(status)) return false;
   if (status == APR_SUCCESS) return !mayBeEmpty || !APR_BRIGADE_EMPTY(body_);
   bodyState_ = BodyState::broken;
-  int refused = ap_map_http_request_error(status, HTTP_BAD_REQUEST);
-  if (refused == HTTP_REQUEST_ENTITY_TOO_LARGE) refusal_ = refused;
+  const int refused = ap_map_http_request_error(status, HTTP_BAD_REQUEST);
+  const bool hasLength = apr_table_get(r_->headers_in, "Content-Length") != nullptr;
+  if (!hasLength || refused == HTTP_REQUEST_ENTITY_TOO_LARGE) refusal_ = refused;
   return false;
 }
 

@@ -7,6 +7,7 @@ import json
 import os
 import pathlib
 import signal
+import socket
 import subprocess
 import threading
 
@@ -652,3 +653,11 @@ def test_server_gets_at_once_what_has_come_of_a_body(site):
         sent.set()
         assert browser.read().body == b"read"
     assert counts == [40960]
+
+
+def test_part_of_a_body_without_length_is_no_upload(site):
+    with start(site).connect() as browser:
+        browser.send(b"POST /demo/upload HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: chunked\r\n\r\n")
+        browser.send(b"5\r\nhello\r\n")
+        browser.sock.shutdown(socket.SHUT_WR)
+        assert browser.read().status == 400
