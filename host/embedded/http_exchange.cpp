@@ -67,13 +67,18 @@ static bool addRequestLine(pblock* reqpb, const RequestHead& head, const std::st
   return added && (!query.data() || add(reqpb, "query", std::string(query)));
 }
 
-// The cipher's strength and the client's certificate under the names that plug-ins
-// know. A certificate that wasn't verified has ended the handshake.
+// The cipher and the client's certificate under the names that plug-ins and the
+// servers behind the connector know. A certificate that wasn't verified has ended the
+// handshake.
 static bool addTls(HostRequest* request, const TlsFacts& tls) {
   pblock* client = request->session.client;
   const std::string size = std::to_string(tls.keySize);
   return add(client, "keysize", size) && add(client, "secret-keysize", size) &&
          add(client, "cipher", tls.cipher) &&
+         add(request->vars, "vesk-attribute-javax.servlet.request.cipher_suite",
+             tls.cipher) &&
+         add(request->vars, "vesk-attribute-SSL_CLIENT_VERIFY",
+             tls.certificate.empty() ? "NONE" : "SUCCESS") &&
          (tls.certificate.empty() || add(request->vars, "auth-cert", tls.certificate));
 }
 

@@ -9,7 +9,7 @@
 
 #include <exception>
 
-#include "httpd/config.h"
+#include "httpd/lines.h"
 #include "httpd/mod_nsapi.h"
 #include "layer/option_check.h"
 

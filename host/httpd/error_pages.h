@@ -6,17 +6,9 @@
 
 #include <httpd.h>
 
-#include <apr_tables.h>
-
 #include "layer/request.h"
 
 namespace host {
-
-// What a place says of servers' error pages.
-struct ErrorOverride {
-  bool on;
-  apr_array_header_t* statuses;  // of int; null: those of all errors
-};
 
 // Whether httpd's page is to stand in place of the response that is about to start: that
 // of an error which the place overrides, or what a plug-in says where no server has

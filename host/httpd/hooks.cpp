@@ -21,6 +21,7 @@
 #include "httpd/place.h"
 #include "httpd/request.h"
 #include "httpd/response.h"
+#include "layer/builtins.h"
 #include "layer/judge.h"
 #include "layer/outcome.h"
 #include "layer/parameters.h"

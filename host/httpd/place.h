@@ -8,12 +8,18 @@
 
 #include <httpd.h>
 
+#include <apr_tables.h>
 #include <http_config.h>
 
-#include "httpd/error_pages.h"
 #include "layer/stages.h"
 
 namespace host {
+
+// What a place says of servers' error pages.
+struct ErrorOverride {
+  bool on;
+  apr_array_header_t* statuses;  // of int; null: those of all errors
+};
 
 // Whether any function of a plug-in may run for this request.
 [[nodiscard]] bool pluginsRun(const request_rec* r);

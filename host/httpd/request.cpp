@@ -13,6 +13,7 @@
 #include "httpd/mod_nsapi.h"
 #include "httpd/path_parameters.h"
 #include "httpd/tls.h"
+#include "layer/builtins.h"
 #include "layer/client_names.h"
 #include "layer/parameters.h"
 #include "layer/request_setup.h"

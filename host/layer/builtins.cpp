@@ -10,7 +10,6 @@
 #include "layer/functions.h"
 #include "layer/parameters.h"
 #include "layer/request.h"
-#include "layer/stages.h"
 #include "layer/text.h"
 #include "layer/uri.h"
 
@@ -158,6 +157,11 @@ std::string completeBuiltin(Directive* directive, const std::string& indexNames)
   directive->set("root", folder);
   if (!directive->find("index")) directive->set("index", indexNames);
   return {};
+}
+
+char* pathOf(pblock* vars) {
+  char* path = findValue(vars, "ppath");
+  return path ? path : findValue(vars, "path");
 }
 
 }  // namespace host

@@ -58,4 +58,8 @@ struct Builtin {
 // empty.
 [[nodiscard]] std::string absoluteFolder(const std::string& path);
 
+// The path that NameTrans functions have left among a request's variables, or
+// null.
+[[nodiscard]] char* pathOf(pblock* vars);
+
 }  // namespace host

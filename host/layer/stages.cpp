@@ -170,11 +170,6 @@ int Stages::runStage(Stage stage, Session* sn, Request* rq) const {
   return REQ_NOACTION;
 }
 
-char* pathOf(pblock* vars) {
-  char* path = findValue(vars, "ppath");
-  return path ? path : findValue(vars, "path");
-}
-
 // The scratch request isn't the thread's: what its functions allocate comes from
 // the pool of the one that asks, so the path outlives it.
 char* Stages::translate(const char* uri, Session* sn) const {

@@ -29,10 +29,6 @@ constexpr int kStages = 3;
 // "a/", "(x|y)" what x or y takes.
 [[nodiscard]] bool patternMatches(std::string_view pattern, std::string_view value);
 
-// The path that NameTrans functions have left among a request's variables, or
-// null.
-[[nodiscard]] char* pathOf(pblock* vars);
-
 class Stages {
  public:
   Stages() = default;
