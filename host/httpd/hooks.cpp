@@ -18,6 +18,7 @@
 #include "httpd/child.h"
 #include "httpd/internal_type.h"
 #include "httpd/mod_nsapi.h"
+#include "httpd/notes.h"
 #include "httpd/place.h"
 #include "httpd/request.h"
 #include "httpd/response.h"
@@ -167,7 +168,9 @@ static int runService(RequestState* state, request_rec* r) {
   const int body = state->exchange.settleBody();
   if (body != OK) return body;
   if (!putClient(state, r)) return HTTP_INTERNAL_SERVER_ERROR;
-  return giveAnswer(state, r, runStage(r, Stage::service, &request));
+  const int result = runStage(r, Stage::service, &request);
+  putNotes(r, request);
+  return giveAnswer(state, r, result);
 }
 
 }  // namespace host

@@ -6,6 +6,7 @@ import re
 from contextlib import suppress
 
 import fake_server as wire
+from processes import wait_until
 
 
 def test_log_is_quiet_until_something_fails(site):
@@ -17,6 +18,36 @@ def test_log_is_quiet_until_something_fails(site):
     server.stop()
     assert not host.serves()
     host.wait_said("returning error page for 111 ")
+
+
+NOTES = " ".join(f"%{{{{VESK_{name}}}}}n" for name in ("SERVER", "ATTEMPTS", "STATE", "TIME"))
+ACCESS_LOG = {
+    "embedded": {"directives": ["AccessLog access.log"]},
+    "httpd": {"extra": 'CustomLog "{folder}/access.log" "%h - %u %t '
+              '\\"%r\\" %>s %b \\"%{{Referer}}i\\" \\"%{{User-agent}}i\\" ' + NOTES + '"'}}
+
+
+def test_access_log_tells_who_answered_and_how_it_went(site):
+    servers = site.cluster(2)
+    host = site.host(servers[0], **ACCESS_LOG[os.environ.get("VESK_E2E_HOST", "embedded")])
+    wait_until(lambda: host.fetch("/demo/snoop").json()["server"]["rep_id"] == "s002", "both serve")
+    servers[0].kill()
+    for target in ("/demo/bytes?n=10", "/demo/bytes?n=10", "/file.txt"):
+        (host.htdocs / "file.txt").write_text("a file")
+        assert host.fetch(target, headers=[("User-Agent", 'a"b')]).status == 200
+    log = site.folder / "access.log"
+
+    def asked():
+        """The three, by what was asked: a web server writes them in any order."""
+        lines = [line for line in log.read_text().splitlines() if "snoop" not in line]
+        return len(lines) == 3 and sorted(lines, key=lambda line: line.split('"')[1])
+
+    lines = wait_until(asked, "a line for each")
+    for line in lines[:2]:
+        assert re.fullmatch(r'127\.0\.0\.1 - - \[[^]]+] "GET /demo/bytes\?n=10 HTTP/1\.1" 200 10 "-" '
+                            r'"a\\(x22|")b" ' + servers[1].address + r" [12] \S\S \d+", line), line
+    assert "2" in [line.split()[-3] for line in lines[:2]], "one met the dead server"
+    assert re.search(r'"GET /file.txt HTTP/1.1" 200 6 "-" "\S+" - - - -$', lines[2])
 
 
 def test_check_only_checks(site):
