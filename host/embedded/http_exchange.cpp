@@ -28,7 +28,9 @@ HttpExchange::HttpExchange(ServerState* server, Client* client, const RequestHea
                 client->local.tls ? 1 : 0},
       body_(client, server->config->limits),
       keepAlive_(head.keepAlive && server->config->limits.keepAliveTimeout > 0 &&
-                 !server->stopping) {}
+                 !server->stopping) {
+  body_.open(head);
+}
 
 static bool add(pblock* pb, const char* name, const std::string& value) {
   return addParameter(pb, name, value.c_str()) != nullptr;
@@ -83,7 +85,6 @@ static bool addTls(HostRequest* request, const TlsFacts& tls) {
 }
 
 int HttpExchange::openRecords(HostRequest* request) {
-  body_.open(head_);
   if (body_.tooLong()) {
     tellLimit("LimitRequestBody");
     return kContentTooLarge;

@@ -92,7 +92,8 @@ ANSWERS = [
     (b"GET /bare/", "1.1 404 Not Found", PAGE),
     (b"POST /", "1.1 405 Method Not Allowed", ".*allow: GET, HEAD\r\n" + PAGE),
     (b"GET /demo/empty", OK, ".*chunked\r\n\r\n0\r\n\r\n"),
-    (b"GET /demo/half HTTP/1.1\r\nHost: a\r\n\r\n" + GET % b"", OK, ".*\r\n\r\n4\r\nhalf\r\n.*\r\n0\r\n\r\n"),
+    (b"GET /demo/half HTTP/1.1\r\nHost: a\r\n\r\n" + GET % b"", OK,
+     ".*\r\n\r\n4\r\nhalf\r\n.*\r\n0\r\n\r\n"),
     (GET % b"Expect: wonders\r\n", "1.1 417 Expectation Failed", PAGE),
     (GET % (b"H: x\r\n" * 99), OK, ".*\r\n\r\nfront"),
     (GET % (b"H: x\r\n" * 100), "1.1 431 Request Header Fields Too Large", PAGE),
@@ -121,17 +122,18 @@ FIELDS = [  # that could be read in two ways, before a Host
         b"chunked\r\nTransfer-Encoding: identity", b"identity\r\nTransfer-Encoding: chunked",
         b"chunked\r\nTransfer-Encoding: chunked", b"xchunked", b"chunked;q=1", b"\x0bchunked",
         b'"chunked"', b"chunked,"))]
-SMUGGLED = [
-    (b"POST /demo/x HTTP/1.1\r\n" + field + b"\r\nHost: a\r\n\r\n", 400) for field in FIELDS] + [
+SMUGGLED = [(b"POST /demo/x HTTP/1.1\r\n" + field + b"\r\nHost: a\r\n\r\n", 400)
+            for field in FIELDS] + [
     (b"GET /demo/x HTTP/1.1" + rest, 400) for rest in (
         b"\r\n\r\n", b"\r\nA: b\r\n\r\n", b"\r\nHost: a\n\r\n", b"\nHost: a\r\n\r\n",
         b"\r\nHost: a\r\n\n", b"\n\r\n", b"\r\r\nHost: a\r\n\r\n", b" \r\nHost: a\r\n\r\n",
         b" HTTP/1.1\r\nHost: a\r\n\r\n", b"\r\nHost: a\r\n\r\r\n\r\n")] + [
     (line + b"\r\nHost: a\r\n\r\n", 400) for line in (
         b"GET /demo/x", b"GET  /demo/x HTTP/1.1", b"GET\t/demo/x HTTP/1.1",
-        b" GET /demo/x HTTP/1.1", b"GET /demo/ x HTTP/1.1", b"GET /demo/\rx HTTP/1.1", b"GET /demo/\x01x HTTP/1.1",
-        b"G\xe9T /demo/x HTTP/1.1", b"GET /demo/x http/1.1", b"GET /demo/x HTTP/1.10",
-        b"GET demo/x HTTP/1.1", b"GET http://a@b/demo/x HTTP/1.1", b"\nGET /demo/x HTTP/1.1")] + [
+        b" GET /demo/x HTTP/1.1", b"GET /demo/ x HTTP/1.1", b"GET /demo/\rx HTTP/1.1",
+        b"GET /demo/\x01x HTTP/1.1", b"G\xe9T /demo/x HTTP/1.1", b"GET /demo/x http/1.1",
+        b"GET /demo/x HTTP/1.10", b"GET demo/x HTTP/1.1", b"GET http://a@b/demo/x HTTP/1.1",
+        b"\nGET /demo/x HTTP/1.1")] + [
     (b"GET /demo/x HTTP/2.0\r\nHost: a\r\n\r\n", 505), (b"PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n", 505),
     (b"POST /demo/x HTTP/1.0\r\n" + CHUNKED + b"0\r\n\r\n", 400)]
 
@@ -142,6 +144,14 @@ def test_what_could_be_read_in_two_ways_is_refused_with_all_behind_it(played, se
     came = ask(host, sent + b"GET /demo/behind HTTP/1.1\r\nHost: a\r\n\r\n")
     assert [came[:12], came.count("HTTP/1.1 ")] == [f"HTTP/1.1 {status}", 1], came
     assert not server.requests
+
+
+@pytest.mark.parametrize("line", [b"BREW /", b"TRACE /", b"OPTIONS *", b"POST /"])
+def test_body_that_the_server_has_no_use_for_is_no_request(front, line):
+    body = GET % b""
+    length = b"Content-Length: %d\r\n\r\n" % len(body)
+    came = ask(front, line + b" HTTP/1.1\r\nHost: a\r\n" + length + body + GET % b"")
+    assert came.count("HTTP/1.1 ") == 2 and came.count("front") == 1
 
 
 @pytest.mark.parametrize("said,told,title", [
@@ -161,7 +171,8 @@ RANGES = [  # headers about a file of ten digits, status, body and content-range
     ("Range: bytes=10-", 416, None, "*/10"), ("Range: bytes=-0", 416, None, "*/10"),
     *((f"Range: {value}", 200, "0123456789", None) for value in (
         "bytes=5-2", "bytes=0-1,4-5", "lines=1-2", "bytes=-", "bytes=x-2")),
-    *((f"Range: bytes=2-4\r\nIf-Range: {now}", 206, "234", "2-4/10") for now in ("{tag}", "{date}")),
+    *((f"Range: bytes=2-4\r\nIf-Range: {now}", 206, "234", "2-4/10")
+      for now in ("{tag}", "{date}")),
     *((f"Range: bytes=2-4\r\nIf-Range: {other}", 200, "0123456789", None) for other in (
         '"other"', "W/{tag}", "Thu, 01 Jan 1970 00:00:00 GMT")),
     *((known, 304, "", None) for known in (
@@ -371,7 +382,7 @@ def test_many_clients_that_wait_cost_little_and_delay_nobody(front, sent):
     before = [usage(front.process, what) for what in ("VmRSS", "Threads")]
     with contextlib.ExitStack() as stack:
         for _ in range(count):
-            browser = stack.enter_context(socket.create_connection(front.address))
+            browser = stack.enter_context(socket.create_connection(front.address, 20))
             browser.send(sent)
             assert b"X" in sent or browser.recv(9999).endswith(b"front")
         times = []
