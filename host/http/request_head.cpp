@@ -30,6 +30,8 @@ class HeadParser final : public http::basic_parser<true> {
 
   // The status of a head that can't be taken; 0: none so far.
   int status = 0;
+  // That of a good head which asks for more than a server can do.
+  int expectation = 0;
   bool knownMethod = false;
   bool tunnels = false;
 
@@ -86,7 +88,7 @@ class HeadParser final : public http::basic_parser<true> {
   bool takesExpectation(std::string_view value) {
     if (!head_->http11) return true;
     head_->expectsContinue = equalsNoCase(value, "100-continue");
-    if (!head_->expectsContinue) status = kExpectationFailed;
+    if (!head_->expectsContinue) expectation = kExpectationFailed;
     return true;
   }
 
@@ -158,7 +160,7 @@ int readHead(std::string_view bytes, const Limits& limits, RequestHead* head) {
   if (!parser.knownMethod) return kNotImplemented;
   if (parser.tunnels) return kMethodNotAllowed;
   if (!splitTarget(head)) return kBadRequest;
-  return parser.status;
+  return parser.expectation;
 }
 
 }  // namespace host
