@@ -148,7 +148,8 @@ static std::int64_t chunkSize(std::string_view line) {
   line.remove_suffix(2);
   const std::size_t end = std::min(line.find(';'), line.size());
   std::string_view digits = line.substr(0, end);
-  if (end < line.size()) digits = trimmed(digits, kBlanks);
+  // Blanks may stand before an extension, and nowhere else.
+  if (end < line.size()) digits = digits.substr(0, digits.find_last_not_of(kBlanks) + 1);
   return digits.size() > kMaxSizeDigits ? -1 : numberOf(digits, 16);
 }
 

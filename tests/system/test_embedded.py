@@ -95,6 +95,7 @@ ANSWERS = [
     (b"GET /demo/half HTTP/1.1\r\nHost: a\r\n\r\n" + GET % b"", OK,
      ".*\r\n\r\n4\r\nhalf\r\n.*\r\n0\r\n\r\n"),
     (GET % b"Expect: wonders\r\n", "1.1 417 Expectation Failed", PAGE),
+    (GET % b"Expect: wonders\r\nA : b\r\n", BAD, PAGE),
     (GET % (b"H: x\r\n" * 99), OK, ".*\r\n\r\nfront"),
     (GET % (b"H: x\r\n" * 100), "1.1 431 Request Header Fields Too Large", PAGE),
     (b"GET /a%00b", BAD, PAGE), (b"GET /a%zz", BAD, PAGE)]
@@ -246,9 +247,9 @@ BROKEN = [b"Content-Length: 5\r\n\r\nabc", CHUNKED + b"5\r\nabc", *(
     CHUNKED + b"3\r\nabc" + rest for rest in (
         b"", b"\r\n", b"\r\n0\r\nT: u", *(wrong + b"\r\n\r\n" + GET % b"" for wrong in (
             b"XX0", b"\n0", b"\r0", *(b"\r\n" + line for line in (
-                b"x", b"-0", b"+0", b"0x0", b" 0", b"0 ", b"", b";a", b"f" * 18, b"1" + b"0" * 16,
-                b"8" + b"0" * 15, b"0\n", b"0;a\rb", b"0\r", b"0\r\nT: u\n", b"0\r\nT: u\rv",
-                b"0\r\nT: \0"))))))]
+                b"x", b"-0", b"+0", b"0x0", b" 0", b"0 ", b" 0;a", b"", b";a", b"f" * 18,
+                b"1" + b"0" * 16, b"8" + b"0" * 15, b"0\n", b"0;a\rb", b"0\r", b"0\r\nT: u\n",
+                b"0\r\nT: u\rv", b"0\r\nT: \0"))))))]
 
 
 # The connector tells its server the same at every end, so that is not what counts.
