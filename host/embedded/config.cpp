@@ -248,6 +248,7 @@ constexpr NumberDirective kNumberDirectives[] = {
     {"BodyTimeout", &Limits::bodyTimeout, 1, kMaxSeconds},
     {"MinBodyRate", &Limits::minBodyRate, 0, kMaxBytes},
     {"KeepAliveTimeout", &Limits::keepAliveTimeout, 0, kMaxSeconds},
+    {"MinSendRate", &Limits::minSendRate, 0, kMaxBytes},
     {"SendTimeout", &Limits::sendTimeout, 1, kMaxSeconds},
     {"StopTimeout", &Limits::stopTimeout, 0, kMaxSeconds},
 };

@@ -26,6 +26,11 @@ class ErrorLog {
     return file_.reopen();
   }
 
+  // As of a LogFile.
+  void giveTo(uid_t user, gid_t group) {
+    file_.giveTo(user, group);
+  }
+
   // A line of the message that begins like an entry gets a tab in front; a lone
   // carriage return is shown as \r. All else stays as it is.
   void write(int degree, std::string_view function, std::string_view message) noexcept;

@@ -16,7 +16,7 @@
 
 namespace host {
 
-constexpr int kMilliseconds = 1000;
+constexpr std::int64_t kMilliseconds = 1000;
 
 // The API's records know no const; nobody writes through this one.
 HttpExchange::HttpExchange(ServerState* server, Client* client, const RequestHead& head)
@@ -27,6 +27,8 @@ HttpExchange::HttpExchange(ServerState* server, Client* client, const RequestHea
       settings_{client->local.port, const_cast<char*>(server->config->serverName.c_str()),
                 client->local.tls ? 1 : 0},
       body_(client, server->config->limits),
+      patience_{server->config->limits.sendTimeout * kMilliseconds,
+                server->config->limits.minSendRate},
       keepAlive_(head.keepAlive && server->config->limits.keepAliveTimeout > 0 &&
                  !server->stopping) {
   body_.open(head);
@@ -103,23 +105,19 @@ int HttpExchange::openRecords(HostRequest* request) {
   return filled ? 0 : kServerError;
 }
 
-int HttpExchange::sendTimeout() const {
-  return static_cast<int>(server_->config->limits.sendTimeout) * kMilliseconds;
-}
-
 // Notes why a client takes nothing any more.
 bool HttpExchange::sent(bool whole) {
-  if (!whole && errno == ETIMEDOUT) tellLimit("SendTimeout");
+  if (!whole && patience_.met) tellLimit(patience_.met);
   return whole;
 }
 
 bool HttpExchange::send(std::span<iovec> parts, bool more) {
-  return sent(sendAll(client_->channel.get(), parts, more, sendTimeout()));
+  return sent(sendAll(client_->channel.get(), parts, more, &patience_));
 }
 
 bool HttpExchange::sendFile(int file, std::int64_t offset, std::int64_t count) {
   return sent(sendWholeFile(client_->channel.get(), file, offset,
-                            static_cast<std::size_t>(count), sendTimeout()));
+                            static_cast<std::size_t>(count), &patience_));
 }
 
 void HttpExchange::tellLimit(const char* name) {

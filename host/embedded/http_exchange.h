@@ -81,7 +81,6 @@ class HttpExchange final : public Exchange, private ByteSink {
  private:
   bool send(std::span<iovec> parts, bool more) override;
   bool sendFile(int file, std::int64_t offset, std::int64_t count) override;
-  [[nodiscard]] int sendTimeout() const;
   [[nodiscard]] bool sent(bool whole);
   void tellLimit(const char* name);
 
@@ -91,6 +90,7 @@ class HttpExchange final : public Exchange, private ByteSink {
   ResponseWriter writer_;
   conf_global_vars_s settings_;
   RequestBody body_;
+  SendPatience patience_;
   bool keepAlive_;
 };
 

@@ -31,6 +31,10 @@ bool LogFile::reopen() {
   return replaced;
 }
 
+void LogFile::giveTo(uid_t user, gid_t group) {
+  if (!path_.empty()) (void)!fchown(file_, user, group);
+}
+
 void LogFile::write(std::string_view line) noexcept {
   if (file_ >= 0) (void)!::write(file_, line.data(), line.size());  // nowhere to tell
 }

@@ -5,6 +5,8 @@
 // Errors: as told; a line that can't be written is lost.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <string_view>
 
@@ -24,6 +26,9 @@ class LogFile {
   // Opens the same file anew, as is wanted once it has been renamed. Lines of other
   // threads go to the old one or to the new one. False with errno: nothing has changed.
   [[nodiscard]] bool reopen();
+
+  // Gives the file to a user, who may open it anew then; a failure shows at that.
+  void giveTo(uid_t user, gid_t group);
 
   // The line brings its end.
   void write(std::string_view line) noexcept;

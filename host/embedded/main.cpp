@@ -147,6 +147,16 @@ static std::string serve(Server* server, const Limits& limits) {
   std::_Exit(0);
 }
 
+// A log that the start's user keeps for itself could not be opened anew.
+static void giveLogs(const Config& config) {
+  if (config.user.empty() && config.group.empty()) return;
+  uid_t user = geteuid();
+  gid_t group = getegid();
+  lookUpIdentity(config.user, config.group, &user, &group);
+  processErrorLog->giveTo(user, group);
+  processAccessLog->giveTo(user, group);
+}
+
 // The addresses are taken and the logs are opened with the rights of the start; what
 // belongs to plug-ins happens with those of the user.
 static std::string openLogs(const Config& config) {
@@ -168,6 +178,7 @@ static std::string prepare(const Config& config, Server* server, ErrorLog* log) 
   reason = server->bind();
   if (!reason.empty()) return reason;
   raiseOpenFiles(config.limits, log);
+  giveLogs(config);
   reason = becomeUser(config.user, config.group);
   return reason.empty() ? reason : config.userWhere + ": " + reason;
 }

@@ -165,11 +165,20 @@ bool WaitingRoom::closeIdlest() {
   return true;
 }
 
+// A request that has come by now is one that runs.
+void WaitingRoom::closeOrServe(const Place& waiter) {
+  Client* client = waiter->client.get();
+  const auto most = static_cast<std::size_t>(settings_.limits->requestHead) + 1;
+  const bool came = receiveInput(client, most, Wait::none) > 0;
+  const bool whole = came && nextHead(client, *settings_.limits) != HeadState::incomplete;
+  whole ? settings_.ready(dismiss(waiter)) : drop(waiter);
+}
+
 void WaitingRoom::closeWaiting() {
-  while (!idle_.empty()) drop(idle_.front());
+  while (!idle_.empty()) closeOrServe(Place(idle_.front()));
   for (auto next = waiters_.begin(); next != waiters_.end();) {
     const Place waiter = *next++;
-    if (!waiter->parting) drop(waiter);
+    if (!waiter->parting) closeOrServe(waiter);
   }
 }
 

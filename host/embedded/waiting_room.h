@@ -45,7 +45,7 @@ class WaitingRoom {
   // Closes the client that has been idle longest: false when none is.
   bool closeIdlest();
 
-  // Closes all that have nothing to lose: those that part may finish.
+  // Closes all whose head hasn't come; those that part may finish.
   void closeWaiting();
 
   // True when nobody is in the room.
@@ -67,6 +67,7 @@ class WaitingRoom {
   void onTimeout(const Place& waiter);
   void readAway(const Place& waiter);
   void drop(const Place& waiter);
+  void closeOrServe(const Place& waiter);
   void beginHead(const Place& waiter);
 
   boost::asio::io_context* loop_;

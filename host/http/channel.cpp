@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <new>
 
 namespace host {
@@ -74,14 +75,36 @@ std::unique_ptr<Channel> openPlainChannel(int socket) {
   return channel;
 }
 
-// After a call that gave `result`: whether to call again. A wait that a signal
+static std::int64_t now() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+static bool isOver(SendPatience* patience) {
+  constexpr std::int64_t kMilliseconds = 1000;
+  if (patience->leastRate == 0) return false;
+  const std::int64_t earned = patience->sent * kMilliseconds / patience->leastRate;
+  if (patience->waited <= patience->limit + earned) return false;
+  patience->met = "MinSendRate";
+  return true;
+}
+
+// Waits for a client that takes nothing: whether to call again. A wait that a signal
 // ends is begun anew.
-static bool mayGoOn(Channel* channel, ssize_t result, int milliseconds) {
-  if (result >= 0 || errno == EINTR) return true;
-  if (errno != EAGAIN) return false;
-  const int ready = channel->wait(milliseconds);
-  if (ready == 0) errno = ETIMEDOUT;
+static bool waitFor(Channel* channel, SendPatience* patience) {
+  const std::int64_t begin = now();
+  const int ready = channel->wait(static_cast<int>(patience->limit));
+  patience->waited += now() - begin;
+  if (ready == 0) patience->met = "SendTimeout";
   return ready > 0 || (ready < 0 && errno == EINTR);
+}
+
+// After a call that gave `result`: whether to call again.
+static bool mayGoOn(Channel* channel, ssize_t result, SendPatience* patience) {
+  if (result > 0) patience->sent += result;
+  if (result >= 0 || errno == EINTR) return !isOver(patience);
+  if (errno == ETIMEDOUT) patience->met = "SendTimeout";
+  return errno == EAGAIN && waitFor(channel, patience);
 }
 
 // Drops what has been sent from the front of the parts.
@@ -96,21 +119,25 @@ static std::span<iovec> behind(std::span<iovec> parts, std::size_t sent) {
   return parts;
 }
 
-bool sendAll(Channel* channel, std::span<iovec> parts, bool more, int milliseconds) {
+bool sendAll(Channel* channel, std::span<iovec> parts, bool more,
+             SendPatience* patience) {
   for (parts = behind(parts, 0); !parts.empty();) {
     const ssize_t sent = channel->send(parts, more);
-    if (!mayGoOn(channel, sent, milliseconds)) return false;
+    if (!mayGoOn(channel, sent, patience)) return false;
     if (sent > 0) parts = behind(parts, static_cast<std::size_t>(sent));
   }
   return true;
 }
 
+// Where a call itself waits for the client, its time counts.
 bool sendWholeFile(Channel* channel, int file, off_t offset, std::size_t count,
-                   int milliseconds) {
+                   SendPatience* patience) {
   while (count > 0) {
+    const std::int64_t begin = now();
     const ssize_t sent = channel->sendFile(file, offset, count);
+    patience->waited += now() - begin;
     if (sent == 0) errno = ENODATA;
-    if (sent == 0 || !mayGoOn(channel, sent, milliseconds)) return false;
+    if (sent == 0 || !mayGoOn(channel, sent, patience)) return false;
     if (sent < 0) continue;
     offset += sent;
     count -= static_cast<std::size_t>(sent);

@@ -13,6 +13,7 @@
 #include <sys/uio.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <span>
 #include <string>
@@ -92,13 +93,23 @@ class Channel {
 // memory is short; the socket is then closed.
 [[nodiscard]] std::unique_ptr<Channel> openPlainChannel(int socket);
 
-// Sends all of the parts, which it uses up. False when the client takes nothing
-// for `milliseconds` (errno ETIMEDOUT) or has gone. Blocks.
+// What a client is allowed to take its time over, and how much it has taken, for one
+// response. Units: milliseconds, bytes.
+struct SendPatience {
+  std::int64_t limit;         // for it to take something
+  std::int64_t leastRate;     // bytes a second over all waits beyond `limit`; 0: any
+  std::int64_t waited = 0;    // so far
+  std::int64_t sent = 0;      // so far
+  const char* met = nullptr;  // the option that ended it
+};
+
+// Sends all of the parts, which it uses up. False when the client has met a limit or
+// has gone. Blocks.
 [[nodiscard]] bool sendAll(Channel* channel, std::span<iovec> parts, bool more,
-                           int milliseconds);
+                           SendPatience* patience);
 
 // The same for a part of a file; false, too, when the file has shrunk (ENODATA).
 [[nodiscard]] bool sendWholeFile(Channel* channel, int file, off_t offset,
-                                 std::size_t count, int milliseconds);
+                                 std::size_t count, SendPatience* patience);
 
 }  // namespace host

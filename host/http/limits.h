@@ -22,6 +22,7 @@ struct Limits {
   std::int64_t minBodyRate = 500;       // bytes a second of waiting; 0: no limit
   std::int64_t keepAliveTimeout = 15;   // between two requests; 0: one request each
   std::int64_t sendTimeout = 60;        // for the client to take something
+  std::int64_t minSendRate = 500;       // bytes a second of waiting; 0: no limit
   std::int64_t stopTimeout = 10;        // for running requests to end
 };
 
