@@ -15,7 +15,8 @@ RUNTIME = os.environ.get("VESK_HTTPD_PRELOAD")
 SANITIZED = ["env", f"LD_PRELOAD={RUNTIME}",
              "ASAN_OPTIONS=detect_leaks=0:quarantine_size_mb=1"] if RUNTIME else []
 COMMAND = [*SANITIZED, HTTPD]
-LOADED = ("mpm_event", "authz_core", "dir", "mime", "alias")
+MPM = os.environ.get("VESK_E2E_MPM", "event")
+LOADED = (f"mpm_{MPM}", "authz_core", "dir", "mime", "alias")
 
 
 def free_port():
@@ -73,12 +74,14 @@ Listen 127.0.0.1:{port}
 PidFile {self.name}.pid
 DefaultRuntimeDir "{self.folder}"
 {self.load_lines()}
-ServerLimit 4
+ServerLimit {64 if MPM == "prefork" else 4}
 StartServers 1
+MaxRequestWorkers 64
+<IfModule !mpm_prefork_module>
 ThreadLimit 64
 ThreadsPerChild 64
-MaxRequestWorkers 64
 MinSpareThreads 8
+</IfModule>
 TypesConfig types
 LogLevel info
 ErrorLog "{self.path('log')}"

@@ -6,6 +6,7 @@ import hashlib
 import json
 import os
 import pathlib
+import re
 import signal
 import socket
 import subprocess
@@ -16,7 +17,7 @@ import pytest
 from fake_server import word
 from httpd import HttpdHost
 from load import Load
-from processes import REDUCED, wait_until
+from processes import BUILD, REDUCED, wait_until
 
 HUGE = 1 << (26 if REDUCED else 30)
 GROWTH = 16 << 20
@@ -69,6 +70,16 @@ def test_bad_directive_stops_the_check(site, line, reason):
 def test_several_children_are_told_by_the_check(site, most, told):
     status, output = written(site, f"MaxRequestWorkers {most}").check()
     assert (status, "up to 2 child processes at once" in output) == (0, told)
+
+
+def test_settings_of_the_package_need_only_lose_their_sign(site):
+    host = written(site, "")
+    shipped = re.sub("^#", "", (BUILD / "host/httpd/nsapi.conf").read_text(), flags=re.MULTILINE)
+    shipped = re.sub('shlib=".*/', f'shlib="{BUILD}/lib/', shipped)
+    host.path("conf").write_text(host.configuration().replace(
+        host.plugin_lines(), f"LoadModule nsapi_module {BUILD}/lib/mod_nsapi.so\n" + shipped))
+    assert 'NSAPIInit fn="veskinit"' in host.path("conf").read_text()
+    assert host.check() == (0, "Syntax OK\n")
 
 
 TWO_HOSTS = """<VirtualHost 127.0.0.1:{port}>
@@ -309,6 +320,25 @@ def test_body_limit_is_httpds(site):
         assert browser.read().status == 413
     assert host.fetch("/demo/upload", "POST", body=b"x" * 1001).status == 413
     assert host.fetch("/demo/upload", "POST", body=b"x" * 1000).json()["size"] == 1000
+
+
+OTHERS = """RewriteEngine On
+RewriteRule ^/old/(.*) /demo/$1 [PT]
+RewriteRule ^/plain/(.*) /demo/$1
+<LocationMatch "^/demo/(taken|status)$">
+SetHandler server-status
+</LocationMatch>
+<Location "/demo/status">
+NSAPIEngine Off
+</Location>"""
+
+
+def test_rules_and_handlers_of_other_modules(site):
+    host = start(site, ("rewrite", "status"), OTHERS)
+    assert host.fetch("/old/snoop").json()["variables"]["SCRIPT_NAME"] == "/demo/snoop"
+    assert host.fetch("/plain/snoop").status == 404
+    pages = [host.fetch(f"/demo/{name}?auto").body for name in ("status", "taken")]
+    assert [b"ServerVersion" in page for page in pages] == [True, False]
 
 
 # --- the response ------------------------------------------------------------
