@@ -1,6 +1,6 @@
 #include "httpd/notes.h"
 
-#include <apr_strings.h>
+#include <apr_tables.h>
 
 #include "layer/parameters.h"
 
@@ -16,10 +16,11 @@ constexpr Note kNotes[] = {{"VESK_SERVER", "vesk-server"},
                            {"VESK_STATE", "vesk-state"},
                            {"VESK_TIME", "vesk-time"}};
 
+// The blocks last as long as the notes: both go with the request's pool.
 void putNotes(request_rec* r, const HostRequest& request) {
   for (const Note& note : kNotes) {
     const char* value = findValue(request.vars, note.variable);
-    if (value) apr_table_setn(r->notes, note.name, apr_pstrdup(r->pool, value));
+    if (value) apr_table_setn(r->notes, note.name, value);
   }
 }
 

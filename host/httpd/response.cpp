@@ -46,6 +46,7 @@ static std::size_t foldSize(const char* text) {
 // A copy of the value, on one line: clients refuse a header that goes over several.
 static const char* joinFolds(apr_pool_t* pool, const char* value) {
   char* line = apr_pstrdup(pool, value);
+  if (!std::strpbrk(line, "\r\n")) return line;
   char* end = line;
   for (const char* from = line; *from; ++end) {
     const std::size_t fold = foldSize(from);
