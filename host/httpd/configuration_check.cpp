@@ -17,12 +17,13 @@ APLOG_USE_MODULE(nsapi);
 
 namespace host {
 
+// Only root's children become somebody else, and only where mod_unixd is there.
 static CheckedLines linesOfAll() {
-  const bool root = geteuid() == 0;
-  CheckedLines lines{{},
-                     {},
-                     root ? ap_unixd_config.user_id : geteuid(),
-                     root ? ap_unixd_config.group_id : getegid()};
+  const bool changes =
+      geteuid() == 0 && ap_unixd_config.user_id != static_cast<uid_t>(-1);
+  CheckedLines lines{{}, {}, geteuid(), getegid()};
+  if (changes) lines.user = ap_unixd_config.user_id;
+  if (changes) lines.group = ap_unixd_config.group_id;
   for (const SeenLine& line : seenLines()) {
     if (line.init) {
       lines.inits.push_back(&line.directive);
