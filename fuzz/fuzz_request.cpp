@@ -50,8 +50,9 @@ class Pieces final : public host::Channel {
   int socket() const override {
     return -1;
   }
-  bool neverBlocks() const override {
-    return true;
+  void leaveLoop() override {}
+  bool holdsUnread() const override {
+    return false;
   }
 
   std::size_t given = 0;

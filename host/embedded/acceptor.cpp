@@ -19,6 +19,7 @@ Acceptor::Acceptor(asio::io_context* loop, const Listener& listener, Settings se
     : socket_(*loop, listener.socket),
       timer_(*loop),
       local_(listener.local),
+      passed_(listener.passed),
       settings_(std::move(settings)) {
   socket_.non_blocking(true);
 }
@@ -55,6 +56,7 @@ bool Acceptor::acceptOne() {
   const int client = accept4(socket_.native_handle(), peer.data(), &size, SOCK_CLOEXEC);
   if (client >= 0) {
     peer.resize(size);
+    if (passed_) prepareClient(client);
     settings_.take(client, peer, local_);
     return true;
   }
@@ -70,6 +72,7 @@ bool Acceptor::acceptOne() {
 
 // Nobody has to go for a client that hasn't come.
 void Acceptor::acceptAll() {
+  if (!socket_.is_open()) return;
   do {
     const bool full = settings_.full();
     if (full && !someoneWaits()) return watch();

@@ -45,6 +45,7 @@ class Acceptor {
   boost::asio::posix::stream_descriptor socket_;
   boost::asio::steady_timer timer_;
   LocalSide local_;
+  bool passed_;
   Settings settings_;
 };
 

@@ -106,6 +106,10 @@ static std::string readListen(Reader* reader, const std::string& value,
     good = port >= 0 && port <= kMaxPort;
   }
   if (!good) return "Listen needs ADDRESS:PORT [tls], not \"" + value + "\"";
+  for (const ListenLine& line : reader->config->listeners) {
+    const bool taken = line.address == address && !address.ends_with(":0");
+    if (taken) return "Listen " + address + " stands in " + line.where + " already";
+  }
   reader->config->listeners.push_back({address, word == "tls", where});
   return {};
 }
@@ -170,8 +174,9 @@ static std::string readCertificate(Reader* reader, const std::string& value,
 }
 
 static std::string readCertificateKey(Reader* reader, const std::string& value,
-                                      const std::string&) {
+                                      const std::string& where) {
   reader->config->tls.key = std::filesystem::absolute(value);
+  if (reader->config->tls.where.empty()) reader->config->tls.where = where;
   return {};
 }
 
@@ -274,13 +279,14 @@ static std::string takeValue(Reader* reader, std::string_view row, bool repeatab
 
 static std::string readServerDirective(Reader* reader, const ServerDirective& row,
                                        std::string value, const std::string& where) {
-  const std::string reason = takeValue(reader, row.name, row.repeatable, &value);
-  return reason.empty() ? row.read(reader, value, where) : reason;
+  std::string reason = takeValue(reader, row.name, row.repeatable, &value);
+  if (reason.empty()) reason = row.read(reader, value, where);
+  return reason;
 }
 
 static std::string readNumber(Reader* reader, const NumberDirective& row,
                               std::string value) {
-  const std::string reason = takeValue(reader, row.name, false, &value);
+  std::string reason = takeValue(reader, row.name, false, &value);
   if (!reason.empty()) return reason;
   const std::int64_t number = numberOf(value);
   reader->config->limits.*row.field = number;
@@ -370,6 +376,8 @@ static std::string completeStages(Config* config) {
 }
 
 static std::string checkTls(const Config& config) {
+  const bool half = config.tls.certificate.empty() != config.tls.key.empty();
+  if (half) return config.tls.where + ": Certificate and CertificateKey need each other";
   for (const ListenLine& line : config.listeners) {
     const bool complete = !config.tls.certificate.empty() && !config.tls.key.empty();
     if (line.tls && !complete) {
@@ -394,7 +402,8 @@ std::string readConfig(std::string_view text, const std::string& file, Config* c
     return at(file, last) + ": there is no Listen";
   }
   reason = checkTls(*config);
-  return reason.empty() ? completeStages(config) : reason;
+  if (reason.empty()) reason = completeStages(config);
+  return reason;
 }
 
 }  // namespace host

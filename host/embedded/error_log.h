@@ -17,8 +17,8 @@ class ErrorLog {
  public:
   // Opens the file; before, and after a failure, lines go to standard error.
   // False with errno.
-  [[nodiscard]] bool open(const std::string& path) {
-    return file_.open(path);
+  [[nodiscard]] bool open(const std::string& path, bool follow) {
+    return file_.open(path, follow);
   }
 
   // Opens the file anew; false with errno, and nothing has changed.
@@ -31,8 +31,8 @@ class ErrorLog {
     file_.giveTo(user, group);
   }
 
-  // A line of the message that begins like an entry gets a tab in front; a lone
-  // carriage return is shown as \r. All else stays as it is.
+  // A line of the message that begins like an entry gets a tab in front. All else stays
+  // as it is.
   void write(int degree, std::string_view function, std::string_view message) noexcept;
 
  private:

@@ -61,13 +61,22 @@ static bool addHeaders(pblock* headers, const RequestHead& head, bool allNames) 
   return authority.empty() || hostNamed || add(headers, "host", authority);
 }
 
+static std::string protocolOf(const RequestHead& head) {
+  return head.http11 ? "HTTP/1.1" : "HTTP/1.0";
+}
+
+// What logs show, of refused requests, too, as far as their line could be read.
+bool HttpExchange::noteLine(HostRequest* request) const {
+  if (head_.method.empty()) return true;
+  return add(request->reqpb, "clf-request",
+             std::string(head_.method) + " " + std::string(head_.target) + " " +
+                 protocolOf(head_));
+}
+
 static bool addRequestLine(pblock* reqpb, const RequestHead& head, const std::string& uri,
                            std::string_view query) {
-  const std::string protocol = head.http11 ? "HTTP/1.1" : "HTTP/1.0";
-  const std::string method(head.method);
-  const std::string line = method + " " + std::string(head.target) + " " + protocol;
-  const bool added = add(reqpb, "clf-request", line) && add(reqpb, "method", method) &&
-                     add(reqpb, "protocol", protocol) && add(reqpb, "uri", uri);
+  const bool added = add(reqpb, "method", std::string(head.method)) &&
+                     add(reqpb, "protocol", protocolOf(head)) && add(reqpb, "uri", uri);
   return added && (!query.data() || add(reqpb, "query", std::string(query)));
 }
 
@@ -181,12 +190,16 @@ Fate HttpExchange::finish(Answer answer) {
   if (answer != Answer::whole) closeAfterwards();
   const bool ended =
       answer == Answer::broken ? writer_.cut() : writer_.finish(keepAlive_);
-  if (ended && keepAlive_ && body_.drain()) return Fate::keep;
+  const bool drained = ended && keepAlive_ && body_.drain();
+  if (drained) return Fate::keep;
+  if (body_.limitMet()) tellLimit(body_.limitMet());
   if (answer == Answer::broken) {
     if (writer_.endsByClose()) client_->channel->abandon();
     return Fate::close;
   }
-  return body_.unread() ? Fate::part : Fate::close;
+  const bool unread = body_.unread() || !client_->input.waiting().empty() ||
+                      client_->channel->holdsUnread();
+  return unread ? Fate::part : Fate::close;
 }
 
 bool HttpExchange::peer(sockaddr_in* address) {

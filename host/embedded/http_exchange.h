@@ -47,6 +47,9 @@ class HttpExchange final : public Exchange, private ByteSink {
  public:
   HttpExchange(ServerState* server, Client* client, const RequestHead& head);
 
+  // Notes the request's line for logs: false when memory is short.
+  [[nodiscard]] bool noteLine(HostRequest* request) const;
+
   // Fills the request's records from the head: 0, or the status of the answer
   // that the request gets.
   [[nodiscard]] int openRecords(HostRequest* request);

@@ -31,6 +31,12 @@ void LimitLog::tell(std::string_view option, std::string_view client) noexcept t
   // Without memory there is no line.
 }
 
+void LimitLog::tellLine(std::string_view line) noexcept try {
+  write(line, std::string(line));
+} catch (const std::exception&) {
+  // Without memory there is no line.
+}
+
 void LimitLog::tellLoss(std::string_view reason) noexcept try {
   write(reason, "a client was lost: " + std::string(reason));
 } catch (const std::exception&) {

@@ -25,6 +25,9 @@ class LimitLog {
   // The same about clients that could not be taken or kept at all.
   void tellLoss(std::string_view reason) noexcept;
 
+  // Any other line of the kind.
+  void tellLine(std::string_view line) noexcept;
+
  private:
   void write(std::string_view what, const std::string& line);
   struct Told {

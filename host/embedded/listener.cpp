@@ -35,10 +35,13 @@ static bool setLimit(int socket, int name, timeval limit) {
 
 // Sockets of clients begin with what is set here, so that none of it costs a call
 // for each of them.
-static bool prepare(int socket, const Limits& limits) {
+static bool prepare(int socket) {
   return set(socket, IPPROTO_TCP, TCP_NODELAY, 1) &&
-         setLimit(socket, SO_RCVTIMEO, {0, kBriefWait * kMicroseconds}) &&
-         setLimit(socket, SO_SNDTIMEO, {limits.sendTimeout, 0});
+         setLimit(socket, SO_RCVTIMEO, {0, kBriefWait * kMicroseconds});
+}
+
+void prepareClient(int socket) {
+  (void)prepare(socket);  // a client that is gone shows at the next call
 }
 
 static Endpoint localEndpoint(int socket) {
@@ -74,12 +77,12 @@ static int bindSocket(const Endpoint& endpoint) {
   return -1;
 }
 
-std::string openListener(const ListenLine& line, const Limits& limits,
-                         Listener* listener) {
+std::string openListener(const ListenLine& line, Listener* listener) {
   const Endpoint wanted = endpointOf(line.address);
   listener->socket = passedSocket(wanted);
+  listener->passed = listener->socket >= 0;
   if (listener->socket < 0) listener->socket = bindSocket(wanted);
-  if (listener->socket < 0 || !prepare(listener->socket, limits)) {
+  if (listener->socket < 0 || !prepare(listener->socket)) {
     return "can't listen on " + line.address + ": " + std::strerror(errno);
   }
   const int port = localEndpoint(listener->socket).port();

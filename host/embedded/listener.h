@@ -15,13 +15,17 @@ namespace host {
 struct Listener {
   int socket = -1;
   LocalSide local{};
-  std::string url;  // with the real port
+  std::string url;      // with the real port
+  bool passed = false;  // by the service manager
 };
+
+// Gives a client's socket what it would have from its listener: clients of a passed
+// one may be older than what was set there.
+void prepareClient(int socket);
 
 // Binds a socket for a Listen line, or takes the one that the service manager has
 // passed for it. Clients are refused until startListening.
-[[nodiscard]] std::string openListener(const ListenLine& line, const Limits& limits,
-                                       Listener* listener);
+[[nodiscard]] std::string openListener(const ListenLine& line, Listener* listener);
 
 [[nodiscard]] std::string startListening(const Listener& listener);
 

@@ -20,14 +20,16 @@ class LogFile {
   LogFile& operator=(const LogFile&) = delete;
   ~LogFile();
 
-  // False with errno; nothing has changed then.
-  [[nodiscard]] bool open(const std::string& path);
+  // False with errno; nothing has changed then. Without `follow` a path that is a link
+  // is refused, as is right where others may write to its folder; /dev is nobody's.
+  [[nodiscard]] bool open(const std::string& path, bool follow);
 
   // Opens the same file anew, as is wanted once it has been renamed. Lines of other
   // threads go to the old one or to the new one. False with errno: nothing has changed.
   [[nodiscard]] bool reopen();
 
-  // Gives the file to a user, who may open it anew then; a failure shows at that.
+  // Gives the file to a user, who may open it anew then; a failure shows at that. One
+  // that has another name elsewhere stays whose it is.
   void giveTo(uid_t user, gid_t group);
 
   // The line brings its end.

@@ -85,7 +85,7 @@ static std::string checkConnector(const Config& config) {
   for (const auto& [stage, line] : config.stages) lines.stages.emplace_back(stage, &line);
   lookUpIdentity(config.user, config.group, &lines.user, &lines.group);
   for (const Finding& finding : checkLines(lines)) {
-    const std::string said = finding.where + ": " + finding.text;
+    std::string said = finding.where + ": " + finding.text;
     if (finding.refuses) return said;
     (void)std::fprintf(stderr, "vesk-host: %s\n", said.c_str());
   }
@@ -163,10 +163,11 @@ static std::string openLogs(const Config& config) {
   auto failure = [](const std::string& where, const std::string& path) {
     return where + ": can't open \"" + path + "\": " + std::strerror(errno);
   };
-  if (!config.errorLog.empty() && !processErrorLog->open(config.errorLog)) {
+  const bool follow = config.user.empty() && config.group.empty();
+  if (!config.errorLog.empty() && !processErrorLog->open(config.errorLog, follow)) {
     return failure(config.errorLogWhere, config.errorLog);
   }
-  if (!config.accessLog.empty() && !processAccessLog->open(config.accessLog)) {
+  if (!config.accessLog.empty() && !processAccessLog->open(config.accessLog, follow)) {
     return failure(config.accessLogWhere, config.accessLog);
   }
   return {};

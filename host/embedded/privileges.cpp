@@ -37,6 +37,7 @@ std::string becomeUser(const std::string& user, const std::string& group) {
   lookUpIdentity(user, group, &uid, &gid);
   if (geteuid() == uid && getegid() == gid) return {};
   if (!user.empty() && initgroups(user.c_str(), gid) != 0) return failure("user " + user);
+  if (user.empty() && setgroups(1, &gid) != 0) return failure("group " + group);
   if (setgid(gid) != 0) return failure("group " + (group.empty() ? user : group));
   return setuid(uid) == 0 ? std::string() : failure("user " + user);
 }

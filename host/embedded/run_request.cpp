@@ -118,7 +118,9 @@ static Answer answerForServer(HostRequest* request) {
 // with: the connection just ends.
 static Answer readAndAnswer(ServerState* server, HttpExchange* exchange,
                             HostRequest* request, const ReadHead& read) {
-  if (!openRequest(request, exchange)) return Answer::broken;
+  if (!openRequest(request, exchange) || !exchange->noteLine(request)) {
+    return Answer::broken;
+  }
   int status = read.status;
   if (status == 0 && read.head.path == "*") return answerForServer(request);
   if (status == 0) status = exchange->openRecords(request);

@@ -64,6 +64,7 @@ class Server::Loop {
   void reload();
   void stop();
   void pollStop();
+  void cutOff();
 
   ServerState* state_;
   TlsContext tls_;  // of connections to come
@@ -98,7 +99,7 @@ Server::Loop::Loop(ServerState* state)
 std::string Server::Loop::bind() {
   for (const ListenLine& line : state_->config->listeners) {
     listeners_.emplace_back();
-    const std::string reason = openListener(line, limits(), &listeners_.back());
+    const std::string reason = openListener(line, &listeners_.back());
     if (!reason.empty()) return line.where + ": " + reason;
   }
   const std::string address = unclaimedSocket(listeners_);
@@ -111,8 +112,9 @@ std::string Server::Loop::bind() {
 std::string Server::Loop::readCertificates() {
   const TlsFiles& files = state_->config->tls;
   if (files.certificate.empty()) return {};
-  const std::string reason = openTlsContext(files, &tls_);
-  return reason.empty() ? reason : files.where + ": " + reason;
+  std::string reason = openTlsContext(files, &tls_);
+  if (!reason.empty()) reason = files.where + ": " + reason;
+  return reason;
 }
 
 Acceptor::Settings Server::Loop::acceptorSettings() {
@@ -138,7 +140,8 @@ std::string Server::Loop::start() {
 // to say.
 bool Server::Loop::makeRoom() {
   if (room_.closeIdlest()) return true;
-  state_->limitLog->tellLoss("MaxConnections is met, and none of them is idle");
+  state_->limitLog->tellLine(
+      "MaxConnections is met, and none of them is idle: others wait");
   return false;
 }
 
@@ -273,13 +276,22 @@ void Server::Loop::stop() {
   pollStop();
 }
 
+void Server::Loop::cutOff() {
+  const int count = workers_.cut();
+  if (count == 0) return;
+  state_->log->write(LOG_WARN, "vesk-host",
+                     std::to_string(count) +
+                         " requests hadn't ended after StopTimeout, "
+                         "and lose their clients");
+}
+
 // Requests that are still running at the end of their time lose their clients, which
 // ends all but those that wait for somebody else.
 void Server::Loop::pollStop() {
   const auto now = Clock::now();
   if (workers_.running() == 0 && room_.empty()) return loop_.stop();
   if (now >= stopTime_ + kCutTime) return loop_.stop();
-  if (now >= stopTime_ && !cut_) workers_.cut();
+  if (now >= stopTime_ && !cut_) cutOff();
   cut_ = now >= stopTime_;
   stopTimer_.expires_after(kStopPoll);
   stopTimer_.async_wait([this](const Error& error) {

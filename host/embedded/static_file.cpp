@@ -27,6 +27,8 @@ namespace host {
 // it.
 constexpr std::int64_t kSmallFile = 32 << 10;
 
+constexpr char kTimeFormat[] = "%a, %d %b %Y %H:%M:%S GMT";
+
 namespace {
 
 struct File {
@@ -69,12 +71,26 @@ static const char* headerOf(const Static& job, const char* name) {
   return findValue(job.request->headers, name);
 }
 
+static bool isNamed(const char* tags, const File& file) {
+  return std::strstr(tags, file.tag.c_str()) || std::strcmp(tags, "*") == 0;
+}
+
+// Whether the file is another than the client wants it to be.
+static bool failsCondition(const Static& job, const File& file) {
+  const char* tags = headerOf(job, "if-match");
+  if (tags) return !isNamed(tags, file);
+  const char* since = headerOf(job, "if-unmodified-since");
+  tm time{};
+  if (!since || !strptime(since, kTimeFormat, &time)) return false;
+  return file.modified > timegm(&time);
+}
+
 static bool clientHasIt(const Static& job, const File& file) {
   const char* tags = headerOf(job, "if-none-match");
-  if (tags) return std::strstr(tags, file.tag.c_str()) || std::strcmp(tags, "*") == 0;
+  if (tags) return isNamed(tags, file);
   const char* since = headerOf(job, "if-modified-since");
   tm time{};
-  if (!since || !strptime(since, "%a, %d %b %Y %H:%M:%S GMT", &time)) return false;
+  if (!since || !strptime(since, kTimeFormat, &time)) return false;
   return file.modified <= timegm(&time);
 }
 
@@ -111,6 +127,10 @@ static bool sendRange(const Static& job, const File& file, const ByteRange& rang
 }
 
 static bool sendOpenFile(const Static& job, const File& file) {
+  if (failsCondition(job, file)) {
+    sendErrorPage(job.request, kPreconditionFailed, nullptr);
+    return true;
+  }
   setHeader(job.request, "etag", file.tag);
   setHeader(job.request, "last-modified", httpTime(file.modified));
   if (clientHasIt(job, file)) return !startPage(job.request, kNotModified, nullptr);

@@ -5,6 +5,8 @@
 #include <boost/asio/steady_timer.hpp>
 #include <cerrno>
 #include <chrono>
+#include <exception>
+#include <utility>
 
 namespace host {
 
@@ -40,9 +42,13 @@ struct WaitingRoom::Waiter {
   std::int64_t readAway = 0;
 };
 
+// What is begun ends with the loop, which finds no client any more.
 WaitingRoom::~WaitingRoom() {
   for (List* list : {&idle_, &waiters_}) {
-    while (!list->empty()) (void)dismiss(list->front());
+    for (const Place& waiter : *list) {
+      (void)waiter->socket.release();
+      waiter->client.reset();
+    }
   }
 }
 
@@ -55,39 +61,56 @@ WaitingRoom::Place WaitingRoom::admit(std::unique_ptr<Client> client, List* list
 
 // Takes a client out of the room. What was begun for it ends without effect. The loop
 // has made its socket one that never blocks; a thread's receive may wait briefly.
-std::unique_ptr<Client> WaitingRoom::dismiss(const Place& waiter) {
-  const Place held = waiter;  // the caller's may be the list's own
-  held->list->erase(held->place);
-  held->timer.cancel();
-  Error ignored;
-  (void)held->socket.native_non_blocking(held->client->channel->neverBlocks(), ignored);
-  (void)held->socket.release();
-  return std::move(held->client);
+std::unique_ptr<Client> WaitingRoom::dismiss(Place waiter) {
+  waiter->list->erase(waiter->place);
+  waiter->timer.cancel();
+  (void)waiter->socket.release();
+  waiter->client->channel->leaveLoop();
+  return std::move(waiter->client);
 }
 
 void WaitingRoom::drop(const Place& waiter) {
   (void)dismiss(waiter);
 }
 
+// Without memory to go on with a client it can only go: the loop must turn on.
+void WaitingRoom::handle(const Place& waiter,
+                         void (WaitingRoom::*step)(const Place&)) try {
+  (this->*step)(waiter);
+} catch (const std::exception& error) {
+  settings_.log->tellLoss(error.what());
+  if (waiter->client) drop(waiter);
+}
+
 void WaitingRoom::watch(const Place& waiter) {
   if (waiter->client->channel->holdsBytes()) {
     return asio::post(*loop_, [this, waiter] {
-      if (waiter->client) onReadable(waiter);
+      if (waiter->client) handle(waiter, &WaitingRoom::onReadable);
     });
   }
   const bool writes = waiter->client->channel->awaits() == POLLOUT;
   const auto what = writes ? asio::posix::stream_descriptor::wait_write
                            : asio::posix::stream_descriptor::wait_read;
   waiter->socket.async_wait(what, [this, waiter](const Error& error) {
-    if (!error && waiter->client) onReadable(waiter);
+    if (!error && waiter->client) handle(waiter, &WaitingRoom::onReadable);
   });
 }
 
 void WaitingRoom::limit(const Place& waiter, std::int64_t seconds) {
   waiter->timer.expires_after(std::chrono::seconds(seconds));
   waiter->timer.async_wait([this, waiter](const Error& error) {
-    if (!error && waiter->client) onTimeout(waiter);
+    if (!error && waiter->client) handle(waiter, &WaitingRoom::onTimeout);
   });
+}
+
+// A waiter without a watch or a limit would stay for ever.
+void WaitingRoom::begin(const Place& waiter, std::int64_t seconds) try {
+  waiter->client->channel->expectInput();
+  limit(waiter, seconds);
+  watch(waiter);
+} catch (...) {
+  (void)dismiss(waiter);
+  throw;
 }
 
 void WaitingRoom::enter(std::unique_ptr<Client> client) {
@@ -95,16 +118,14 @@ void WaitingRoom::enter(std::unique_ptr<Client> client) {
   const bool begun = !client->input.waiting().empty();
   if (!begun) client->input.release();
   const Place waiter = admit(std::move(client), begun ? &waiters_ : &idle_);
-  limit(waiter, begun ? settings_.limits->headTimeout : seconds);
-  watch(waiter);
+  begin(waiter, begun ? settings_.limits->headTimeout : seconds);
 }
 
 void WaitingRoom::part(std::unique_ptr<Client> client) {
   client->channel->endSending();
   const Place waiter = admit(std::move(client), &waiters_);
   waiter->parting = true;
-  limit(waiter, kPartingTime);
-  watch(waiter);
+  begin(waiter, kPartingTime);
 }
 
 void WaitingRoom::beginHead(const Place& waiter) {
@@ -120,8 +141,9 @@ void WaitingRoom::onReadable(const Place& waiter) {
   const ssize_t count = receiveInput(client, most, Wait::none);
   if (count > 0) return onBytes(waiter);
   if (count < 0 && errno == EAGAIN) return watch(waiter);
-  if (count < 0 && errno == EPROTO) settings_.log->tellLoss(client->channel->failure());
-  drop(waiter);
+  if (count >= 0 || errno != EPROTO) return drop(waiter);
+  settings_.log->tellLoss(client->channel->failure());
+  part(dismiss(waiter));  // so that the client hears of it
 }
 
 void WaitingRoom::onBytes(const Place& waiter) {

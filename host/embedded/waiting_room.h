@@ -59,7 +59,9 @@ class WaitingRoom {
   using List = std::list<Place>;
 
   Place admit(std::unique_ptr<Client> client, List* list);
-  std::unique_ptr<Client> dismiss(const Place& waiter);
+  std::unique_ptr<Client> dismiss(Place waiter);
+  void handle(const Place& waiter, void (WaitingRoom::*step)(const Place&));
+  void begin(const Place& waiter, std::int64_t seconds);
   void watch(const Place& waiter);
   void limit(const Place& waiter, std::int64_t seconds);
   void onReadable(const Place& waiter);

@@ -36,7 +36,6 @@ void Workers::start(std::size_t count) {
 void Workers::add(std::unique_ptr<Client> client) {
   {
     std::lock_guard guard(lock_);
-    if (finishing_) return;
     queue_.push_back(std::move(client));
     ++waiting_;
   }
@@ -86,11 +85,15 @@ void Workers::finish() {
   work_.notify_all();
 }
 
-void Workers::cut() {
+int Workers::cut() {
+  int count = 0;
   for (const auto& place : places_) {
     std::lock_guard guard(place->lock);
-    if (place->socket >= 0) (void)shutdown(place->socket, SHUT_RDWR);
+    if (place->socket < 0) continue;
+    (void)shutdown(place->socket, SHUT_RDWR);
+    ++count;
   }
+  return count;
 }
 
 }  // namespace host

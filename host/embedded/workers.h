@@ -55,7 +55,7 @@ class Workers {
     return waiting_ == 0 && idle_ > 0;
   }
 
-  // No client is taken any more; threads end when those that wait have been served.
+  // Threads end when the clients that wait have been served.
   void finish();
 
   // How many threads still run.
@@ -63,8 +63,8 @@ class Workers {
     return running_;
   }
 
-  // Ends the stream of every client that is with a thread, both ways.
-  void cut();
+  // Ends the stream of every client that is with a thread, both ways: how many.
+  int cut();
 
  private:
   struct Place;  // of one thread

@@ -1,5 +1,6 @@
 #include "http/channel.h"
 
+#include <sys/ioctl.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -21,24 +22,22 @@ class PlainChannel final : public Channel {
 
   ssize_t receive(char* to, std::size_t size, Wait wait) override {
     awaits_ = POLLIN;
+    if (wait == Wait::brief) block(true);
     return recv(socket_, to, size, wait == Wait::none ? MSG_DONTWAIT : 0);
   }
 
   ssize_t send(std::span<const iovec> parts, bool more) override {
-    awaits_ = POLLOUT;
     msghdr message{};
     message.msg_iov = const_cast<iovec*>(parts.data());  // sendmsg writes nothing there
     message.msg_iovlen = parts.size();
-    return sendmsg(socket_, &message,
-                   MSG_DONTWAIT | MSG_NOSIGNAL | (more ? MSG_MORE : 0));
+    return awaitRoom(
+        sendmsg(socket_, &message, MSG_DONTWAIT | MSG_NOSIGNAL | (more ? MSG_MORE : 0)));
   }
 
-  // sendfile has no flag for it, so it blocks for the limit that the socket has.
+  // sendfile has no flag for it.
   ssize_t sendFile(int file, off_t offset, std::size_t count) override {
-    awaits_ = POLLOUT;
-    const ssize_t sent = sendfile(socket_, file, &offset, count);
-    if (sent < 0 && errno == EAGAIN) errno = ETIMEDOUT;
-    return sent;
+    block(false);
+    return awaitRoom(sendfile(socket_, file, &offset, count));
   }
 
   void endSending() override {
@@ -59,12 +58,29 @@ class PlainChannel final : public Channel {
     return socket_;
   }
 
-  bool neverBlocks() const override {
-    return false;
+  void leaveLoop() override {
+    blocks_ = false;
+    block(true);
+  }
+
+  bool holdsUnread() const override {
+    char byte;
+    return recv(socket_, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
   }
 
  private:
+  void block(bool wanted) {
+    int never = wanted ? 0 : 1;
+    if (blocks_ != wanted && ioctl(socket_, FIONBIO, &never) == 0) blocks_ = wanted;
+  }
+
+  ssize_t awaitRoom(ssize_t sent) {
+    if (sent < 0 && errno == EAGAIN) awaits_ = POLLOUT;
+    return sent;
+  }
+
   int socket_;
+  bool blocks_ = true;
 };
 
 }  // namespace
@@ -103,7 +119,6 @@ static bool waitFor(Channel* channel, SendPatience* patience) {
 static bool mayGoOn(Channel* channel, ssize_t result, SendPatience* patience) {
   if (result > 0) patience->sent += result;
   if (result >= 0 || errno == EINTR) return !isOver(patience);
-  if (errno == ETIMEDOUT) patience->met = "SendTimeout";
   return errno == EAGAIN && waitFor(channel, patience);
 }
 
@@ -129,13 +144,10 @@ bool sendAll(Channel* channel, std::span<iovec> parts, bool more,
   return true;
 }
 
-// Where a call itself waits for the client, its time counts.
 bool sendWholeFile(Channel* channel, int file, off_t offset, std::size_t count,
                    SendPatience* patience) {
   while (count > 0) {
-    const std::int64_t begin = now();
     const ssize_t sent = channel->sendFile(file, offset, count);
-    patience->waited += now() - begin;
     if (sent == 0) errno = ENODATA;
     if (sent == 0 || !mayGoOn(channel, sent, patience)) return false;
     if (sent < 0) continue;

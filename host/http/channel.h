@@ -61,8 +61,12 @@ class Channel {
 
   [[nodiscard]] virtual int socket() const = 0;
 
-  // True for a channel whose socket is to return at once, whoever reads.
-  [[nodiscard]] virtual bool neverBlocks() const = 0;
+  // The loop has made the socket one that never blocks: from here on a thread is with
+  // it, whose receive may wait briefly.
+  virtual void leaveLoop() = 0;
+
+  // True when the client has sent something that nobody has received.
+  [[nodiscard]] virtual bool holdsUnread() const = 0;
 
   [[nodiscard]] virtual TlsFacts tls() const {
     return {};
@@ -79,6 +83,11 @@ class Channel {
     return "";
   }
 
+  // What comes next is the client's.
+  void expectInput() {
+    awaits_ = POLLIN;
+  }
+
   // POLLIN or POLLOUT: what the last EAGAIN needs.
   [[nodiscard]] short awaits() const {
     return awaits_;
@@ -88,8 +97,8 @@ class Channel {
   short awaits_ = POLLIN;
 };
 
-// A channel without encryption on a connected socket that blocks, whose receive
-// limit is kBriefWait and whose send limit is the client's. Takes the socket. Null when
+// A channel without encryption on a connected socket that blocks, and whose
+// receive limit is kBriefWait. Takes the socket. Null when
 // memory is short; the socket is then closed.
 [[nodiscard]] std::unique_ptr<Channel> openPlainChannel(int socket);
 

@@ -21,6 +21,11 @@ constexpr std::size_t kReadAhead = 16 << 10;
 
 constexpr std::int64_t kSmallChunk = 4 << 10;
 
+// Chunks' lines may be so many times as long as what they frame, beyond some that are
+// free: honest ones of a byte each stay well below that.
+constexpr std::int64_t kMaxFraming = 16;
+constexpr std::int64_t kFreeFraming = 64 << 10;
+
 constexpr std::int64_t kMilliseconds = 1000;
 
 static std::int64_t now() {
@@ -71,6 +76,7 @@ int RequestBody::receive(char* to, std::size_t size) {
     if (client_->channel->wait(static_cast<int>(left)) == 0) return refuse("BodyTimeout");
     count = client_->channel->receive(to, size, Wait::none);
   }
+  received_ += count;
   if (patienceIsOver(now() - begin, count)) return refuse("MinBodyRate");
   return static_cast<int>(count);
 }
@@ -158,6 +164,10 @@ bool RequestBody::openChunk() {
   const std::int64_t size = line.empty() ? -1 : chunkSize(line);
   if (size < 0) return false;
   client_->input.take(line.size());
+  lineBytes_ += static_cast<std::int64_t>(line.size());
+  if (lineBytes_ > kMaxFraming * taken_ + kFreeFraming) {
+    return refuse("LimitTrailers") == 0;
+  }
   left_ = size;
   inChunk_ = size > 0;
   return size > 0 || readTrailers();
@@ -203,11 +213,9 @@ int RequestBody::read(char* buffer, int size) {
 bool RequestBody::drain() {
   const bool cheap = !continueWaits_ && (chunked_ || left_ <= kMaxDrain);
   char buffer[8192];
-  std::int64_t drained = 0;
-  while (cheap && !ended_ && drained <= kMaxDrain) {
-    const int count = read(buffer, sizeof(buffer));
-    if (count < 0) return false;
-    drained += count;
+  const std::int64_t begin = received_;
+  while (cheap && !ended_ && received_ - begin <= kMaxDrain) {
+    if (read(buffer, sizeof(buffer)) < 0) return false;
   }
   return ended_;
 }

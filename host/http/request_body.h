@@ -61,9 +61,11 @@ class RequestBody {
   Client* client_;
   const Limits& limits_;
   const char* limitMet_ = nullptr;
-  std::int64_t left_ = 0;    // of a counted body or of the open chunk
-  std::int64_t taken_ = 0;   // of the body, so far
-  std::int64_t waited_ = 0;  // for it, in milliseconds
+  std::int64_t left_ = 0;       // of a counted body or of the open chunk
+  std::int64_t taken_ = 0;      // of the body, so far
+  std::int64_t waited_ = 0;     // for it, in milliseconds
+  std::int64_t received_ = 0;   // from the client, framing and all
+  std::int64_t lineBytes_ = 0;  // of chunks' lines
   bool chunked_ = false;
   bool inChunk_ = false;  // its line has been read, the end behind its bytes hasn't
   bool ended_ = true;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <boost/beast/http/basic_parser.hpp>
+#include <boost/beast/http/rfc7230.hpp>
 #include <utility>
 
 #include "layer/status.h"
@@ -34,6 +35,10 @@ class HeadParser final : public http::basic_parser<true> {
   int expectation = 0;
   bool knownMethod = false;
   bool tunnels = false;
+
+  [[nodiscard]] bool keeps() const {
+    return keep_alive() && !closes_;
+  }
 
   [[nodiscard]] bool hasHost() const {
     return hosts_ > 0;
@@ -80,6 +85,9 @@ class HeadParser final : public http::basic_parser<true> {
         return ++codings_ == 1 && head_->chunked && head_->http11 && lengths_ == 0;
       case http::field::expect:
         return takesExpectation(value);
+      case http::field::connection:
+        closes_ = closes_ || http::token_list{value}.exists("close");
+        return true;
       default:
         return true;
     }
@@ -113,11 +121,12 @@ class HeadParser final : public http::basic_parser<true> {
   int hosts_ = 0;
   int lengths_ = 0;
   int codings_ = 0;
+  bool closes_ = false;  // which counts whatever else is wished
 };
 
 }  // namespace
 
-// A version of another number than 1 is the one fault that has a status of its own.
+// A version that isn't known is the one fault that has a status of its own.
 static int statusOf(std::string_view bytes, const Error& error) {
   if (error != http::error::bad_version) return kBadRequest;
   const std::string_view line = bytes.substr(0, bytes.find("\r\n"));
@@ -156,7 +165,7 @@ int readHead(std::string_view bytes, const Limits& limits, RequestHead* head) {
   if (error && parser.status) return parser.status;
   if (error || !parser.is_header_done()) return statusOf(bytes, error);
   if (head->http11 && !parser.hasHost()) return kBadRequest;
-  head->keepAlive = parser.keep_alive();
+  head->keepAlive = parser.keeps();
   if (!parser.knownMethod) return kNotImplemented;
   if (parser.tunnels) return kMethodNotAllowed;
   if (!splitTarget(head)) return kBadRequest;

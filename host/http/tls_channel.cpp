@@ -41,7 +41,9 @@ class TlsChannel final : public Channel {
     (void)close(socket_);
   }
 
+  // What comes behind a failure is nobody's, and is read to be rid of it.
   ssize_t receive(char* to, std::size_t size, Wait wait) override {
+    if (broken_) return recv(socket_, to, size, MSG_DONTWAIT);
     ssize_t count = receiveNow(to, size);
     const bool again = count < 0 && errno == EAGAIN && wait == Wait::brief;
     if (!again) return count;
@@ -87,8 +89,11 @@ class TlsChannel final : public Channel {
     return socket_;
   }
 
-  bool neverBlocks() const override {
-    return true;
+  void leaveLoop() override {}  // nobody's calls block on it
+
+  bool holdsUnread() const override {
+    char byte;
+    return holdsBytes() || recv(socket_, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
   }
 
   bool holdsBytes() const override {

@@ -50,6 +50,9 @@ std::string openTlsContext(const TlsFiles& files, TlsContext* context) {
   if (error) return failure(files.certificate, error);
   (void)made->use_private_key_file(files.key, ssl::context::pem, error);
   if (error) return failure(files.key, error);
+  if (SSL_CTX_check_private_key(made->native_handle()) != 1) {
+    return "the key \"" + files.key + "\" isn't that of \"" + files.certificate + "\"";
+  }
   std::string reason = trust(files, made.get());
   if (reason.empty()) *context = std::move(made);
   return reason;

@@ -133,7 +133,7 @@ static std::string addServerLine(cmd_parms* cmd, Stage stage, const char* text) 
 
 static std::string setFront(cmd_parms* cmd, const char* text) {
   Directive line;
-  const std::string reason = parseParameters(text, &line);
+  std::string reason = parseParameters(text, &line);
   if (!reason.empty()) return reason;
   return readFront(cmd->pool, std::move(line), &configOf(cmd->server)->front);
 }

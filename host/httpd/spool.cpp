@@ -73,12 +73,16 @@ static int keepBucket(Spool* spool, apr_bucket* bucket) {
   return status == APR_SUCCESS ? OK : refuse(*spool, status, HTTP_INTERNAL_SERVER_ERROR);
 }
 
+static void dropBucket(apr_bucket* bucket) {
+  apr_bucket_delete(bucket);
+}
+
 static int keepPiece(Spool* spool, apr_bucket_brigade* piece) {
   int result = OK;
   while (result == OK && !spool->ended && !APR_BRIGADE_EMPTY(piece)) {
     apr_bucket* first = APR_BRIGADE_FIRST(piece);
     result = keepBucket(spool, first);
-    apr_bucket_delete(first);
+    dropBucket(first);
   }
   return result;
 }

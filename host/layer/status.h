@@ -16,6 +16,7 @@ constexpr int kBadRequest = 400;
 constexpr int kForbidden = 403;
 constexpr int kNotFound = 404;
 constexpr int kMethodNotAllowed = 405;
+constexpr int kPreconditionFailed = 412;
 constexpr int kContentTooLarge = 413;
 constexpr int kUriTooLong = 414;
 constexpr int kRangeNotSatisfiable = 416;
