@@ -197,9 +197,11 @@ Fate HttpExchange::finish(Answer answer) {
     if (writer_.endsByClose()) client_->channel->abandon();
     return Fate::close;
   }
-  const bool unread = body_.unread() || !client_->input.waiting().empty() ||
-                      client_->channel->holdsUnread();
-  return unread ? Fate::part : Fate::close;
+  // Bytes that come to a closed socket would take the rest of the response with them.
+  const bool parts = body_.unread() || !client_->input.waiting().empty() ||
+                     client_->channel->holdsUnread() ||
+                     unsentBytes(*client_->channel) > 0;
+  return parts ? Fate::part : Fate::close;
 }
 
 bool HttpExchange::peer(sockaddr_in* address) {

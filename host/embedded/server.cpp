@@ -128,7 +128,7 @@ Acceptor::Settings Server::Loop::acceptorSettings() {
 
 std::string Server::Loop::start() {
   for (const Listener& listener : listeners_) {
-    const std::string reason = startListening(listener);
+    std::string reason = startListening(listener);
     if (!reason.empty()) return reason;
     acceptors_.emplace_back(&loop_, listener, acceptorSettings()).start();
   }

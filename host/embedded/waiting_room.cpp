@@ -40,6 +40,7 @@ struct WaitingRoom::Waiter {
   List::iterator place{};
   bool parting = false;
   std::int64_t readAway = 0;
+  std::int64_t unsent = 0;  // of its response, when it was last looked at
 };
 
 // What is begun ends with the loop, which finds no client any more.
@@ -61,12 +62,13 @@ WaitingRoom::Place WaitingRoom::admit(std::unique_ptr<Client> client, List* list
 
 // Takes a client out of the room. What was begun for it ends without effect. The loop
 // has made its socket one that never blocks; a thread's receive may wait briefly.
-std::unique_ptr<Client> WaitingRoom::dismiss(Place waiter) {
-  waiter->list->erase(waiter->place);
+std::unique_ptr<Client> WaitingRoom::dismiss(const Place& waiter) {
+  std::unique_ptr<Client> client = std::move(waiter->client);
   waiter->timer.cancel();
   (void)waiter->socket.release();
-  waiter->client->channel->leaveLoop();
-  return std::move(waiter->client);
+  client->channel->leaveLoop();
+  waiter->list->erase(waiter->place);  // last: what names the waiter may be in the list
+  return client;
 }
 
 void WaitingRoom::drop(const Place& waiter) {
@@ -125,6 +127,7 @@ void WaitingRoom::part(std::unique_ptr<Client> client) {
   client->channel->endSending();
   const Place waiter = admit(std::move(client), &waiters_);
   waiter->parting = true;
+  waiter->unsent = unsentBytes(*waiter->client->channel);
   begin(waiter, kPartingTime);
 }
 
@@ -165,10 +168,19 @@ void WaitingRoom::readAway(const Place& waiter) {
   more || later ? watch(waiter) : drop(waiter);
 }
 
+// For as long as the client takes of its response, it may stay.
+void WaitingRoom::awaitParting(const Place& waiter) {
+  const std::int64_t unsent = unsentBytes(*waiter->client->channel);
+  const bool takes = unsent > 0 && unsent < waiter->unsent;
+  waiter->unsent = unsent;
+  takes ? limit(waiter, kPartingTime) : drop(waiter);
+}
+
 // A client that has begun a head is told why it goes; one that was quiet isn't
 // waiting for anything.
 void WaitingRoom::onTimeout(const Place& waiter) {
-  const bool begun = waiter->list == &waiters_ && !waiter->parting;
+  if (waiter->parting) return awaitParting(waiter);
+  const bool begun = waiter->list == &waiters_;
   if (begun || !waiter->client->served) {
     settings_.log->tell("HeadTimeout", waiter->client->address);
   }
@@ -197,7 +209,7 @@ void WaitingRoom::closeOrServe(const Place& waiter) {
 }
 
 void WaitingRoom::closeWaiting() {
-  while (!idle_.empty()) closeOrServe(Place(idle_.front()));
+  while (!idle_.empty()) closeOrServe(idle_.front());
   for (auto next = waiters_.begin(); next != waiters_.end();) {
     const Place waiter = *next++;
     if (!waiter->parting) closeOrServe(waiter);

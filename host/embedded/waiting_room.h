@@ -59,7 +59,7 @@ class WaitingRoom {
   using List = std::list<Place>;
 
   Place admit(std::unique_ptr<Client> client, List* list);
-  std::unique_ptr<Client> dismiss(Place waiter);
+  std::unique_ptr<Client> dismiss(const Place& waiter);
   void handle(const Place& waiter, void (WaitingRoom::*step)(const Place&));
   void begin(const Place& waiter, std::int64_t seconds);
   void watch(const Place& waiter);
@@ -70,6 +70,7 @@ class WaitingRoom {
   void readAway(const Place& waiter);
   void drop(const Place& waiter);
   void closeOrServe(const Place& waiter);
+  void awaitParting(const Place& waiter);
   void beginHead(const Place& waiter);
 
   boost::asio::io_context* loop_;

@@ -1,5 +1,6 @@
 #include "http/channel.h"
 
+#include <linux/sockios.h>
 #include <sys/ioctl.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
@@ -96,29 +97,39 @@ static std::int64_t now() {
   return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-static bool isOver(SendPatience* patience) {
+std::int64_t unsentBytes(const Channel& channel) {
+  int bytes = 0;
+  return ioctl(channel.socket(), SIOCOUTQ, &bytes) == 0 ? bytes : 0;
+}
+
+static bool isOver(const Channel& channel, SendPatience* patience) {
   constexpr std::int64_t kMilliseconds = 1000;
-  if (patience->leastRate == 0) return false;
-  const std::int64_t earned = patience->sent * kMilliseconds / patience->leastRate;
+  if (patience->leastRate == 0 || patience->waited <= patience->limit) return false;
+  const std::int64_t taken = patience->sent - unsentBytes(channel);
+  const std::int64_t earned = taken * kMilliseconds / patience->leastRate;
   if (patience->waited <= patience->limit + earned) return false;
   patience->met = "MinSendRate";
   return true;
 }
 
 // Waits for a client that takes nothing: whether to call again. A wait that a signal
-// ends is begun anew.
+// ends is begun anew, as is one in which the client has taken something: the system
+// tells of room only when there is much of it.
 static bool waitFor(Channel* channel, SendPatience* patience) {
   const std::int64_t begin = now();
+  const std::int64_t unsent = unsentBytes(*channel);
   const int ready = channel->wait(static_cast<int>(patience->limit));
   patience->waited += now() - begin;
-  if (ready == 0) patience->met = "SendTimeout";
-  return ready > 0 || (ready < 0 && errno == EINTR);
+  const bool stuck = ready == 0 && unsentBytes(*channel) >= unsent;
+  if (stuck) patience->met = "SendTimeout";
+  const bool failed = ready < 0 && errno != EINTR;
+  return !stuck && !failed && !isOver(*channel, patience);
 }
 
 // After a call that gave `result`: whether to call again.
 static bool mayGoOn(Channel* channel, ssize_t result, SendPatience* patience) {
   if (result > 0) patience->sent += result;
-  if (result >= 0 || errno == EINTR) return !isOver(patience);
+  if (result >= 0 || errno == EINTR) return true;
   return errno == EAGAIN && waitFor(channel, patience);
 }
 

@@ -102,6 +102,9 @@ class Channel {
 // memory is short; the socket is then closed.
 [[nodiscard]] std::unique_ptr<Channel> openPlainChannel(int socket);
 
+// What has been sent and the client's machine hasn't taken yet, in bytes.
+[[nodiscard]] std::int64_t unsentBytes(const Channel& channel);
+
 // What a client is allowed to take its time over, and how much it has taken, for one
 // response. Units: milliseconds, bytes.
 struct SendPatience {
