@@ -210,6 +210,7 @@ struct vesk_request {
   void (*markResponse)(vesk_request* req);
   void (*restoreResponse)(vesk_request* req);
   veskResponseMark responseMark;
+  std::int32_t holdsTable;  // 1: others wait for what it asks; see held_requests.h
 };
 static_assert(std::is_trivial_v<vesk_request> && std::is_standard_layout_v<vesk_request>);
 
