@@ -13,6 +13,7 @@
 #include "proxy/proxy_refresh.h"
 #include "proxy/proxy_service.h"
 #include "proxy/proxy_settings.h"
+#include "proxy/server_events.h"
 
 constexpr int kDecimal = 10;
 
@@ -165,6 +166,7 @@ std::int32_t proxy_destroyInetProxy(veskProxy* proxy, vesk_request* req) {
   // The lock is left before the proxy goes: its record holds it.
   const std::int32_t left = proxy->release(proxy, req);
   if (left > 0) return left;
+  (void)serverWasUnlisted(req, proxy);  // before its connections go: their end is no news
   // The connections first: closing them still looks at the rest of the record.
   destroyPool(proxy, req);
   freeProperties(req, proxy->mappings);

@@ -10,6 +10,7 @@
 #include "context/text.h"
 #include "context/vesk_error.h"
 #include "context/vesk_mutex.h"
+#include "proxy/server_events.h"
 #include "proxy/wire.h"
 
 proxyPool* initPool(vesk_request* req, veskProxy* proxy, const char* host,
@@ -81,18 +82,23 @@ static VeskConnection* newPingedConnection(vesk_request* req, veskProxy* proxy,
 }
 
 void takeOutOfService(vesk_request* req, veskProxy* proxy) {
-  const SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
-  markUnreachableLocked(req, proxy, req->now(req));
+  {
+    const SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
+    markUnreachableLocked(req, proxy, req->now(req));
+  }
+  serverWentDown(req, proxy, "question");
 }
 
 static void noteConnectFailure(vesk_request* req, veskProxy* proxy) {
   // A request that had no time left for the connect has learned nothing of the server.
   const bool hurried = req->conversationLimit == 0 && isPastDeadline(req);
-  if (!hurried && isVeskServerUnreachable(req, 1)) {
+  const bool down = !hurried && isVeskServerUnreachable(req, 1);
+  if (down) {
     SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
     // The time is taken now: a connect may have lasted as long as the pause.
     markUnreachableLocked(req, proxy, req->now(req));
   }
+  if (down) serverWentDown(req, proxy, "connect");
   req->trace(req, "%s connect failed: %d %s, no sock added to pool", proxy->name,
              req->lastError, describeError(req->lastError));
 }
@@ -247,6 +253,8 @@ void returnVeskConnectionToPool(vesk_request* req, veskProxy* proxy,
     connection->next = proxy->pool->freeConnections;
     proxy->pool->freeConnections = connection;
   }
+  // A conversation that began before the server went out of service proves nothing.
+  if (isServerDown(proxy) && isProxyActive(proxy)) (void)serverCameUp(req, proxy);
   req->trace(req, "%s returned socket [%d] to pool", proxy->name, sock);
 }
 
@@ -280,6 +288,7 @@ void destroyVeskConnection(vesk_request* req, veskProxy* proxy,
                connection->socket, req->lastError);
     noteLostConnectionLocked(req, proxy, now);
   }
+  if (isVeskServerUnreachable(req, 0)) serverWentDown(req, proxy, "connection");
   req->closeSocket(req, connection->socket);
   req->permFree(req, connection);
 }

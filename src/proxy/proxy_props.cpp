@@ -4,6 +4,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "context/held_requests.h"
 #include "context/memory.h"
 #include "context/request_block.h"
 #include "context/text.h"
@@ -81,6 +82,7 @@ static std::int32_t askForSet(Conversation* talk) {
 propertyTable* fetchProps(vesk_request* req, veskProxy* proxy, const char* set,
                           std::int32_t* sequence) {
   if (sequence) *sequence = -1;
+  const QuestionScope question(req, proxy->name);
   // From here on the socket is read ahead: what stands behind the set is found before
   // another question could take it for its answer.
   const ConversationScope scope{req};

@@ -1,11 +1,13 @@
 #include "proxy/proxy_refresh.h"
 
 #include "context/guards.h"
+#include "context/held_requests.h"
 #include "context/vesk_mutex.h"
 #include "properties/vesk_property.h"
 #include "proxy/mapping_order.h"
 #include "proxy/proxy_pool.h"
 #include "proxy/proxy_props.h"
+#include "proxy/server_events.h"
 
 static bool tryPing(vesk_request* req, veskProxy* proxy, std::int32_t sock,
                     void* /*context*/) {
@@ -37,6 +39,7 @@ std::int32_t proxy_isAlive(veskProxy* proxy, vesk_request* req) {
     SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
     if (getProxyRetryTime(proxy) > now) return 0;  // another thread has moved it
   }
+  const QuestionScope scope(req, proxy->name);
   if (!guarded(req, Guard::comeback)) return proxy->sendPing(proxy, req);
   return isProxyUnlisted(proxy) ? 0 : answersQuestion(proxy, req);
 }
@@ -70,13 +73,14 @@ static void traceFirstInstall(veskProxy* proxy, vesk_request* req) {
   }
 }
 
-// Puts a sorted table in place: the old one, or null. The count of the old table
-// is read under the lock as well: a slow refresh may be overtaken by the next.
+// Puts a sorted table in place: the old one, or null. Both are looked at under the lock
+// as well: a slow refresh may be overtaken by the next.
 static propertyTable* swapMappings(veskProxy* proxy, vesk_request* req,
-                                   propertyTable* table) {
+                                   propertyTable* table, EventText* news) {
   SyncGuard guard{req, &proxy->lock, &proxy->lockHeld};
   propertyTable* old = proxy->mappings;
   req->trace(req, "old mappings count: %d", old ? old->count : 0);
+  describeMappings(proxy, old, table, news);
   proxy->mappings = table;
   if (!old) traceFirstInstall(proxy, req);
   return old;
@@ -84,8 +88,10 @@ static propertyTable* swapMappings(veskProxy* proxy, vesk_request* req,
 
 static void installMappings(veskProxy* proxy, vesk_request* req, propertyTable* table) {
   req->trace(req, "installing new mappings for %s count: %d", proxy->name, table->count);
-  propertyTable* old = swapMappings(proxy, req, table);
+  EventText news;
+  propertyTable* old = swapMappings(proxy, req, table, &news);
   if (!old) return;
+  reportMappings(req, proxy, news);
   req->trace(req, "Deleting old mappings...");
   freeProperties(req, old);
 }

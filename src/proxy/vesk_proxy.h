@@ -73,6 +73,20 @@ struct proxyMetrics {
   std::int64_t requestCount;
 };
 
+// How a server stands with the cluster's list and its own connections; see
+// server_events.h. New until it has joined a table.
+enum : std::int32_t { kServerNew = 0, kServerUp, kServerDown, kServerGone };
+
+// What is told of a server besides its settings. Written and read without a lock:
+// atomically.
+struct serverHistory {
+  std::int32_t state;
+  std::int64_t since;  // of the state; seconds since the epoch
+  // Requests since it went down that had failed here or lost their session with it:
+  std::int64_t moved;   // another server has answered
+  std::int64_t failed;  // no server has
+};
+
 constexpr int kProxyNameSize = 64;  // 63 characters and a NUL
 constexpr std::int64_t kNever = 0x7FFFFFFFFFFFFFFF;
 
@@ -140,6 +154,7 @@ struct veskProxy {
   // 1: a request has found a mapping without a server that this one may serve, and the
   // connector's own thread has not asked it since: atomically.
   std::uint32_t wanted;
+  serverHistory history;
 };
 static_assert(std::is_trivial_v<veskProxy> && std::is_standard_layout_v<veskProxy>);
 static_assert(std::is_trivial_v<proxyBalance> && std::is_trivial_v<proxyMetrics>);
