@@ -1,6 +1,7 @@
 #include "maptable/cluster_update.h"
 
 #include "context/guards.h"
+#include "context/held_requests.h"
 #include "context/vesk_mutex.h"
 #include "maptable/awaited_servers.h"
 #include "maptable/maintenance_queue.h"
@@ -8,8 +9,10 @@
 #include "maptable/question_limit.h"
 #include "maptable/server_join.h"
 #include "maptable/server_store.h"
+#include "maptable/table_events.h"
 #include "maptable/table_guard.h"
 #include "proxy/proxy_props.h"
+#include "proxy/server_events.h"
 
 // One update that has its list.
 struct ClusterUpdate {
@@ -69,6 +72,8 @@ static void removeUnnamedServers(const ClusterUpdate* update, const proxyList* s
     // Before the removal: from then on its timers may be looked at. Also one that is out
     // already must not come back by them.
     setProxyUnlisted(proxy, true);
+    if (serverWasUnlisted(update->req, proxy))
+      noteLeft(update->table, update->req, proxy, update->lock);
     // That one stays as it is: removing it again would clear the number that this update
     // is about to adopt.
     if (snapshot->active[i] == 0) continue;
@@ -113,6 +118,7 @@ static void applyList(ClusterUpdate* update) {
   // It has logged, and is tried again.
   (void)persistServers(table, update->req, update->lock);
   adoptSequence(update);
+  reportClusterNews(table, update->req, update->sequence, update->lock);
 }
 
 // Asked twice, before the list is fetched and after: another thread may have applied it
@@ -168,5 +174,6 @@ void updateClusteredServers(mappingsTable* table, vesk_request* req, veskProxy* 
                             std::int32_t sequence) {
   if (table->queue) return leaveNewsForThread(table, req, proxy, sequence);
   const SyncGuard guard(req, &table->tableMutex, &table->tableMutexHeld);
+  const HoldsTable holds(req, true);
   applyClusterNews(table, req, proxy, sequence, 0);
 }

@@ -4,6 +4,7 @@
 
 #include "context/clock.h"
 #include "context/guards.h"
+#include "context/held_requests.h"
 #include "context/sockets.h"
 #include "context/text.h"
 #include "context/vesk_error.h"
@@ -13,6 +14,7 @@
 #include "maptable/last_ditch.h"
 #include "maptable/membership.h"
 #include "maptable/selection.h"
+#include "maptable/table_events.h"
 #include "maptable/vesk_session.h"
 #include "proxy/proxy_error.h"
 #include "proxy/replay.h"
@@ -31,6 +33,7 @@ struct Dispatch {
   veskProxy* proxy;       // the server of the last attempt, once one was chosen
   bool untriedOnly;       // whoever was asked would only be chosen again, in vain
   failedList failed;
+  failedAttempts attempts;
 };
 
 // What the search for the server of an attempt came to.
@@ -78,6 +81,7 @@ static Search chooseByBalance(Dispatch* dispatch) {
   vesk_request* req = dispatch->req;
   const mappingBalance* balance = table->mappingBalances[dispatch->index];
   if (isClustered(table) && balance->anyActive == 0) {
+    const HoldsTable holds(req, true);
     if (lastDitchFindReachableServer(table, req, dispatch->index, &dispatch->failed) != 0)
       return Search::nobody;
     // What has joined meanwhile may have moved the mapping.
@@ -101,14 +105,17 @@ static Search chooseAmongUntried(Dispatch* dispatch) {
 // browser is asked anew each time: a table can become a cluster between two attempts.
 static Search chooseProxy(Dispatch* dispatch) {
   mappingsTable* table = dispatch->table;
+  WaitingRequest waiting(dispatch->req);
   const SyncGuard guard(dispatch->req, &table->tableMutex, &table->tableMutexHeld);
+  waiting.pass();
   if (!locateMapping(dispatch)) return Search::noMapping;
   dispatch->req->deferError = isClustered(table) ? 1 : 0;
   return dispatch->untriedOnly ? chooseAmongUntried(dispatch) : chooseByBalance(dispatch);
 }
 
-static void reportNoServer(const Dispatch* dispatch) {
+static void reportNoServer(Dispatch* dispatch) {
   vesk_request* req = dispatch->req;
+  dispatch->attempts.nobodyLeft = true;
   req->deferError = 0;
   req->outcome.kind = kOutcomeFailed;
   req->lastError = ETIMEDOUT;
@@ -195,6 +202,7 @@ static bool isLastAttempt(const Dispatch* dispatch) {
 static Verdict concludeFailure(Dispatch* dispatch) {
   vesk_request* req = dispatch->req;
   mappingsTable* table = dispatch->table;
+  noteFailedAttempt(&dispatch->attempts, dispatch->proxy, req->lastError);
   req->traceE(req, kTraceDetail, "%s handleRequest failed, error %d %s",
               dispatch->proxy->name, req->lastError, describeError(req->lastError));
   removeIfUnreachable(dispatch);
@@ -268,10 +276,13 @@ std::int32_t handleRequestWithIndex(mappingsTable* table, vesk_request* req,
   dispatch.proxy = nullptr;
   dispatch.untriedOnly = false;
   dispatch.failed.count = 0;
+  dispatch.attempts.count = 0;
+  dispatch.attempts.nobodyLeft = false;
   if (index < 0 && !findMapping(&dispatch)) return declineRequest(req);
   if (guarded(req, Guard::attempt)) req->markResponse(req);
   req->sessionId = getSessionId(req);
   const std::int32_t result = dispatchRequest(&dispatch);
+  concludeAttempts(req, dispatch.attempts, result);
   if (req->sessionId) req->free(req, req->sessionId);
   req->sessionId = nullptr;
   req->deferError = 0;

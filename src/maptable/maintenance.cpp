@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "context/events.h"
 #include "context/memory.h"
 #include "maptable/cluster_update.h"
 #include "maptable/maintenance_queue.h"
@@ -79,6 +80,7 @@ static void findServers(mappingsTable* table, vesk_request* req) {
 }
 
 void maintainTable(mappingsTable* table, vesk_request* req, const MaintenanceWork& work) {
+  if (eventsWait()) lookAtEvents(req);
   if (!isFilled(table)) return fillTable(table, req);
   // First what requests have asked for: it is what they will meet next.
   if (work.revive && isRevivalDue(table, req)) findServers(table, req);

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <ctime>
 
+#include "context/held_requests.h"
 #include "context/memory.h"
 
 // Between two attempts to fill the table: servers that are down aren't asked more often,
@@ -83,6 +84,7 @@ static bool hasAttempt(const maintenanceQueue* queue, vesk_request* req) {
 std::int32_t awaitTable(mappingsTable* table, vesk_request* req) {
   if (isFilled(table)) return 0;
   maintenanceQueue* queue = table->queue;
+  const WaitingRequest waiting(req);
   // Taken before the mutex: the time that it costs to get that counts too.
   const timespec end = momentIn(kMostWait);
   const QueueGuard guard(queue);

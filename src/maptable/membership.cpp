@@ -6,9 +6,11 @@
 #include "context/guards.h"
 #include "context/vesk_mutex.h"
 #include "maptable/mapping_columns.h"
+#include "maptable/table_events.h"
 #include "maptable/table_guard.h"
 #include "properties/property_index.h"
 #include "proxy/proxy_refresh.h"
+#include "proxy/server_events.h"
 
 // A rotation that starts here lands on the first entry.
 constexpr std::int32_t kBeforeFirst = -1;
@@ -273,6 +275,17 @@ static bool acceptsProxy(const mappingsTable* table, const veskProxy* proxy,
   return false;
 }
 
+// What is told is the proxy's own state: a server that only its lists show as active is
+// tried by nobody's choice. Without the guard `comeback` one that was out of service may
+// be back unasked, for no other reason than that the list names it: its first answer
+// tells then.
+static void announceProxy(mappingsTable* table, veskProxy* proxy, vesk_request* req,
+                          std::uint32_t lock) {
+  if (isServerDown(proxy) && !guarded(req, Guard::comeback)) return;
+  if (isProxyActive(proxy) && serverCameUp(req, proxy))
+    noteJoined(table, req, proxy, lock);
+}
+
 std::int32_t addProxy(mappingsTable* table, veskProxy* proxy, vesk_request* req,
                       std::uint32_t lock) {
   std::int32_t result = -1;
@@ -289,6 +302,7 @@ std::int32_t addProxy(mappingsTable* table, veskProxy* proxy, vesk_request* req,
   if (result == 0)
     req->traceE(req, kTraceState, "%s added/activated proxy, seq %d", proxy->name,
                 sequence);
+  if (result == 0) announceProxy(table, proxy, req, lock);
   return result;
 }
 

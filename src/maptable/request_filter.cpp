@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "context/held_requests.h"
 #include "context/memory.h"
 #include "context/request_block.h"
 #include "context/request_setup.h"
@@ -101,7 +102,9 @@ static bool tryFilter(mappingsTable* table, vesk_request* req,
                       const FilterQuestion& question, std::int32_t* index) {
   MatchSubject subject =
       makeSubject(req, question.path, question.stripped, question.host);
+  WaitingRequest waiting(req);
   const SyncGuard guard(req, &table->tableMutex, &table->tableMutexHeld);
+  waiting.pass();
   const bool hosts = table->mappings->count > 0 && table->patterns[0].hasHost != 0;
   if (hosts && !question.hostKnown) return false;
   *index = filterLocked(table, req, &subject, question.honourIgnoreSuffix);

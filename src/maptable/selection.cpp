@@ -6,6 +6,7 @@
 #include "context/memory.h"
 #include "context/privacy.h"
 #include "maptable/server_choice.h"
+#include "proxy/server_events.h"
 
 // A server sends 32 bits; the bound keeps the sum of a full list below 2^62,
 // which is what two draws of `rand` reach together.
@@ -103,6 +104,13 @@ static Choice chooseByDraw(vesk_request* req, const proxyList* list,
   return chooseServer(*question);
 }
 
+// Counted with the first choice alone: an attempt that fails is counted for its server.
+static void countMovedSession(const vesk_request* req, const proxyList* list,
+                              const Choice& choice) {
+  if (choice.absentOwner < 0 || req->outcome.attempts > 0) return;
+  serverLostRequest(list->proxies[choice.absentOwner], true);
+}
+
 static Choice choose(vesk_request* req, const proxyList* list, mappingBalance* balance) {
   ChoiceQuestion question = questionOf(list, balance, req);
   ServerState servers[kMaxProxies];
@@ -112,6 +120,7 @@ static Choice choose(vesk_request* req, const proxyList* list, mappingBalance* b
   }
   const Choice choice = chooseServer(question);
   tellAboutSession(req, list, choice);
+  countMovedSession(req, list, choice);
   if (choice.reason != ChoiceReason::drawNeeded) return choice;
   return chooseByDraw(req, list, balance, &question);
 }

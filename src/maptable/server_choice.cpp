@@ -12,7 +12,10 @@ constexpr std::int64_t kMinBound = 0x7fffffff;
 constexpr std::int64_t kMaxBound = 0;
 
 static Choice choiceOf(std::int32_t position, ChoiceReason reason) {
-  return {.position = position, .reason = reason, .sessionBroken = false};
+  return {.position = position,
+          .reason = reason,
+          .sessionBroken = false,
+          .absentOwner = kNobody};
 }
 
 static Choice nobody(ChoiceReason reason) {
@@ -100,6 +103,15 @@ static std::int32_t findBuddy(const ChoiceQuestion& question, const char* buddy)
   return kNobody;
 }
 
+static Choice chooseBuddy(const ChoiceQuestion& question) {
+  for (const char* buddy = getNextBuddy(question.sessionId, nullptr); buddy;
+       buddy = getNextBuddy(question.sessionId, buddy)) {
+    const std::int32_t position = findBuddy(question, buddy);
+    if (position >= 0) return choiceOf(position, ChoiceReason::sessionBuddy);
+  }
+  return nobody(ChoiceReason::sessionLost);
+}
+
 // Without an owner in the list the id is of another cluster, or made up: its buddies
 // mean nothing here.
 Choice resolveServerId(const ChoiceQuestion& question) {
@@ -107,12 +119,9 @@ Choice resolveServerId(const ChoiceQuestion& question) {
   if (owner < 0) return nobody(ChoiceReason::sessionLost);
   if (question.servers[owner].inService)
     return choiceOf(owner, ChoiceReason::sessionOwner);
-  for (const char* buddy = getNextBuddy(question.sessionId, nullptr); buddy;
-       buddy = getNextBuddy(question.sessionId, buddy)) {
-    const std::int32_t position = findBuddy(question, buddy);
-    if (position >= 0) return choiceOf(position, ChoiceReason::sessionBuddy);
-  }
-  return nobody(ChoiceReason::sessionLost);
+  Choice choice = chooseBuddy(question);
+  choice.absentOwner = owner;
+  return choice;
 }
 
 static bool asksForSession(const ChoiceQuestion& question) {
@@ -135,6 +144,7 @@ Choice chooseServer(const ChoiceQuestion& question) {
   if (session.position >= 0) return session;
   Choice choice = runAlgorithm(question);
   choice.sessionBroken = true;
+  choice.absentOwner = session.absentOwner;
   return choice;
 }
 

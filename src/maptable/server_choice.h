@@ -63,7 +63,8 @@ enum class ChoiceReason : std::uint8_t {
 struct Choice {
   std::int32_t position;  // in the list, or -1
   ChoiceReason reason;
-  bool sessionBroken;  // chosen without regard to a session that asked for its own
+  bool sessionBroken;        // chosen without regard to a session that asked for its own
+  std::int32_t absentOwner;  // the session's server, where it is out of service; or -1
 };
 
 // Whether an answer depends on more of the servers than their number and `active`.

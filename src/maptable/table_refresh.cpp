@@ -3,11 +3,13 @@
 #include <cerrno>
 
 #include "context/guards.h"
+#include "context/held_requests.h"
 #include "context/memory.h"
 #include "maptable/awaited_servers.h"
 #include "maptable/membership.h"
 #include "maptable/question_limit.h"
 #include "maptable/server_join.h"
+#include "maptable/table_events.h"
 #include "maptable/table_guard.h"
 #include "proxy/proxy_pool.h"
 #include "proxy/proxy_refresh.h"
@@ -81,6 +83,7 @@ static bool isInService(const vesk_request* req, const proxyList& servers,
 }
 
 void refreshServers(mappingsTable* table, vesk_request* req, std::uint32_t lock) {
+  const HoldsTable holds(req, lock == 0);
   const proxyList snapshot = copyOfServers(table, req, lock);
   const std::int32_t limit = req->conversationLimit;
   const std::int32_t share = shareOfLimit(limit, countOut(snapshot));
@@ -93,6 +96,7 @@ void refreshServers(mappingsTable* table, vesk_request* req, std::uint32_t lock)
   }
   req->conversationLimit = limit;
   admitAwaited(table, req, lock);
+  reportClusterNews(table, req, 0, lock);
 }
 
 void reviveServers(mappingsTable* table, vesk_request* req, std::uint32_t lock) {

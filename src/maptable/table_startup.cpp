@@ -1,12 +1,14 @@
 #include "maptable/table_startup.h"
 
 #include "context/guards.h"
+#include "context/held_requests.h"
 #include "context/vesk_mutex.h"
 #include "maptable/maintenance_queue.h"
 #include "maptable/membership.h"
 #include "maptable/question_limit.h"
 #include "maptable/server_join.h"
 #include "maptable/server_store.h"
+#include "maptable/table_events.h"
 #include "maptable/table_guard.h"
 #include "proxy/proxy_props.h"
 
@@ -82,6 +84,7 @@ static std::int32_t applyBootstrapList(mappingsTable* table, vesk_request* req,
   if (sequence > 0 && !early && list.complete) adoptSequence(table, req, sequence, lock);
   if (list.starved) adoptSequence(table, req, 0, lock);  // the next reply brings it anew
   if (list.joined > 0 && !list.starved) table->bootstrapped = 1;
+  reportClusterNews(table, req, sequence, lock);
   return resultOf(list);
 }
 
@@ -111,7 +114,9 @@ std::int32_t retrieveServersFromBootstrapServer(mappingsTable* table, vesk_reque
 
 std::int32_t loadServersFromStore(mappingsTable* table, vesk_request* req) {
   propertyTable* servers = readStoredServers(table, req);
-  return servers ? addRemoteJvms(table, req, servers, 1) : -1;
+  const std::int32_t joined = servers ? addRemoteJvms(table, req, servers, 1) : -1;
+  reportClusterNews(table, req, 0, 1);
+  return joined;
 }
 
 static bool hasServers(mappingsTable* table, vesk_request* req, std::uint32_t lock) {
@@ -128,6 +133,7 @@ static bool hasServers(mappingsTable* table, vesk_request* req, std::uint32_t lo
 // REQUIRES: initMutex.
 static std::int32_t fillTable(mappingsTable* table, vesk_request* req) {
   if (isFilled(table)) return 0;
+  const HoldsTable holds(req, true);
   const std::uint32_t lock = guarded(req, Guard::stall) ? 1 : 0;
   std::int32_t joined = retrieveServersFromBootstrapServer(table, req, lock);
   if (joined == 0) joined = loadServersFromStore(table, req);
@@ -140,7 +146,9 @@ static std::int32_t fillTable(mappingsTable* table, vesk_request* req) {
 }
 
 std::int32_t initTable(mappingsTable* table, vesk_request* req) {
+  WaitingRequest waiting(req);
   const SyncGuard guard(req, &table->initMutex, &table->initMutexHeld);
+  waiting.pass();
   return fillTable(table, req);
 }
 

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "context/event_text.h"
 #include "context/vesk_request.h"
 #include "patterns/uri_pattern.h"
 #include "properties/vesk_property.h"
@@ -56,6 +57,13 @@ struct mappingBalance {
 struct awaitedServer {
   char name[kProxyNameSize];
   std::int64_t nextAttempt;  // seconds since the epoch
+};
+
+// Who has joined or left since it was told; see table_events.h.
+struct clusterNews {
+  EventText items;
+  std::int64_t sequence;      // of the list that was applied last; 0: none was
+  std::int64_t toldSequence;  // as the last line named it
 };
 
 // Values of tableUse.
@@ -120,6 +128,7 @@ struct mappingsTable {
   // With the guard `stall`; written by veskinit and veskend. Null: requests do the work.
   maintenanceThread* maintenance;
   maintenanceQueue* queue;
+  clusterNews news;  // with the option `events`, under tableMutex
 };
 static_assert(std::is_trivial_v<mappingsTable> &&
               std::is_standard_layout_v<mappingsTable>);
