@@ -12,6 +12,7 @@
 #include <map>
 #include <thread>
 
+#include "context/events.h"
 #include "context/guards.h"
 #include "maptable/table_lifecycle.h"
 #include "playing_servers.h"
@@ -50,12 +51,14 @@ class Sweep : public testing::TestWithParam<const char*> {
       : servers(3), store(testing::TempDir() + "vesk-sweep-" + std::to_string(getpid())) {
     veskMetrics = 1;
     setUp(&t);
+    openEvents(t.req);
     for (std::size_t i = 0; i < 3; ++i)
       servers.answer(i, "server-props", props(kServerProps));
     list(2, 1);
   }
   ~Sweep() override {
     mappingsTableDelete(table, t.req);
+    closeEvents(t.req);
     EXPECT_EQ(t.permBlocks + t.leaks(), 0);
     std::filesystem::remove(store);
     veskMetrics = 0;
