@@ -36,6 +36,7 @@ constexpr OptionRule kRules[] = {
     {"errorurl", OptionKind::url, 0, 0, {}},
     {"ignoresuffixmap", OptionKind::anyTrue, 0, 0, {}},
     {"apialloc", OptionKind::anyTrue, 0, 0, {}},
+    {"events", OptionKind::exactTrue, 0, 0, {}},
     {"metrics", OptionKind::exactTrue, 0, 0, {}},
     {"verbose", OptionKind::exactTrue, 0, 0, {}},
     {"traceflags", OptionKind::hex, 0, 0, {}},

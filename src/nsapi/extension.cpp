@@ -2,6 +2,7 @@
 
 #include <atomic>
 
+#include "context/events.h"
 #include "context/guards.h"
 #include "context/vesk_request.h"
 #include "maptable/maintenance.h"
@@ -67,6 +68,7 @@ int veskinit(pblock* pb, Session* /*sn*/, Request* /*rq*/) {
   readServiceOptions(pb, &options);
   setLogLevel(LOG_WARN);
   readGuardOptions(pb);
+  readEventOption(pb);
   makeTable(&options);
   readErrorUrl(pb);
   startThread(getMappingsTable());
@@ -98,4 +100,5 @@ void veskend(void* /*data*/) {
   setMappingsTable(nullptr);
   if (table) stopMaintenance(table, &globalRequest);
   mappingsTableDelete(table, &globalRequest);
+  closeEvents(&globalRequest);
 }

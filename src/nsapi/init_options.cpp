@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "context/events.h"
 #include "context/guards.h"
 #include "context/sockets.h"
 #include "context/text.h"
@@ -145,6 +146,13 @@ void readGuardOptions(pblock* pb) {
   // Without an end, one server could hold up all that is asked about the others.
   const std::int32_t seconds = readLimit(pb, "maintenancetimeout", 0);
   veskMaintenanceTimeout = seconds > 0 ? seconds : kDefaultMaintenanceTimeout;
+}
+
+void readEventOption(pblock* pb) {
+  vesk_request* req = &globalRequest;
+  if (!isExactlyTrue(pblock_findval("events", pb))) return closeEvents(req);
+  req->trace(req, "events true");
+  openEvents(req);
 }
 
 void readErrorUrl(pblock* pb) {

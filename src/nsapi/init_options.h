@@ -31,5 +31,8 @@ void readServiceOptions(pblock* pb, TableOptions* options);
 // belong to guards. A word that names no guard gets a log line; the others count.
 void readGuardOptions(pblock* pb);
 
+// Switches event lines on or off. The host's log must be ready for lines.
+void readEventOption(pblock* pb);
+
 // Sets errorUrl, and traces it.
 void readErrorUrl(pblock* pb);
