@@ -8,6 +8,7 @@
 #include <iterator>
 
 #include "context/memory.h"
+#include "context/mutex_guard.h"
 #include "context/privacy.h"
 
 constexpr std::int64_t kQuietMillis = 1000;  // between two lines about the same thing
@@ -41,17 +42,6 @@ static EventJournal* journal;
 static std::int32_t waiting;              // reasons for a request to look
 static std::int64_t nextDue = kNeverDue;  // in ticks: no text that is held is due before
 
-struct JournalGuard {
-  JournalGuard() {
-    (void)pthread_mutex_lock(&mutex);
-  }
-  ~JournalGuard() {
-    (void)pthread_mutex_unlock(&mutex);
-  }
-  JournalGuard(const JournalGuard&) = delete;
-  JournalGuard& operator=(const JournalGuard&) = delete;
-};
-
 bool eventsOn() {
   return std::atomic_ref(journal).load(std::memory_order_relaxed) != nullptr;
 }
@@ -84,7 +74,7 @@ static void setDueBy(std::int64_t ticks) {
 void openEvents(vesk_request* req) {
   closeEvents(req);
   auto* fresh = static_cast<EventJournal*>(newPermZeroed(req, sizeof(EventJournal)));
-  const JournalGuard guard;
+  const MutexGuard guard(&mutex);
   setJournal(fresh);
 }
 
@@ -121,7 +111,7 @@ static EventThing* findThing(EventKind kind, const char* subject, std::int64_t t
 }
 
 bool isHeldBack(vesk_request* req, EventKind kind, const char* subject) {
-  const JournalGuard guard;
+  const MutexGuard guard(&mutex);
   if (!journal) return false;
   const std::int64_t ticks = req->ticks(req);
   const EventThing* thing = findThing(kind, subject, ticks);
@@ -192,7 +182,7 @@ void reportEvent(vesk_request* req, EventKind kind, const char* subject,
   shown.length = static_cast<std::int32_t>(std::strlen(shown.text));
   bool now = false;
   {
-    const JournalGuard guard;
+    const MutexGuard guard(&mutex);
     now = admitLine(req, kind, subject, &shown);
   }
   // Behind the mutex: a line may wait for a disk.
@@ -229,7 +219,7 @@ static bool takeLeftOut(vesk_request* req, EventText* line) {
 }
 
 static bool takeLine(vesk_request* req, std::int64_t ticks, EventText* line) {
-  const JournalGuard guard;
+  const MutexGuard guard(&mutex);
   return journal && (takeDue(req, ticks, line) || takeLeftOut(req, line));
 }
 
@@ -256,7 +246,7 @@ void closeEvents(vesk_request* req) {
   if (eventsOn()) writeDue(req, req->ticks(req) + kQuietMillis);
   EventJournal* old = nullptr;
   {
-    const JournalGuard guard;
+    const MutexGuard guard(&mutex);
     old = journal;
     if (old) dropHeld();
     setJournal(nullptr);
@@ -267,7 +257,7 @@ void closeEvents(vesk_request* req) {
 // Under the mutex as a whole: a ring that moves meanwhile would give a line twice, or
 // none.
 std::int32_t copyEvents(veskEvent* events, std::int32_t room) {
-  const JournalGuard guard;
+  const MutexGuard guard(&mutex);
   if (!journal) return 0;
   const std::int64_t kept = std::min<std::int64_t>(journal->written, kJournalSize);
   const std::int64_t count = std::min<std::int64_t>(kept, room);

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "context/mutex_guard.h"
+
 constexpr std::int64_t kLongMillis = 1000;  // from here on a question is told of
 constexpr std::int64_t kMillisPerSecond = 1000;
 constexpr std::int32_t kServerSize = 64;
@@ -28,17 +30,6 @@ struct Question {
 
 static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 static Question question;  // under `mutex`
-
-struct QuestionGuard {
-  QuestionGuard() {
-    (void)pthread_mutex_lock(&mutex);
-  }
-  ~QuestionGuard() {
-    (void)pthread_mutex_unlock(&mutex);
-  }
-  QuestionGuard(const QuestionGuard&) = delete;
-  QuestionGuard& operator=(const QuestionGuard&) = delete;
-};
 
 // Of a copy, without the mutex. A short question is no news, nor one that nobody waits
 // for: both come with every refresh.
@@ -65,7 +56,7 @@ static void forgetLast() {
 // The name is copied, for a server that fails to join is gone with its proxy while its
 // question may still be told of.
 static bool begin(vesk_request* req, const char* server) {
-  const QuestionGuard guard;
+  const MutexGuard guard(&mutex);
   if (question.asked) return false;
   forgetLast();
   question.asked = true;
@@ -80,7 +71,7 @@ static bool begin(vesk_request* req, const char* server) {
 // One that was long stays in sight: who has waited since before it began knows nothing of
 // it yet, and comes through from now on.
 static Question end(vesk_request* req) {
-  const QuestionGuard guard;
+  const MutexGuard guard(&mutex);
   question.asked = false;
   question.until = req->ticks(req);
   question.over = question.until - question.since >= kLongMillis;
@@ -97,7 +88,7 @@ QuestionScope::~QuestionScope() {
 
 // Counts a request in; false where nobody asks.
 static bool holdUp(Question* now) {
-  const QuestionGuard guard;
+  const MutexGuard guard(&mutex);
   if (!question.asked) {
     forgetLast();
     return false;
@@ -116,7 +107,7 @@ bool WaitingRequest::enter(vesk_request* req) {
 }
 
 void WaitingRequest::leave() {
-  const QuestionGuard guard;
+  const MutexGuard guard(&mutex);
   --question.held;
 }
 
@@ -125,7 +116,7 @@ void WaitingRequest::leave() {
 void WaitingRequest::comeLate(vesk_request* req) {
   Question last;
   {
-    const QuestionGuard guard;
+    const MutexGuard guard(&mutex);
     if (!question.over) return;
     ++question.most;
     last = question;

@@ -5,22 +5,11 @@
 
 #include "context/held_requests.h"
 #include "context/memory.h"
+#include "context/mutex_guard.h"
 
 // Between two attempts to fill the table: servers that are down aren't asked more often,
 // however many requests come.
 constexpr std::int64_t kAttemptPause = 1000;
-
-struct QueueGuard {
-  explicit QueueGuard(maintenanceQueue* owner) : queue(owner) {
-    (void)pthread_mutex_lock(&queue->mutex);
-  }
-  ~QueueGuard() {
-    (void)pthread_mutex_unlock(&queue->mutex);
-  }
-  QueueGuard(const QueueGuard&) = delete;
-  QueueGuard& operator=(const QueueGuard&) = delete;
-  maintenanceQueue* queue;
-};
 
 // The waits count by the clock that nobody sets.
 static void initCondition(pthread_cond_t* condition) {
@@ -87,7 +76,7 @@ std::int32_t awaitTable(mappingsTable* table, vesk_request* req) {
   const WaitingRequest waiting(req);
   // Taken before the mutex: the time that it costs to get that counts too.
   const timespec end = momentIn(kMostWait);
-  const QueueGuard guard(queue);
+  const MutexGuard guard(&queue->mutex);
   if (!hasAttempt(queue, req)) return -1;
   wakeThread(queue);
   const std::int64_t before = queue->attempts;
@@ -101,14 +90,14 @@ std::int32_t awaitTable(mappingsTable* table, vesk_request* req) {
 
 // The newest number counts: an older one that waits here is out of date.
 void leaveNews(mappingsTable* table, veskProxy* proxy, std::int32_t sequence) {
-  const QueueGuard guard(table->queue);
+  const MutexGuard guard(&table->queue->mutex);
   table->queue->newsFrom = proxy;
   table->queue->newsSequence = sequence;
   wakeThread(table->queue);
 }
 
 void askForRevival(mappingsTable* table) {
-  const QueueGuard guard(table->queue);
+  const MutexGuard guard(&table->queue->mutex);
   table->queue->revive = true;
   wakeThread(table->queue);
 }
@@ -116,7 +105,7 @@ void askForRevival(mappingsTable* table) {
 MaintenanceWork takeWork(mappingsTable* table, std::int32_t limit) {
   maintenanceQueue* queue = table->queue;
   const timespec end = momentIn(limit);
-  const QueueGuard guard(queue);
+  const MutexGuard guard(&queue->mutex);
   // `woken` is kept in the queue, so that a wake while the thread works isn't lost.
   while (!queue->woken && !queue->stopping &&
          pthread_cond_timedwait(&queue->wake, &queue->mutex, &end) == 0) {
@@ -133,13 +122,13 @@ MaintenanceWork takeWork(mappingsTable* table, std::int32_t limit) {
 }
 
 bool beginAttempt(mappingsTable* table, vesk_request* req) {
-  const QueueGuard guard(table->queue);
+  const MutexGuard guard(&table->queue->mutex);
   table->queue->attempting = req->ticks(req) >= table->queue->nextAttempt;
   return table->queue->attempting;
 }
 
 void endAttempt(mappingsTable* table, vesk_request* req) {
-  const QueueGuard guard(table->queue);
+  const MutexGuard guard(&table->queue->mutex);
   table->queue->attempting = false;
   table->queue->nextAttempt = req->ticks(req) + kAttemptPause;
   ++table->queue->attempts;
@@ -147,14 +136,14 @@ void endAttempt(mappingsTable* table, vesk_request* req) {
 }
 
 void noteFilled(mappingsTable* table) {
-  const QueueGuard guard(table->queue);
+  const MutexGuard guard(&table->queue->mutex);
   setFilled(table);
   (void)pthread_cond_broadcast(&table->queue->concluded);
 }
 
 // Those who wait for the table are let go as well: it won't be filled any more.
 void askToStop(mappingsTable* table) {
-  const QueueGuard guard(table->queue);
+  const MutexGuard guard(&table->queue->mutex);
   table->queue->stopping = true;
   wakeThread(table->queue);
   (void)pthread_cond_broadcast(&table->queue->concluded);
