@@ -16,8 +16,6 @@
 
 namespace host {
 
-constexpr std::int64_t kMilliseconds = 1000;
-
 // The API's records know no const; nobody writes through this one.
 HttpExchange::HttpExchange(ServerState* server, Client* client, const RequestHead& head)
     : server_(server),
@@ -27,8 +25,8 @@ HttpExchange::HttpExchange(ServerState* server, Client* client, const RequestHea
       settings_{client->local.port, const_cast<char*>(server->config->serverName.c_str()),
                 client->local.tls ? 1 : 0},
       body_(client, server->config->limits),
-      patience_{server->config->limits.sendTimeout * kMilliseconds,
-                server->config->limits.minSendRate},
+      patience_{patienceOf(server->config->limits.sendTimeout,
+                           server->config->limits.minSendRate)},
       keepAlive_(head.keepAlive && server->config->limits.keepAliveTimeout > 0 &&
                  !server->stopping) {
   body_.open(head);

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <new>
 
 namespace host {
@@ -92,38 +91,30 @@ std::unique_ptr<Channel> openPlainChannel(int socket) {
   return channel;
 }
 
-static std::int64_t now() {
-  using namespace std::chrono;
-  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
-
 std::int64_t unsentBytes(const Channel& channel) {
   int bytes = 0;
   return ioctl(channel.socket(), SIOCOUTQ, &bytes) == 0 ? bytes : 0;
 }
 
-static bool isOver(const Channel& channel, SendPatience* patience) {
-  constexpr std::int64_t kMilliseconds = 1000;
-  if (patience->leastRate == 0 || patience->waited <= patience->limit) return false;
-  const std::int64_t taken = patience->sent - unsentBytes(channel);
-  const std::int64_t earned = taken * kMilliseconds / patience->leastRate;
-  if (patience->waited <= patience->limit + earned) return false;
-  patience->met = "MinSendRate";
+static bool isTooSlow(const Channel& channel, SendPatience* response) {
+  if (!isOver(response->patience, response->sent - unsentBytes(channel))) return false;
+  response->met = "MinSendRate";
   return true;
 }
 
 // Waits for a client that takes nothing: whether to call again. A wait that a signal
 // ends is begun anew, as is one in which the client has taken something: the system
 // tells of room only when there is much of it.
-static bool waitFor(Channel* channel, SendPatience* patience) {
-  const std::int64_t begin = now();
+static bool waitFor(Channel* channel, SendPatience* response) {
+  Patience* patience = &response->patience;
+  const std::int64_t begin = steadyMillis();
   const std::int64_t unsent = unsentBytes(*channel);
   const int ready = channel->wait(static_cast<int>(patience->limit));
-  patience->waited += now() - begin;
+  patience->waited += steadyMillis() - begin;
   const bool stuck = ready == 0 && unsentBytes(*channel) >= unsent;
-  if (stuck) patience->met = "SendTimeout";
+  if (stuck) response->met = "SendTimeout";
   const bool failed = ready < 0 && errno != EINTR;
-  return !stuck && !failed && !isOver(*channel, patience);
+  return !stuck && !failed && !isTooSlow(*channel, response);
 }
 
 // After a call that gave `result`: whether to call again.

@@ -18,6 +18,8 @@
 #include <span>
 #include <string>
 
+#include "http/patience.h"
+
 namespace host {
 
 // How long a receive that waits briefly may block: its time limit stands in the
@@ -108,9 +110,7 @@ class Channel {
 // What a client is allowed to take its time over, and how much it has taken, for one
 // response. Units: milliseconds, bytes.
 struct SendPatience {
-  std::int64_t limit;         // for it to take something
-  std::int64_t leastRate;     // bytes a second over all waits beyond `limit`; 0: any
-  std::int64_t waited = 0;    // so far
+  Patience patience;
   std::int64_t sent = 0;      // so far
   const char* met = nullptr;  // the option that ended it
 };

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 
 #include "layer/text.h"
@@ -26,13 +25,6 @@ constexpr std::int64_t kSmallChunk = 4 << 10;
 constexpr std::int64_t kMaxFraming = 16;
 constexpr std::int64_t kFreeFraming = 64 << 10;
 
-constexpr std::int64_t kMilliseconds = 1000;
-
-static std::int64_t now() {
-  using namespace std::chrono;
-  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
-
 void RequestBody::open(const RequestHead& head) {
   chunked_ = head.chunked;
   left_ = head.length;
@@ -55,29 +47,21 @@ int RequestBody::refuse(const char* limit) {
   return -1;
 }
 
-// A client that sends a byte every now and then holds a thread for as long as it
-// likes, were there not a rate that it has to keep over all of its pauses.
-bool RequestBody::patienceIsOver(std::int64_t waited, std::int64_t came) {
-  waited_ += waited;
-  if (limits_.minBodyRate == 0) return false;
-  const std::int64_t earned = (taken_ + came) * kMilliseconds / limits_.minBodyRate;
-  return waited_ > limits_.bodyTimeout * kMilliseconds + earned;
-}
-
 // Waits for bytes if none has come. Brief waits count, too: a byte at the end of each
 // would keep no rate at all.
 int RequestBody::receive(char* to, std::size_t size) {
-  const std::int64_t begin = now();
+  const std::int64_t begin = steadyMillis();
   ssize_t count = client_->channel->receive(to, size, Wait::brief);
   while (count < 0) {
     if (errno != EAGAIN && errno != EINTR) return -1;
-    const std::int64_t left = begin + limits_.bodyTimeout * kMilliseconds - now();
+    const std::int64_t left = begin + patience_.limit - steadyMillis();
     if (left <= 0) return refuse("BodyTimeout");
     if (client_->channel->wait(static_cast<int>(left)) == 0) return refuse("BodyTimeout");
     count = client_->channel->receive(to, size, Wait::none);
   }
   received_ += count;
-  if (patienceIsOver(now() - begin, count)) return refuse("MinBodyRate");
+  patience_.waited += steadyMillis() - begin;
+  if (isOver(patience_, taken_ + count)) return refuse("MinBodyRate");
   return static_cast<int>(count);
 }
 

@@ -11,13 +11,17 @@
 
 #include "http/client.h"
 #include "http/limits.h"
+#include "http/patience.h"
 #include "http/request_head.h"
 
 namespace host {
 
 class RequestBody {
  public:
-  RequestBody(Client* client, const Limits& limits) : client_(client), limits_(limits) {}
+  RequestBody(Client* client, const Limits& limits)
+      : client_(client),
+        limits_(limits),
+        patience_(patienceOf(limits.bodyTimeout, limits.minBodyRate)) {}
 
   // Takes the framing that a good head tells. REQUIRES: the head has been taken
   // out of the client's input.
@@ -49,7 +53,6 @@ class RequestBody {
  private:
   [[nodiscard]] int receive(char* to, std::size_t size);
   [[nodiscard]] bool receiveMore();
-  [[nodiscard]] bool patienceIsOver(std::int64_t waited, std::int64_t came);
   [[nodiscard]] int readBytes(char* buffer, std::size_t size);
   [[nodiscard]] int readChunk(char* buffer, std::size_t size);
   [[nodiscard]] std::string_view readLine(std::int64_t most);
@@ -60,10 +63,10 @@ class RequestBody {
 
   Client* client_;
   const Limits& limits_;
+  Patience patience_;
   const char* limitMet_ = nullptr;
   std::int64_t left_ = 0;       // of a counted body or of the open chunk
   std::int64_t taken_ = 0;      // of the body, so far
-  std::int64_t waited_ = 0;     // for it, in milliseconds
   std::int64_t received_ = 0;   // from the client, framing and all
   std::int64_t lineBytes_ = 0;  // of chunks' lines
   bool chunked_ = false;
