@@ -1,0 +1,49 @@
+// What goes to a terminal: texts of strangers made harmless, columns, colours.
+//
+// Threads: one. Failure: none; what can't be written is lost. Units: bytes, but columns
+// are characters.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ctl {
+
+// Bytes of a stranger's text that are shown at most, where nothing else is said.
+constexpr std::size_t kMostShown = 200;
+
+// A text that may come from anywhere: control characters, and all that isn't UTF-8, stand
+// as \xNN, what is too long ends in "...".
+[[nodiscard]] std::string visible(std::string_view text, std::size_t most = kMostShown);
+
+enum class Colour { plain, good, warning, bad, faint };
+
+// A text in a colour, where standard output is a terminal and NO_COLOR isn't set; else
+// the text itself.
+[[nodiscard]] std::string inColour(Colour colour, const std::string& text);
+
+struct Cell {
+  std::string text;  // harmless
+  Colour colour = Colour::plain;
+};
+
+// Rows of cells below each other. The last cell of a row may be of any length, and counts
+// for no column's width.
+class Table {
+ public:
+  void add(std::vector<Cell> row) {
+    rows.push_back(std::move(row));
+  }
+  [[nodiscard]] std::string text() const;
+
+ private:
+  std::vector<std::vector<Cell>> rows;
+};
+
+// To standard output.
+void print(std::string_view text);
+// A line of its own on standard error, behind the program's name.
+void complain(const std::string& text);
+
+}  // namespace ctl
