@@ -37,4 +37,8 @@ struct Invocation {
   int exitStatus = kExitFine;
 };
 
+// The commands.
+void addPing(CLI::App& app, Invocation& invocation);
+void addProps(CLI::App& app, Invocation& invocation);
+
 }  // namespace ctl

@@ -15,7 +15,10 @@ static void describeProgram(CLI::App& app, Invocation& invocation) {
   app.fallthrough();
 }
 
-static void addCommands(CLI::App& /*app*/, Invocation& /*invocation*/) {}
+static void addCommands(CLI::App& app, Invocation& invocation) {
+  addPing(app, invocation);
+  addProps(app, invocation);
+}
 
 int runCommandLine(int argc, const char* const* argv) {
   CLI::App app("Asks Vesk servers and looks at settings, without a web server",

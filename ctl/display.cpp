@@ -3,26 +3,61 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 namespace ctl {
 
-// The length of the UTF-8 character at the begin of a text; 0 where there is none, or one
-// that a terminal would act upon.
-static std::size_t characterLength(std::string_view text) {
+// One character in UTF-8, as its bytes tell it.
+struct Character {
+  std::size_t length;  // bytes; 0: no character
+  std::uint32_t code;
+};
+
+static std::size_t lengthByLead(unsigned char lead) {
+  if (lead < 0x80) return 1;
+  if (lead < 0xC2 || lead > 0xF4) return 0;
+  return lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+}
+
+static Character decode(std::string_view text) {
+  constexpr std::uint32_t kLeadMasks[] = {0, 0x7F, 0x1F, 0x0F, 0x07};
+  constexpr std::uint32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
   const auto lead = static_cast<unsigned char>(text[0]);
-  if (lead < 0x80) return lead >= ' ' && lead != 0x7F ? 1 : 0;
-  const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
-  if (lead < 0xC2 || lead > 0xF4 || text.size() < length) return 0;
-  for (const char c : text.substr(1, length - 1))
-    if ((static_cast<unsigned char>(c) & 0xC0U) != 0x80) return 0;
-  // The second half of Latin-1's control characters, and the marks that turn the
-  // direction of writing.
-  const auto second = static_cast<unsigned char>(text[1]);
-  if (lead == 0xC2 && second < 0xA0) return 0;
-  const bool punctuation = lead == 0xE2 && (second == 0x80 || second == 0x81);
-  return punctuation ? 0 : length;
+  const std::size_t length = lengthByLead(lead);
+  if (text.size() < length) return {0, 0};
+  std::uint32_t code = lead & kLeadMasks[length];
+  for (std::size_t i = 1; i < length; ++i) {
+    const auto next = static_cast<unsigned char>(text[i]);
+    if ((next & 0xC0U) != 0x80) return {0, 0};
+    code = code << 6U | (next & 0x3FU);
+  }
+  return {code >= kLeast[length] ? length : 0, code};
+}
+
+struct CodeRange {
+  std::uint32_t first;
+  std::uint32_t last;
+};
+
+// What a terminal acts upon, or what makes a text look like another one: control
+// characters, those without width, those that turn the direction of writing, and halves
+// of pairs.
+constexpr CodeRange kHarmful[] = {
+    {0, 0x1F},        {0x7F, 0x9F},       {0xAD, 0xAD},          {0x200B, 0x200F},
+    {0x2028, 0x202E}, {0x2060, 0x206F},   {0xD800, 0xDFFF},      {0xFEFF, 0xFEFF},
+    {0xFFF9, 0xFFFB}, {0xE0000, 0xE0FFF}, {0x110000, UINT32_MAX}};
+
+// The length of the character at the begin of a text; 0 where none can be shown.
+static std::size_t characterLength(std::string_view text) {
+  const Character character = decode(text);
+  const bool harmful = std::any_of(
+      std::begin(kHarmful), std::end(kHarmful), [character](const CodeRange& range) {
+        return character.code >= range.first && character.code <= range.last;
+      });
+  return harmful ? 0 : character.length;
 }
 
 static void appendEscaped(std::string& out, char c) {
@@ -31,15 +66,37 @@ static void appendEscaped(std::string& out, char c) {
   out += code;
 }
 
+// Takes one character off a text.
+static void appendVisible(std::string& out, std::string_view& text) {
+  const std::size_t length = characterLength(text);
+  if (length == 0) appendEscaped(out, text[0]);
+  out += text.substr(0, length);
+  text.remove_prefix(std::max<std::size_t>(length, 1));
+}
+
 std::string visible(std::string_view text, std::size_t most) {
   std::string out;
-  while (!text.empty() && out.size() < most) {
-    const std::size_t length = characterLength(text);
-    if (length == 0) appendEscaped(out, text[0]);
-    out += text.substr(0, length);
-    text.remove_prefix(std::max<std::size_t>(length, 1));
-  }
+  while (!text.empty() && out.size() < most) appendVisible(out, text);
   if (!text.empty()) out += "...";
+  return out;
+}
+
+// Whether a text may be the begin of a character and nothing more.
+static bool isCutCharacter(std::string_view text) {
+  return text.size() < lengthByLead(static_cast<unsigned char>(text[0]));
+}
+
+std::string VisibleStream::pass(std::string_view part) {
+  const std::string all = rest + std::string(part);
+  std::string_view left = all;
+  std::string out;
+  while (!left.empty() && !isCutCharacter(left)) {
+    const bool layout = left[0] == '\n' || left[0] == '\t';
+    if (layout) out += left[0];
+    if (layout) left.remove_prefix(1);
+    if (!layout) appendVisible(out, left);
+  }
+  rest = left;
   return out;
 }
 

@@ -17,6 +17,16 @@ constexpr std::size_t kMostShown = 200;
 // as \xNN, what is too long ends in "...".
 [[nodiscard]] std::string visible(std::string_view text, std::size_t most = kMostShown);
 
+// As `visible`, for a text of many lines that comes in parts: line ends and tabs stay,
+// and nothing is too long.
+class VisibleStream {
+ public:
+  [[nodiscard]] std::string pass(std::string_view part);
+
+ private:
+  std::string rest;  // the begin of a character whose end may come
+};
+
 enum class Colour { plain, good, warning, bad, faint };
 
 // A text in a colour, where standard output is a terminal and NO_COLOR isn't set; else

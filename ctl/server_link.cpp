@@ -92,16 +92,15 @@ SetAnswer ServerLink::ask(const std::string& set) {
     answer.failure = "no memory";
     return answer;
   }
-  request.forgetNotes();
-  // What failed before must not keep this question from its connect.
-  req->lastError = 0;
+  request.restart();
   std::int32_t sequence = -1;
   const std::int64_t begin = monotonicMicros();
   propertyTable* table = proxy->fetchProps(req, proxy, set.c_str(), &sequence);
   answer.millis = static_cast<double>(monotonicMicros() - begin) / kMicrosPerMilli -
                   request.seen().connectMillis;
   if (!table) {
-    answer.failure = whyFailed();
+    // The connection is kept when the server has finished, if with nothing said.
+    answer.failure = proxy->pool->freeConnections ? "has no such set" : whyFailed();
     return answer;
   }
   answer.pairs = pairsOf(*table);
@@ -139,14 +138,15 @@ static std::string whyUnanswered(const vesk_request& req, const LineNotes& notes
   if (req.lastError == ETIMEDOUT && notes.received == 0)
     return "took the connection and sent no answer in " + limit;
   if (req.lastError == ETIMEDOUT) return "its answer had no end in " + limit;
-  if (notes.tooLarge) return "announced a text too large to be one";
+  if (notes.tooLarge || req.lastError == ENOBUFS)
+    return "announced a text too large to be one";
   if (req.lastError == EVESK_BUSY) return "busy";
   if (notes.received == 0) return "took the connection and closed it without an answer";
-  if (req.lastError == 0 && notes.lastLog.empty()) return "has no such set";
   if (req.lastError == ECONNRESET || req.lastError == EPIPE)
     return "closed the connection in the middle of its answer";
-  if (notes.lastLog.empty()) return visible(describeFailure(req.lastError));
-  return "broke the protocol: " + visible(notes.lastLog);
+  if (req.lastError > 0) return visible(describeFailure(req.lastError));
+  const std::string& line = notes.firstLog;
+  return line.empty() ? "broke the protocol" : "broke the protocol: " + visible(line);
 }
 
 std::string ServerLink::whyFailed() {
@@ -154,13 +154,13 @@ std::string ServerLink::whyFailed() {
   const LineNotes& notes = request.seen();
   if (!proxy) return "no memory";
   if (notes.connecting && !notes.connected) return whyUnconnected(req);
-  if (notes.received == 0) {
-    // A server of another protocol may wait for words that it knows.
-    const std::string other = judgeFirstBytes(greetAsBrowser(
-        proxy->pool->address, std::min(kMillisPerSecond, req.recvTimeout)));
-    return other.empty() ? whyUnanswered(req, notes) : other;
-  }
-  const std::string other = judgeFirstBytes(notes.firstBytes);
+  // A server of another protocol may wait for words that it knows.
+  constexpr std::int32_t kPatience = 500;
+  const std::string bytes =
+      notes.received != 0
+          ? notes.firstBytes
+          : tryOtherProtocols(proxy->pool->address, std::min(kPatience, req.recvTimeout));
+  const std::string other = judgeFirstBytes(bytes);
   return other.empty() ? whyUnanswered(req, notes) : other;
 }
 

@@ -15,8 +15,9 @@ namespace ctl {
 // when they may be a Vesk server's.
 [[nodiscard]] std::string judgeFirstBytes(std::string_view bytes);
 
-// Says a browser's word to a listener that was silent when it was addressed as a Vesk
-// server, and gives the first bytes that come within the limit, if any do.
-[[nodiscard]] std::string greetAsBrowser(const sockaddr_in& address, std::int32_t limit);
+// Addresses a listener in other protocols, once it was silent when it was addressed as a
+// Vesk server: the first bytes that come, or nothing. Each protocol gets so long.
+[[nodiscard]] std::string tryOtherProtocols(const sockaddr_in& address,
+                                            std::int32_t limit);
 
 }  // namespace ctl

@@ -13,6 +13,7 @@
 #include "context/request_setup.h"
 #include "context/sockets.h"
 #include "ctl/display.h"
+#include "proxy/replay.h"
 
 namespace ctl {
 
@@ -116,13 +117,20 @@ struct ToolOperations {
     return line;
   }
 
+  // Of what is logged when a page can't be served, the line in place of an error page
+  // tells nothing that the error doesn't.
+  static void noteLog(ToolRequest& tool, const std::string& line) {
+    const bool instead = line.find("deferred error") != std::string::npos;
+    if (tool.notes.firstLog.empty() && !instead) tool.notes.firstLog = line;
+    if (tool.isVerbose) complain(visible(line, kLineSize));
+  }
+
   [[gnu::format(printf, 2, 3)]] static void log(vesk_request* req, const char* format,
                                                 ...) {
     va_list args;
     va_start(args, format);
-    toolOf(req).notes.lastLog = lineOf(format, args);
+    noteLog(toolOf(req), lineOf(format, args));
     va_end(args);
-    if (toolOf(req).verbose) complain(visible(toolOf(req).notes.lastLog, kLineSize));
   }
 
   [[gnu::format(printf, 2, 3)]] static void trace(vesk_request* /*req*/,
@@ -158,23 +166,36 @@ struct ToolOperations {
   }
 };
 
-ToolRequest::ToolRequest(const Limits& limits, bool isVerbose) : verbose(isVerbose) {
-  init_vesk_request(&req);
-  req.rq = this;
-  ToolOperations::install(&req, verbose);
-  req.connectTimeout = limits.connect;
-  req.sendTimeout = limits.conversation;
-  req.recvTimeout = limits.conversation;
-  req.conversationLimit = limits.conversation;
-  req.guards = kAllGuards;
+ToolRequest::ToolRequest(const Limits& limits, bool verbose) : isVerbose(verbose) {
+  init_vesk_request(&ownRecord);
+  ownRecord.rq = this;
+  ToolOperations::install(&ownRecord, verbose);
+  ownRecord.connectTimeout = limits.connect;
+  ownRecord.sendTimeout = limits.conversation;
+  ownRecord.recvTimeout = limits.conversation;
+  ownRecord.conversationLimit = limits.conversation;
+  ownRecord.guards = kAllGuards;
   // The tool tells in its own words what failed; no error page passes for a server's.
-  req.deferError = 1;
+  ownRecord.deferError = 1;
 }
 
 ToolRequest::~ToolRequest() {
-  req.freeAttributes(&req);
-  req.freeAttributeNames(&req);
-  releaseKeptBlocks(&req);
+  restart();
+}
+
+void ToolRequest::restart() {
+  ownRecord.freeAttributes(&ownRecord);
+  ownRecord.freeAttributeNames(&ownRecord);
+  releaseKeptBlocks(&ownRecord);
+  endReplay(&ownRecord);
+  ownRecord.replay = {};
+  // What failed before must not keep the next conversation from its connect.
+  ownRecord.lastError = 0;
+  ownRecord.responseStarted = 0;
+  ownRecord.clientWriteFailures = 0;
+  bodyRead = 0;
+  ownRecord.hasPostData = body.empty() ? 0 : 1;
+  notes = {};
 }
 
 static std::string inLowerCase(std::string text) {
@@ -198,10 +219,10 @@ void ToolRequest::setTarget(const std::string& newMethod, const std::string& tar
   }
   headerNames.push_back(nullptr);
   headerValues.push_back(nullptr);
-  req.method = method.c_str();
-  req.uri = uri.c_str();
-  req.headerNames = headerNames.data();
-  req.headerValues = headerValues.data();
+  ownRecord.method = method.c_str();
+  ownRecord.uri = uri.c_str();
+  ownRecord.headerNames = headerNames.data();
+  ownRecord.headerValues = headerValues.data();
   setVariable("REQUEST_METHOD", method);
   setVariable("SCRIPT_NAME", uri);
   setVariable("QUERY_STRING", mark < target.size() ? target.substr(mark + 1) : "");
@@ -210,8 +231,7 @@ void ToolRequest::setTarget(const std::string& newMethod, const std::string& tar
 
 void ToolRequest::setBody(std::string bytes) {
   body = std::move(bytes);
-  bodyRead = 0;
-  req.hasPostData = body.empty() ? 0 : 1;
+  restart();
 }
 
 void ToolRequest::setVariable(const std::string& name, const std::string& value) {

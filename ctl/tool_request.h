@@ -26,7 +26,7 @@ struct Limits {
   std::int32_t conversation = 5000;
 };
 
-// What was seen on the line since the last call of forgetNotes.
+// What was seen on the line since the last call of restart.
 struct LineNotes {
   bool connecting = false;  // a connect was tried
   bool connected = false;   // one was made
@@ -34,7 +34,7 @@ struct LineNotes {
   std::string firstBytes;     // that came, a few
   std::int64_t received = 0;  // bytes
   bool tooLarge = false;      // the server announced more than anybody should hold
-  std::string lastLog;        // the connector's last log line
+  std::string firstLog;       // the connector's first log line: where it went wrong
 };
 
 using Headers = std::vector<std::pair<std::string, std::string>>;
@@ -47,7 +47,7 @@ class ToolRequest {
   ToolRequest& operator=(const ToolRequest&) = delete;
 
   [[nodiscard]] vesk_request* record() {
-    return &req;
+    return &ownRecord;
   }
 
   // Makes it a request for a page: path and query in one text, as a browser sends it.
@@ -59,9 +59,9 @@ class ToolRequest {
   // One of the variables that a server may ask for, such as "REMOTE_ADDR".
   void setVariable(const std::string& name, const std::string& value);
 
-  void forgetNotes() {
-    notes = {};
-  }
+  // Makes it as new for another conversation: what the last one has left behind goes,
+  // notes included. The request and its body stay, from the first byte.
+  void restart();
   [[nodiscard]] const LineNotes& seen() const {
     return notes;
   }
@@ -78,8 +78,8 @@ class ToolRequest {
   friend struct ToolOperations;  // of the record; they find the object through it
   [[nodiscard]] const char* findHeader(const char* name) const;
 
-  vesk_request req;
-  bool verbose;
+  vesk_request ownRecord;
+  bool isVerbose;
   LineNotes notes;
   std::string method = "GET";
   std::string uri;

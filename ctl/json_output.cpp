@@ -1,0 +1,29 @@
+#include "ctl/json_output.h"
+
+#include <cmath>
+
+#include "ctl/display.h"
+
+namespace ctl {
+
+void printJson(const Json& value) {
+  constexpr int kIndent = 2;
+  print(value.dump(kIndent, ' ', /*ensure_ascii=*/false, Json::error_handler_t::replace));
+  print("\n");
+}
+
+Json textOrNull(const std::string& text) {
+  try {
+    (void)Json(text).dump();
+    return text;
+  } catch (const Json::type_error&) {
+    return nullptr;
+  }
+}
+
+double roundedMillis(double millis) {
+  constexpr double kParts = 1000.0;
+  return std::round(millis * kParts) / kParts;
+}
+
+}  // namespace ctl
