@@ -18,6 +18,7 @@ static void describeProgram(CLI::App& app, Invocation& invocation) {
 static void addCommands(CLI::App& app, Invocation& invocation) {
   addPing(app, invocation);
   addProps(app, invocation);
+  addGet(app, invocation);
 }
 
 int runCommandLine(int argc, const char* const* argv) {
