@@ -34,7 +34,7 @@ static void traceFinding(vesk_request* req, const uriPattern& pattern,
     case PatternMatch::parametersIgnored:
       req->trace(req, "filterRequest: ignoring extension match after \";\"");
       break;
-    case PatternMatch::no:
+    default:
       break;
   }
 }
@@ -49,7 +49,7 @@ static std::int32_t firstMatch(const mappingsTable* table, vesk_request* req,
                            static_cast<std::size_t>(table->mappings->count));
   for (std::int32_t from = 0; from < table->mappings->count;) {
     const PatternFinding found = nextFinding(patterns, from, subject);
-    if (found.match == PatternMatch::no) break;
+    if (found.index == table->mappings->count) break;
     traceFinding(req, table->patterns[found.index], found.match);
     if (found.match == PatternMatch::matched) return found.index;
     from = found.index + 1;

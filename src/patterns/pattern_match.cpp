@@ -27,12 +27,20 @@ static bool containsFits(const uriPattern& pattern, const MatchSubject& subject)
          subject.strippedPath.find(tail, from) != kNowhere;
 }
 
-static bool textFits(const uriPattern& pattern, const MatchSubject& subject) {
+static bool tailFits(const uriPattern& pattern, const MatchSubject& subject) {
   if (pattern.contains) return containsFits(pattern, subject);
   const std::string_view tail = tailOf(pattern);
-  return subject.uri.starts_with(prefixOf(pattern)) &&
-         (subject.uri.ends_with(tail) || subject.strippedPath.ends_with(tail)) &&
-         hostFits(pattern, subject);
+  return subject.uri.ends_with(tail) || subject.strippedPath.ends_with(tail);
+}
+
+// Whether the URI ends with the prefix, or goes on as a path below it does.
+static bool boundaryFits(const uriPattern& pattern, const MatchSubject& subject) {
+  const auto length = static_cast<std::size_t>(pattern.prefixLength);
+  return length >= subject.uri.size() || isBoundary(subject.uri[length]);
+}
+
+static bool isIgnored(const uriPattern& pattern, const MatchSubject& subject) {
+  return subject.ignoreSuffix && pattern.isSuffix;
 }
 
 // Whether the tail stands in the URI only behind its last ';', so that nothing but
@@ -45,32 +53,44 @@ static bool onlyInParameters(const uriPattern& pattern, const MatchSubject& subj
   return found != kNowhere && found == subject.uri.find(tail);
 }
 
-// Whether lengths and single bytes rule a match out. Most patterns of a long table
-// end here, before any text of theirs is fetched; what is ruled out here would fail
-// one of the full tests as well, and none of those tells why.
-static bool isRuledOut(const uriPattern& pattern, const MatchSubject& subject) {
-  const auto length = static_cast<std::size_t>(pattern.prefixLength);
-  const std::string_view uri = subject.uri;
-  if (length < uri.size() && !isBoundary(uri[length])) return true;
-  if (pattern.contains || length == 0) return false;
-  return length > uri.size() || uri[length - 1] != pattern.prefixEnd;
-}
-
+// All conditions must hold, so their order decides about the reason alone. It is the one
+// in which a pattern is read: who asks why "/shop" doesn't take "/help" wants to hear of
+// the prefix.
 PatternMatch matchPattern(const uriPattern& pattern, const MatchSubject& subject) {
-  if (subject.ignoreSuffix && pattern.isSuffix) return PatternMatch::suffixIgnored;
-  if (isRuledOut(pattern, subject)) return PatternMatch::no;
-  if (!textFits(pattern, subject)) return PatternMatch::no;
+  if (isIgnored(pattern, subject)) return PatternMatch::suffixIgnored;
+  if (!pattern.contains) {
+    if (!hostFits(pattern, subject)) return PatternMatch::otherHost;
+    if (!subject.uri.starts_with(prefixOf(pattern))) return PatternMatch::otherPrefix;
+  }
+  if (!boundaryFits(pattern, subject)) return PatternMatch::noBoundary;
+  if (!tailFits(pattern, subject)) return PatternMatch::otherTail;
   if (onlyInParameters(pattern, subject)) return PatternMatch::parametersIgnored;
   return PatternMatch::matched;
+}
+
+bool isPlainMiss(PatternMatch match) {
+  return match < PatternMatch::suffixIgnored;
+}
+
+// Whether lengths and single bytes make a pattern a plain miss. Most patterns of a long
+// table end here, before any text of theirs is fetched; what is ruled out here would fail
+// one of the full tests as well.
+static bool isRuledOut(const uriPattern& pattern, const MatchSubject& subject) {
+  if (isIgnored(pattern, subject)) return false;
+  if (!boundaryFits(pattern, subject)) return true;
+  const auto length = static_cast<std::size_t>(pattern.prefixLength);
+  if (pattern.contains || length == 0) return false;
+  return length > subject.uri.size() || subject.uri[length - 1] != pattern.prefixEnd;
 }
 
 PatternFinding nextFinding(std::span<const uriPattern> patterns, std::int32_t from,
                            const MatchSubject& subject) {
   const auto count = static_cast<std::int32_t>(patterns.size());
   for (std::int32_t i = from; i < count; ++i) {
-    const PatternMatch match =
-        matchPattern(patterns[static_cast<std::size_t>(i)], subject);
-    if (match != PatternMatch::no) return {.index = i, .match = match};
+    const uriPattern& pattern = patterns[static_cast<std::size_t>(i)];
+    if (isRuledOut(pattern, subject)) continue;
+    const PatternMatch match = matchPattern(pattern, subject);
+    if (!isPlainMiss(match)) return {.index = i, .match = match};
   }
-  return {.index = count, .match = PatternMatch::no};
+  return {.index = count, .match = PatternMatch::otherPrefix};
 }
