@@ -9,7 +9,6 @@
 #include "context/text.h"
 #include "context/vesk_mutex.h"
 #include "maptable/table_refresh.h"
-#include "patterns/pattern_match.h"
 
 constexpr std::int32_t kNoMapping = -1;
 
@@ -57,11 +56,15 @@ static std::int32_t firstMatch(const mappingsTable* table, vesk_request* req,
   return kNoMapping;
 }
 
-// The subject's views point at the request's texts, at `stripped` and at `host`; the last
-// two may be null. A path whose copy found no memory counts with its parameters: that may
-// miss a suffix, and declines a request rather than misroute it.
-static MatchSubject makeSubject(const vesk_request* req, const char* path,
-                                const char* stripped, const char* host) {
+const char* pathOf(const vesk_request* req) {
+  return orElse(req->path ? req->path : req->uri, "");
+}
+
+// A path whose copy found no memory counts with its parameters: that may miss a suffix,
+// and declines a request rather than misroute it.
+MatchSubject makeSubject(const vesk_request* req, const char* stripped,
+                         const char* host) {
+  const char* path = pathOf(req);
   MatchSubject subject{};
   if (req->uri) subject.uri = req->uri;
   subject.strippedPath = stripped ? stripped : path;
@@ -89,7 +92,6 @@ static std::int32_t filterLocked(mappingsTable* table, vesk_request* req,
 
 // A request to be matched, with what of it is the web server's.
 struct FilterQuestion {
-  const char* path;
   const char* stripped;  // null: the path has no parameters
   const char* host;
   bool hostKnown;  // `host` has been asked for, and is null only where there is none
@@ -100,8 +102,7 @@ struct FilterQuestion {
 // come first in matching order.
 static bool tryFilter(mappingsTable* table, vesk_request* req,
                       const FilterQuestion& question, std::int32_t* index) {
-  MatchSubject subject =
-      makeSubject(req, question.path, question.stripped, question.host);
+  MatchSubject subject = makeSubject(req, question.stripped, question.host);
   WaitingRequest waiting(req);
   const SyncGuard guard(req, &table->tableMutex, &table->tableMutexHeld);
   waiting.pass();
@@ -120,10 +121,8 @@ static void fetchHost(vesk_request* req, FilterQuestion* question) {
 
 std::int32_t filterRequest(mappingsTable* table, vesk_request* req,
                            std::uint32_t honourIgnoreSuffix) {
-  const char* path = req->path ? req->path : req->uri;
-  if (!path) path = "";
-  const RequestBlock stripped{req, removePathParms(req, path)};
-  FilterQuestion question = {path, stripped.bytes, nullptr, false, honourIgnoreSuffix};
+  const RequestBlock stripped{req, removePathParms(req, pathOf(req))};
+  FilterQuestion question = {stripped.bytes, nullptr, false, honourIgnoreSuffix};
   // A refresh within, which only a table without a thread makes, may bring the first
   // mapping that is for one host.
   if (isTraced(req) || !table->queue) fetchHost(req, &question);

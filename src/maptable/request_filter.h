@@ -11,6 +11,7 @@
 #pragma once
 
 #include "maptable/vesk_maptable_impl.h"
+#include "patterns/pattern_match.h"
 
 // Index of the mapping that a request belongs to, or -1; writes nothing into the
 // request. With `honourIgnoreSuffix` 0 the table's ignoreSuffix plays no part. A
@@ -25,3 +26,12 @@ std::uint32_t ignoreSuffixMap(mappingsTable* table, vesk_request* req,
 // A copy of what stands before the first ';', from the request's malloc; null
 // when there is no ';' or no memory.
 [[nodiscard]] char* removePathParms(vesk_request* req, const char* text);
+
+// What patterns are tested against, but for ignoreSuffix. The views point at the
+// request's texts, at `stripped`, which is what removePathParms makes of pathOf, and at
+// `host`; both may be null.
+[[nodiscard]] MatchSubject makeSubject(const vesk_request* req, const char* stripped,
+                                       const char* host);
+
+// The path that counts for a request: never null.
+[[nodiscard]] const char* pathOf(const vesk_request* req);

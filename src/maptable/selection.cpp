@@ -1,31 +1,22 @@
 #include "maptable/selection.h"
 
-#include <algorithm>
 #include <cstdlib>
 
 #include "context/memory.h"
 #include "context/privacy.h"
-#include "maptable/server_choice.h"
+#include "maptable/choice_question.h"
 #include "proxy/server_events.h"
 
-// A server sends 32 bits; the bound keeps the sum of a full list below 2^62,
-// which is what two draws of `rand` reach together.
-constexpr std::int64_t kMaxCountedWeight = std::int64_t{1} << 54;
 constexpr std::uint64_t kDraws = std::uint64_t{RAND_MAX} + 1;
 
-// Each weight is read once: a server may change it at any moment, and what is
-// drawn from must agree with its sum.
-static void sumWeights(const proxyList* list, mappingBalance* balance) {
-  std::int64_t sum = 0;
-  for (std::int32_t i = 0; i < kMaxProxies; ++i) {
-    if (i < list->count && list->active[i] != 0)
-      sum += std::clamp(getProxyWeight(list->proxies[i]), std::int64_t{0},
-                        kMaxCountedWeight);
-    balance->weightSlots[i] = static_cast<std::uint64_t>(sum);
-  }
-  balance->totalWeight = sum;
+static void sumListWeights(const proxyList* list, mappingBalance* balance) {
+  ServerState servers[kMaxProxies];
+  readServers(list, nullptr, servers);
+  ChoiceQuestion question = questionOf(list, balance, nullptr);
+  question.servers = servers;
+  balance->totalWeight = sumWeights(question, balance->weightSlots);
   // Nothing to draw from is looked at again: a load value may change it.
-  balance->slotsStale = sum > 0 ? 0 : 1;
+  balance->slotsStale = balance->totalWeight > 0 ? 0 : 1;
 }
 
 // Each entry owns as many numbers as its weight, in order of the list. What is
@@ -38,7 +29,7 @@ static bool buildWeightSlots(vesk_request* req, const proxyList* list,
     balance->weightSlots = static_cast<std::uint64_t*>(newPermBlock(req, kSize));
   }
   if (!balance->weightSlots) return false;
-  sumWeights(list, balance);
+  sumListWeights(list, balance);
   return true;
 }
 
@@ -48,33 +39,6 @@ static std::int64_t drawBelow(std::int64_t total) {
   auto drawn = static_cast<std::uint64_t>(std::rand());
   if (bound > kDraws) drawn = drawn * kDraws + static_cast<std::uint64_t>(std::rand());
   return static_cast<std::int64_t>(drawn % bound);
-}
-
-// What the servers are like at this moment, each value read once: a server changes its
-// weight, and the pool its state, without the lock. `failed` may be null.
-static void readServers(const proxyList* list, const failedList* failed,
-                        ServerState* servers) {
-  for (std::int32_t i = 0; i < list->count; ++i) {
-    const veskProxy* proxy = list->proxies[i];
-    servers[i] = {.weight = getProxyWeight(proxy),
-                  .replicationId = proxy->balance->replicationId,
-                  .inService = isProxyActive(proxy),
-                  .failed = failed && hasFailed(*failed, proxy)};
-  }
-}
-
-// The question that a mapping and a request put. The servers are not read yet.
-static ChoiceQuestion questionOf(const proxyList* list, const mappingBalance* balance,
-                                 const vesk_request* req) {
-  return {.count = list->count,
-          .active = list->active,
-          .servers = nullptr,
-          .algorithm = balance->algorithm,
-          .sticky = balance->sticky != 0,
-          .cursor = balance->cursor,
-          .weightSums = balance->weightSlots,
-          .drawn = kNotDrawn,
-          .sessionId = req->sessionId};
 }
 
 // Told before weights are summed: that may write a line of its own, about memory, and
@@ -112,7 +76,7 @@ static void countMovedSession(const vesk_request* req, const proxyList* list,
 }
 
 static Choice choose(vesk_request* req, const proxyList* list, mappingBalance* balance) {
-  ChoiceQuestion question = questionOf(list, balance, req);
+  ChoiceQuestion question = questionOf(list, balance, req->sessionId);
   ServerState servers[kMaxProxies];
   if (readsServers(question)) {
     readServers(list, nullptr, servers);

@@ -10,6 +10,9 @@ constexpr std::int32_t kNobody = -1;
 // MIN takes nothing from here on, MAX nothing up to its own bound.
 constexpr std::int64_t kMinBound = 0x7fffffff;
 constexpr std::int64_t kMaxBound = 0;
+// A server sends 32 bits; the bound keeps the sum of a full list below 2^62, which is
+// what two draws of `rand` reach together.
+constexpr std::int64_t kMaxCountedWeight = std::int64_t{1} << 54;
 
 static Choice choiceOf(std::int32_t position, ChoiceReason reason) {
   return {.position = position,
@@ -48,6 +51,16 @@ static Choice extremeWeight(const ChoiceQuestion& question, std::int64_t bound,
   if (best < 0) return nobody(ChoiceReason::noneEligible);
   return choiceOf(best,
                   sign < 0 ? ChoiceReason::smallestWeight : ChoiceReason::largestWeight);
+}
+
+std::int64_t sumWeights(const ChoiceQuestion& question, std::uint64_t* sums) {
+  std::int64_t sum = 0;
+  for (std::int32_t i = 0; i < question.count; ++i) {
+    if (question.active[i] != 0)
+      sum += std::clamp(question.servers[i].weight, std::int64_t{0}, kMaxCountedWeight);
+    sums[i] = static_cast<std::uint64_t>(sum);
+  }
+  return sum;
 }
 
 // Each position owns as many numbers as its weight. `active` isn't asked again: the sums

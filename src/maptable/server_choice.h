@@ -70,6 +70,11 @@ struct Choice {
 // Whether an answer depends on more of the servers than their number and `active`.
 [[nodiscard]] bool readsServers(const ChoiceQuestion& question);
 
+// The sums that RANDOM_WEIGHTED draws by, into `sums` with room for the whole list: the
+// last of them. Only active entries count, each with its weight from 0 up.
+[[nodiscard]] std::int64_t sumWeights(const ChoiceQuestion& question,
+                                      std::uint64_t* sums);
+
 // The server for an attempt: the only one, the session's, or the algorithm's.
 [[nodiscard]] Choice chooseServer(const ChoiceQuestion& question);
 
