@@ -31,6 +31,14 @@ const char* shownSession(const vesk_request* req, const char* id, char* buffer) 
   return buffer;
 }
 
+void shortenSession(const char* id, char* buffer) {
+  const std::size_t length = std::strcspn(id, "; ,");
+  const bool cut = length > kShownCharacters;
+  (void)std::snprintf(buffer, kShownSessionSize, "%.*s%s",
+                      cut ? kShownCharacters : static_cast<int>(length), id,
+                      cut ? kCutMark : "");
+}
+
 // Nothing of it, not even its begin: a password may be no longer than what would be
 // shown.
 const char* shownValue(const vesk_request* req, const char* name, const char* value) {

@@ -15,6 +15,10 @@ constexpr int kShownSessionSize = 12;
 [[nodiscard]] const char* shownSession(const vesk_request* req, const char* id,
                                        char* buffer);
 
+// The same for a page or a tool, whatever the guard says; of what stands behind the id in
+// a cookie header nothing is shown.
+void shortenSession(const char* id, char* buffer);
+
 // The value of a header as a log line shows it: itself, or "***" where it would let its
 // reader act as the browser's user. Names count in any spelling.
 [[nodiscard]] const char* shownValue(const vesk_request* req, const char* name,

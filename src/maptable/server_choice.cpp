@@ -93,7 +93,7 @@ static Choice runAlgorithm(const ChoiceQuestion& question) {
 }
 
 // An empty id would own every session by a comparison of its first characters.
-static bool ownsSession(const ServerState& server, const char* id) {
+bool ownsSession(const ServerState& server, const char* id) {
   const char* own = server.replicationId;
   return own && *own && std::strncmp(own, id, kReplicationIdLength) == 0;
 }

@@ -12,7 +12,7 @@
 constexpr const char* kRepeatable[] = {"GET",   "HEAD", "OPTIONS",
                                        "TRACE", "PUT",  "DELETE"};
 
-static bool isRepeatable(const char* method) {
+bool isRepeatable(const char* method) {
   const auto same = [method](const char* each) { return std::strcmp(each, method) == 0; };
   return method && std::any_of(std::begin(kRepeatable), std::end(kRepeatable), same);
 }

@@ -32,6 +32,10 @@ void noteServerBusy(vesk_request* req);
 // Whether the frame may be sent now, by what was noted.
 [[nodiscard]] bool mayReplay(const vesk_request* req);
 
+// Whether a server may carry out a request of that method twice with the effect of once;
+// null is no such method.
+[[nodiscard]] bool isRepeatable(const char* method);
+
 // Tells, once a request, why it isn't sent again. `proxy` is the server that failed.
 void reportNoReplay(vesk_request* req, const veskProxy* proxy);
 
