@@ -22,6 +22,7 @@ static CheckedLines linesOfAll() {
   const bool changes =
       geteuid() == 0 && ap_unixd_config.user_id != static_cast<uid_t>(-1);
   CheckedLines lines{{}, {}, geteuid(), getegid()};
+  lines.leavesFolder = true;
   if (changes) lines.user = ap_unixd_config.user_id;
   if (changes) lines.group = ap_unixd_config.group_id;
   for (const SeenLine& line : seenLines()) {
@@ -39,6 +40,16 @@ static void tellLines(server_rec* main) {
     ap_log_error(APLOG_MARK, APLOG_WARNING, 0, main, "%s: %s", found.where.c_str(),
                  found.text.c_str());
   }
+}
+
+// A module that was made for this release may be loaded by an older one.
+static void tellRelease(server_rec* main) {
+  constexpr Release kNeeded = {2, 4, 48};
+  ap_version_t running{};
+  ap_get_server_revision(&running);
+  const std::string said =
+      judgeRelease("httpd", {running.major, running.minor, running.patch}, kNeeded);
+  if (!said.empty()) ap_log_error(APLOG_MARK, APLOG_WARNING, 0, main, "%s", said.c_str());
 }
 
 // The lines of a virtual host take the place of the main server's, all of them.
@@ -77,6 +88,7 @@ static bool anyInit() {
 // A configuration without Init lines runs no plug-in that could mind.
 int nsapiCheckConfiguration(apr_pool_t*, apr_pool_t*, apr_pool_t*, server_rec* main) try {
   if (!host::anyInit()) return OK;
+  host::tellRelease(main);
   host::tellLines(main);
   for (server_rec* one = main->next; one; one = one->next) host::tellHost(main, one);
   host::tellChildren(main);

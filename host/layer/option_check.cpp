@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 
 #include "layer/option_rules.h"
+#include "layer/text.h"
 
 namespace host {
 
@@ -75,7 +77,24 @@ static bool mayWrite(const struct stat& status, const CheckedLines& lines) {
   return (status.st_mode & S_IWOTH) != 0;
 }
 
+// Whether a store that holds anything names its servers: what was written by hand may
+// be any other text, and then the connector takes it for an empty list.
+static bool hasStoreKey(const std::string& store) {
+  constexpr std::string_view kKey = "proxyservers=";
+  std::ifstream in(store);
+  bool empty = true;
+  for (std::string line; std::getline(in, line);) {
+    if (line.starts_with(kKey)) return true;
+    empty = empty && (trimmed(line, " \t\r").empty() || line.front() == '#');
+  }
+  return empty;
+}
+
 static std::string judgeStore(const std::string& store, const CheckedLines& lines) {
+  if (lines.leavesFolder && store.front() != '/') {
+    return "\"" + store +
+           "\" counts from the folder that the web server runs in, / for a daemon";
+  }
   std::filesystem::path folder = std::filesystem::path(store).parent_path();
   if (folder.empty()) folder = ".";
   struct stat status {};
@@ -85,6 +104,9 @@ static std::string judgeStore(const std::string& store, const CheckedLines& line
   const bool folderTakes = mayWrite(status, lines);
   const bool there = stat(store.c_str(), &status) == 0;
   if (there && S_ISDIR(status.st_mode)) return store + " is a folder";
+  if (there && S_ISREG(status.st_mode) && !hasStoreKey(store)) {
+    return store + " has no line proxyservers=, so nothing is read from it";
+  }
   if (there ? mayWrite(status, lines) : folderTakes) return {};
   return "user " + std::to_string(lines.user) + " may not write " + store;
 }
@@ -95,6 +117,17 @@ static void checkStore(const Directive& init, const CheckedLines& lines,
   if (!store || store->empty()) return;
   const std::string text = judgeStore(*store, lines);
   if (!text.empty()) findings->push_back({false, init.where, "serverstore: " + text});
+}
+
+std::string judgeRelease(const std::string& server, const Release& running,
+                         const Release& needed) {
+  if (running >= needed) return {};
+  const auto shown = [](const Release& one) {
+    return std::to_string(one[0]) + "." + std::to_string(one[1]) + "." +
+           std::to_string(one[2]);
+  };
+  return server + " " + shown(running) + " is too old: it must be " + shown(needed) +
+         " or newer";
 }
 
 // --- all lines ------------------------------------------------------------------------

@@ -10,6 +10,7 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,6 +33,8 @@ struct CheckedLines {
   std::vector<std::pair<Stage, const Directive*>> stages;
   uid_t user;
   gid_t group;
+  // True: the server runs in another folder than the one that it is started in.
+  bool leavesFolder = false;
 };
 
 // Judges the lines together. Nothing is said of lines that have nothing to do with the
@@ -41,6 +44,13 @@ struct CheckedLines {
 // The function of the connector's two that the lines of the stages leave out, where
 // they have the other one: half of it does nothing. Null: both, or none.
 [[nodiscard]] const char* missingFunction(const CheckedLines& lines);
+
+// A web server's release, as 2.4.48.
+using Release = std::array<int, 3>;
+
+// What to say of a web server that is older than it must be; empty: nothing.
+[[nodiscard]] std::string judgeRelease(const std::string& server, const Release& running,
+                                       const Release& needed);
 
 // Judges one Init line by itself, but for the files that it names. Nothing is said of
 // one whose function isn't `veskinit`.

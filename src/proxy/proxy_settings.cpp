@@ -39,6 +39,12 @@ static std::uint32_t algorithmCode(vesk_request* req, const char* text) {
   return BALANCE_ROUNDROBIN;
 }
 
+const char* algorithmName(std::uint32_t code) {
+  for (const AlgorithmName& row : kAlgorithms)
+    if (row.code == code) return row.text;
+  return kAlgorithms[0].text;
+}
+
 // Both timers begin at 0: the first refresh is due at once, and nothing is known against
 // the server.
 static void readIntervals(veskProxy* proxy, vesk_request* req, const propertyTable* props,

@@ -12,6 +12,9 @@
 constexpr std::int32_t kDefaultMapCheck = 10;
 constexpr std::int32_t kDefaultProxyRetry = 600;
 
+// What "algorithm" says for a BALANCE_ code; of no known one what counts for it.
+[[nodiscard]] const char* algorithmName(std::uint32_t code);
+
 // Takes all settings over: 0 or -1. `retryInterval` stands in for the one that the server
 // doesn't name; 0 means the default.
 [[nodiscard]] std::int32_t applySettings(veskProxy* proxy, vesk_request* req,

@@ -100,12 +100,18 @@ const LinesRow kLinesRows[] = {
     {{kFilter, kServe},
      {"fn=veskinit guards=all serverstore=/proc/store"},
      "i0: serverstore: user 12345 may not write /proc/store"},
+    {{kFilter, kServe},
+     {"fn=veskinit guards=all serverstore=/etc/passwd"},
+     "i0: serverstore: /etc/passwd has no line proxyservers="},
+    {{kFilter, kServe},
+     {"fn=veskinit guards=all serverstore=servers.store"},
+     "i0: serverstore: \"servers.store\" counts from the folder"},
 };
 
 TEST(options, linesAreJudgedTogether) {
   for (const LinesRow& row : kLinesRows) {
     std::deque<Directive> kept;
-    CheckedLines lines{{}, {}, 12345, 12345};
+    CheckedLines lines{{}, {}, 12345, 12345, true};
     for (const char* text : row.inits) {
       kept.push_back(line("i" + std::to_string(lines.inits.size()), text));
       lines.inits.push_back(&kept.back());
@@ -121,6 +127,13 @@ TEST(options, linesAreJudgedTogether) {
       EXPECT_THAT(one.where + ": " + one.text, testing::StartsWith(said));
     }
   }
+}
+
+TEST(options, aWebServerMayBeTooOld) {
+  EXPECT_EQ(judgeRelease("httpd", {2, 5, 0}, {2, 4, 48}), "");
+  EXPECT_EQ(judgeRelease("httpd", {2, 4, 48}, {2, 4, 48}), "");
+  EXPECT_EQ(judgeRelease("httpd", {2, 4, 47}, {2, 4, 48}),
+            "httpd 2.4.47 is too old: it must be 2.4.48 or newer");
 }
 
 }  // namespace
