@@ -19,6 +19,7 @@ static void addCommands(CLI::App& app, Invocation& invocation) {
   addPing(app, invocation);
   addProps(app, invocation);
   addGet(app, invocation);
+  addExplain(app, invocation);
 }
 
 int runCommandLine(int argc, const char* const* argv) {

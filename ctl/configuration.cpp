@@ -1,0 +1,240 @@
+#include "ctl/configuration.h"
+
+#include <grp.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+
+#include "embedded/config.h"
+#include "embedded/privileges.h"
+
+namespace ctl {
+
+using host::Directive;
+using host::Finding;
+using host::Stage;
+
+static bool runs(const Directive& line, std::string_view function) {
+  const std::string* name = line.find("fn");
+  return name && *name == function;
+}
+
+// With several the last one counts.
+const Directive* Configuration::veskinit() const {
+  const auto found =
+      std::find_if(inits.rbegin(), inits.rend(),
+                   [](const Directive& line) { return runs(line, "veskinit"); });
+  return found == inits.rend() ? nullptr : &*found;
+}
+
+std::string Configuration::option(const std::string& name) const {
+  const Directive* line = veskinit();
+  const std::string* value = line ? line->find(name) : nullptr;
+  return value ? *value : std::string();
+}
+
+static std::string readFile(const std::string& file) {
+  std::ifstream in(file, std::ios::binary);
+  std::ostringstream text;
+  if (!in || !(text << in.rdbuf())) throw std::runtime_error("can't read " + file);
+  return text.str();
+}
+
+// Only a file of vesk-host has these lines; httpd has no such directives.
+static bool isOfVeskHost(const std::string& text) {
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    if (line.starts_with("Init ") || line.starts_with("<Object ")) return true;
+  }
+  return false;
+}
+
+// --- vesk-host ------------------------------------------------------------------------
+
+static void readVeskHost(const std::string& text, const std::string& file,
+                         Configuration* configuration) {
+  host::Config config;
+  const std::string reason = host::readConfig(text, file, &config);
+  if (!reason.empty()) {
+    const std::size_t end = reason.find(": ");
+    configuration->findings.push_back(
+        {true, reason.substr(0, end), reason.substr(end + 2)});
+  }
+  configuration->inits.assign(config.inits.begin(), config.inits.end());
+  for (auto& [stage, line] : config.stages)
+    configuration->stages.push_back({stage, std::move(line), {}});
+  configuration->serverName = config.serverName;
+  host::lookUpIdentity(config.user, config.group, &configuration->user,
+                       &configuration->group);
+}
+
+// --- httpd ----------------------------------------------------------------------------
+
+struct StageName {
+  const char* name;
+  Stage stage;
+};
+
+constexpr StageName kStageNames[] = {{"nsapinametrans", Stage::nameTrans},
+                                     {"nsapiobjecttype", Stage::objectType},
+                                     {"nsapiservice", Stage::service}};
+
+// False when the line can't be read, which is told.
+static bool readParameters(const HttpdLine& line, Directive* directive,
+                           Configuration* configuration) {
+  directive->where = line.where;
+  std::string reason = host::parseParameters(line.text, directive);
+  if (reason.empty() && !directive->find("fn")) reason = "the directive has no fn";
+  if (reason.empty()) return true;
+  configuration->findings.push_back({true, line.where, reason});
+  return false;
+}
+
+static void takeFunctionLine(const HttpdLine& line, Configuration* configuration) {
+  const std::string* virtualHost = line.within("virtualhost");
+  Directive directive;
+  if (line.name == "nsapiinit") {
+    if (readParameters(line, &directive, configuration))
+      configuration->inits.push_back(std::move(directive));
+    return;
+  }
+  for (const StageName& row : kStageNames) {
+    if (line.name != row.name || line.text == "none") continue;
+    if (readParameters(line, &directive, configuration))
+      configuration->stages.push_back(
+          {row.stage, std::move(directive), virtualHost ? *virtualHost : ""});
+  }
+}
+
+// "#33" is a number, all else a name.
+static bool readNumber(const std::string& word, unsigned* number) {
+  if (!word.starts_with('#')) return false;
+  const char* end = word.data() + word.size();
+  return std::from_chars(word.data() + 1, end, *number).ptr == end;
+}
+
+static void takeIdentity(const HttpdLine& line, Configuration* configuration) {
+  const std::string word = line.word();
+  unsigned number = 0;
+  const bool isNumber = readNumber(word, &number);
+  if (line.name == "user") {
+    const passwd* found = isNumber ? nullptr : getpwnam(word.c_str());
+    if (found) configuration->user = found->pw_uid;
+    if (isNumber) configuration->user = number;
+  }
+  if (line.name == "group") {
+    const ::group* found = isNumber ? nullptr : getgrnam(word.c_str());
+    if (found) configuration->group = found->gr_gid;
+    if (isNumber) configuration->group = number;
+  }
+}
+
+static void takeServerName(const HttpdLine& line, Configuration* configuration) {
+  if (line.name != "servername" || !line.sections.empty()) return;
+  std::string name = line.word();
+  if (const std::size_t scheme = name.find("://"); scheme != std::string::npos)
+    name.erase(0, scheme + 3);
+  configuration->serverName = name.substr(0, name.find(':'));
+}
+
+static void readHttpd(const std::string& file, Configuration* configuration) {
+  HttpdLines all = readHttpdLines(file);
+  for (const HttpdFault& fault : all.faults)
+    configuration->findings.push_back({true, fault.where, fault.text});
+  for (const HttpdLine& line : all.lines) {
+    takeFunctionLine(line, configuration);
+    takeIdentity(line, configuration);
+    takeServerName(line, configuration);
+  }
+  configuration->httpdLines = std::move(all.lines);
+}
+
+Configuration readConfiguration(const std::string& file) {
+  Configuration configuration;
+  configuration.user = geteuid();
+  configuration.group = getegid();
+  const std::string text = readFile(file);
+  configuration.isHttpd = !isOfVeskHost(text);
+  if (configuration.isHttpd) {
+    readHttpd(file, &configuration);
+  } else {
+    readVeskHost(text, file, &configuration);
+  }
+  return configuration;
+}
+
+// --- check ----------------------------------------------------------------------------
+
+static host::CheckedLines linesOf(const Configuration& configuration) {
+  host::CheckedLines lines{{}, {}, configuration.user, configuration.group};
+  for (const Directive& line : configuration.inits) lines.inits.push_back(&line);
+  for (const StageLine& line : configuration.stages)
+    lines.stages.emplace_back(line.stage, &line.directive);
+  lines.leavesFolder = configuration.isHttpd;
+  return lines;
+}
+
+// The lines of a virtual host take the place of the main server's, all of them.
+static void checkVirtualHosts(const Configuration& configuration,
+                              std::vector<Finding>* findings) {
+  std::set<std::string> names;
+  for (const StageLine& line : configuration.stages) names.insert(line.virtualHost);
+  names.erase("");
+  for (const std::string& name : names) {
+    host::CheckedLines lines{{}, {}, 0, 0};
+    for (const StageLine& line : configuration.stages) {
+      if (line.virtualHost == name)
+        lines.stages.emplace_back(line.stage, &line.directive);
+    }
+    const char* missing = host::missingFunction(lines);
+    if (!missing) continue;
+    findings->push_back({false, lines.stages.front().second->where,
+                         "the virtual host " + name +
+                             " has lines of its own, and none of them runs " + missing});
+  }
+}
+
+// What httpd runs with where no line says otherwise.
+constexpr int kUsualThreads = 25;
+constexpr int kUsualWorkers = 400;
+
+static void checkChildren(const Configuration& configuration,
+                          std::vector<Finding>* findings) {
+  int threads = kUsualThreads;
+  int workers = kUsualWorkers;
+  std::string where;
+  for (const HttpdLine& line : configuration.httpdLines) {
+    const bool isThreads = line.name == "threadsperchild";
+    if (!isThreads && line.name != "maxrequestworkers") continue;
+    (isThreads ? threads : workers) = std::atoi(line.word().c_str());
+    where = line.where;
+  }
+  if (threads < 1 || workers <= threads) return;
+  const int children = (workers + threads - 1) / threads;
+  findings->push_back({false, where,
+                       "up to " + std::to_string(children) +
+                           " child processes at once: each has servers, connections and "
+                           "limits of its own; one with many threads is recommended"});
+}
+
+std::vector<Finding> checkConfiguration(const Configuration& configuration) {
+  std::vector<Finding> findings = configuration.findings;
+  for (Finding& one : host::checkLines(linesOf(configuration)))
+    findings.push_back(std::move(one));
+  if (!configuration.veskinit()) {
+    findings.push_back({true, "", "no line runs veskinit"});
+    return findings;
+  }
+  if (configuration.isHttpd) {
+    checkVirtualHosts(configuration, &findings);
+    checkChildren(configuration, &findings);
+  }
+  return findings;
+}
+
+}  // namespace ctl
