@@ -52,6 +52,15 @@ static void reportBroken(vesk_request* req, const char* function) {
   if (req) req->log(req, "%s - detected broken mutex!", function);
 }
 
+bool isSyncHeld(const std::int32_t* held) {
+  return std::atomic_ref(const_cast<std::int32_t&>(*held))
+             .load(std::memory_order_relaxed) == 1;
+}
+
+static void setHeld(std::int32_t* held, std::int32_t value) {
+  std::atomic_ref(*held).store(value, std::memory_order_relaxed);
+}
+
 void initSync(vesk_request* req, void** lock, std::int32_t* held) {
   *lock = lockOperations->init();
   *held = 0;
@@ -61,16 +70,16 @@ void initSync(vesk_request* req, void** lock, std::int32_t* held) {
 void startSync(vesk_request* req, void** lock, std::int32_t* held) {
   // Without a handle there is nothing to wait for, and the flag is unguarded.
   if (!*lock) return;
-  // The flag is looked at and written behind the entry only: outside it is not guarded.
+  // The flag is written behind the entry only: outside it tells of others.
   lockOperations->enter(*lock);
-  if (*held == 1) reportBroken(req, "startSync");
-  *held = 1;
+  if (isSyncHeld(held)) reportBroken(req, "startSync");
+  setHeld(held, 1);
 }
 
 void stopSync(vesk_request* req, void** lock, std::int32_t* held) {
   if (!*lock) return;
-  if (*held == 0) reportBroken(req, "stopSync");
-  *held = 0;
+  if (!isSyncHeld(held)) reportBroken(req, "stopSync");
+  setHeld(held, 0);
   lockOperations->exit(*lock);
 }
 

@@ -31,6 +31,9 @@ void initSync(vesk_request* req, void** lock, std::int32_t* held);
 void startSync(vesk_request* req, void** lock, std::int32_t* held);
 // Leaves. REQUIRES: this thread has entered the lock.
 void stopSync(vesk_request* req, void** lock, std::int32_t* held);
+// Whether some thread is inside at this moment, as a hint: it may have left by the time
+// that the caller knows.
+[[nodiscard]] bool isSyncHeld(const std::int32_t* held);
 // Does nothing: a host's critical section is never given back.
 void freeSync(vesk_request* req, void** lock, std::int32_t* held);
 

@@ -60,6 +60,7 @@ enum : std::int32_t {
   kOutcomeFailed,       // no server answered; what the browser got is not a server's
   kOutcomeDeclined,     // the request is not the connector's
 };
+constexpr std::int32_t kOutcomeKinds = kOutcomeDeclined + 1;
 
 struct veskOutcome {
   std::int32_t kind;      // a kOutcome value

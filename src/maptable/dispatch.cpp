@@ -1,5 +1,6 @@
 #include "maptable/dispatch.h"
 
+#include <atomic>
 #include <cerrno>
 
 #include "context/clock.h"
@@ -13,9 +14,11 @@
 #include "maptable/failed_list.h"
 #include "maptable/last_ditch.h"
 #include "maptable/membership.h"
+#include "maptable/request_lock.h"
 #include "maptable/selection.h"
 #include "maptable/table_events.h"
 #include "maptable/vesk_session.h"
+#include "proxy/counter_board.h"
 #include "proxy/proxy_error.h"
 #include "proxy/replay.h"
 #include "proxy/request_outcome.h"
@@ -101,14 +104,20 @@ static Search chooseAmongUntried(Dispatch* dispatch) {
   return Search::found;
 }
 
+// Once for a request, however many attempts it takes.
+static void countHit(const Dispatch* dispatch) {
+  std::int64_t* hits = dispatch->table->mappingBalances[dispatch->index]->hits;
+  if (hits && dispatch->req->outcome.attempts == 0)
+    std::atomic_ref(*hits).fetch_add(1, std::memory_order_relaxed);
+}
+
 // Looks for the server of the next attempt. Whether that may keep its failure from the
 // browser is asked anew each time: a table can become a cluster between two attempts.
 static Search chooseProxy(Dispatch* dispatch) {
   mappingsTable* table = dispatch->table;
-  WaitingRequest waiting(dispatch->req);
-  const SyncGuard guard(dispatch->req, &table->tableMutex, &table->tableMutexHeld);
-  waiting.pass();
+  const RequestLock lock(table, dispatch->req);
   if (!locateMapping(dispatch)) return Search::noMapping;
+  countHit(dispatch);
   dispatch->req->deferError = isClustered(table) ? 1 : 0;
   return dispatch->untriedOnly ? chooseAmongUntried(dispatch) : chooseByBalance(dispatch);
 }
@@ -127,6 +136,22 @@ static void reportNoServer(Dispatch* dispatch) {
            orElse(dispatch->table->serverStore, "<null>"));
 }
 
+// The time is that of the request's begin and of what its attempts took: the clock
+// needn't be asked again.
+static void countOutcome(const vesk_request* req, const veskProxy* proxy,
+                         std::int64_t micros) {
+  constexpr std::int64_t kMillisPerSecond = 1000;
+  if (!proxy->place) return;
+  const veskOutcome& outcome = req->outcome;
+  countAttempt(
+      &proxy->place->counters,
+      {.served = outcome.kind == kOutcomeServed,
+       .cause = outcome.state[1],
+       .first = outcome.attempts == 1,
+       .micros = micros,
+       .second = (req->startTime + micros / kMillisPerSecond) / kMillisPerSecond});
+}
+
 // One attempt, with what is to be told of it afterwards.
 static std::int32_t attempt(const Dispatch* dispatch, std::int32_t* sequence) {
   vesk_request* req = dispatch->req;
@@ -134,7 +159,9 @@ static std::int32_t attempt(const Dispatch* dispatch, std::int32_t* sequence) {
   beginOutcome(req, proxy);
   const std::int64_t begin = monotonicMicros();
   const std::int32_t result = proxy->handleRequest(req, proxy, dispatch->extra, sequence);
-  endOutcome(req, result == kRequestServed, monotonicMicros() - begin);
+  const std::int64_t micros = monotonicMicros() - begin;
+  endOutcome(req, result == kRequestServed, micros);
+  countOutcome(req, proxy, micros);
   return result;
 }
 
@@ -264,6 +291,13 @@ static std::int32_t dispatchRequest(Dispatch* dispatch) {
   }
 }
 
+static void countRequest(const vesk_request* req) {
+  counterBoard* board = getBoard();
+  if (board)
+    std::atomic_ref(board->requests[req->outcome.kind])
+        .fetch_add(1, std::memory_order_relaxed);
+}
+
 std::int32_t handleRequestWithIndex(mappingsTable* table, vesk_request* req,
                                     const char* extra, std::int32_t index) {
   // Field by field: the list of failures is long, and counts from its start.
@@ -283,6 +317,7 @@ std::int32_t handleRequestWithIndex(mappingsTable* table, vesk_request* req,
   req->sessionId = getSessionId(req);
   const std::int32_t result = dispatchRequest(&dispatch);
   concludeAttempts(req, dispatch.attempts, result);
+  countRequest(req);
   if (req->sessionId) req->free(req, req->sessionId);
   req->sessionId = nullptr;
   req->deferError = 0;

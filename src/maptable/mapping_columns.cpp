@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "context/memory.h"
+#include "proxy/counter_board.h"
 
 // Mappings that are merged in one walk: 4 KiB of stack.
 constexpr std::int32_t kChunk = 64;
@@ -57,6 +58,7 @@ std::int32_t appendMapping(mappingsTable* table, vesk_request* req, veskProxy* p
     return -1;
   }
   fillBlocks(list, balance, proxy);
+  balance->hits = findBoardMapping(pair.key);
   putRow(table, index,
          {.pair = table->mappings->entries[index],
           .list = list,

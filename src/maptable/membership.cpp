@@ -9,6 +9,7 @@
 #include "maptable/table_events.h"
 #include "maptable/table_guard.h"
 #include "properties/property_index.h"
+#include "proxy/counter_board.h"
 #include "proxy/proxy_refresh.h"
 #include "proxy/server_events.h"
 
@@ -225,6 +226,7 @@ static void activateInMasterList(mappingsTable* table, veskProxy* proxy,
     if (guarded(req, Guard::comeback)) setProxyActive(proxy, true);
     return;
   }
+  proxy->place = findBoardServer(proxy->name);
   (void)appendProxy(servers, proxy);  // there is room, or addProxy had refused it
   if (servers->count > 1) setClustered(table);
 }

@@ -2,12 +2,12 @@
 
 #include <cstring>
 
-#include "context/held_requests.h"
 #include "context/memory.h"
 #include "context/request_block.h"
 #include "context/request_setup.h"
 #include "context/text.h"
 #include "context/vesk_mutex.h"
+#include "maptable/request_lock.h"
 #include "maptable/table_refresh.h"
 
 constexpr std::int32_t kNoMapping = -1;
@@ -103,9 +103,7 @@ struct FilterQuestion {
 static bool tryFilter(mappingsTable* table, vesk_request* req,
                       const FilterQuestion& question, std::int32_t* index) {
   MatchSubject subject = makeSubject(req, question.stripped, question.host);
-  WaitingRequest waiting(req);
-  const SyncGuard guard(req, &table->tableMutex, &table->tableMutexHeld);
-  waiting.pass();
+  const RequestLock lock(table, req);
   const bool hosts = table->mappings->count > 0 && table->patterns[0].hasHost != 0;
   if (hosts && !question.hostKnown) return false;
   *index = filterLocked(table, req, &subject, question.honourIgnoreSuffix);

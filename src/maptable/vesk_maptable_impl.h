@@ -51,6 +51,7 @@ struct mappingBalance {
   std::uint32_t slotsStale;  // 1: weightSlots must be rebuilt before use
   std::int64_t totalWeight;  // of the active entries at the last build
   std::uint32_t anyActive;   // 1 while an entry of the list is active
+  std::int64_t* hits;        // requests, on the board of counts: atomically; or null
 };
 
 // A server that the cluster's list names and that couldn't join; see awaited_servers.h.

@@ -19,6 +19,7 @@
 
 #include "context/vesk_request.h"
 
+struct boardServer;
 struct propertyTable;
 struct veskProxy;
 
@@ -155,6 +156,9 @@ struct veskProxy {
   // connector's own thread has not asked it since: atomically.
   std::uint32_t wanted;
   serverHistory history;
+  // Its place on the board of counts, from its joining a table on; null without one.
+  // Written under the table's tableMutex, before any request can choose the proxy.
+  boardServer* place;
 };
 static_assert(std::is_trivial_v<veskProxy> && std::is_standard_layout_v<veskProxy>);
 static_assert(std::is_trivial_v<proxyBalance> && std::is_trivial_v<proxyMetrics>);
