@@ -20,3 +20,7 @@ void readServers(const proxyList* list, const failedList* failed, ServerState* s
 [[nodiscard]] ChoiceQuestion questionOf(const proxyList* list,
                                         const mappingBalance* balance,
                                         const char* sessionId);
+
+// Leaves the drained servers out of the entries that take part, which are copied to
+// `active`, with room for a list. REQUIRES: the servers have been read.
+void leaveOutDrained(ChoiceQuestion* question, std::uint32_t* active);

@@ -68,6 +68,15 @@ static Choice chooseByDraw(vesk_request* req, const proxyList* list,
   return chooseServer(*question);
 }
 
+// While a server is drained the sums of the mapping, which count it, are left alone.
+static Choice chooseByDrawAmong(ChoiceQuestion* question) {
+  std::uint64_t sums[kMaxProxies];
+  const std::int64_t total = sumWeights(*question, sums);
+  question->weightSums = sums;
+  if (total > 0) question->drawn = drawBelow(total);
+  return chooseServer(*question);
+}
+
 // Counted with the first choice alone: an attempt that fails is counted for its server.
 static void countMovedSession(const vesk_request* req, const proxyList* list,
                               const Choice& choice) {
@@ -78,15 +87,18 @@ static void countMovedSession(const vesk_request* req, const proxyList* list,
 static Choice choose(vesk_request* req, const proxyList* list, mappingBalance* balance) {
   ChoiceQuestion question = questionOf(list, balance, req->sessionId);
   ServerState servers[kMaxProxies];
+  std::uint32_t active[kMaxProxies];
   if (readsServers(question)) {
     readServers(list, nullptr, servers);
     question.servers = servers;
   }
+  if (question.drains) leaveOutDrained(&question, active);
   const Choice choice = chooseServer(question);
   tellAboutSession(req, list, choice);
   countMovedSession(req, list, choice);
   if (choice.reason != ChoiceReason::drawNeeded) return choice;
-  return chooseByDraw(req, list, balance, &question);
+  return question.drains ? chooseByDrawAmong(&question)
+                         : chooseByDraw(req, list, balance, &question);
 }
 
 // The cursor stays in front of a server until its turns are spent. Only exactly 0 moves
@@ -141,11 +153,13 @@ veskProxy* selectProxy(mappingsTable* table, vesk_request* req, std::int32_t ind
 // Without an algorithm or a cursor: these choices are no turns of the rotation.
 veskProxy* selectUntried(const proxyList* list, const failedList& failed) {
   ServerState servers[kMaxProxies];
+  std::uint32_t active[kMaxProxies];
   readServers(list, &failed, servers);
   ChoiceQuestion question{};
   question.count = list->count;
   question.active = list->active;
   question.servers = servers;
+  leaveOutDrained(&question, active);
   const Choice choice = chooseUntried(question);
   return choice.position >= 0 ? list->proxies[choice.position] : nullptr;
 }

@@ -110,7 +110,7 @@ static std::int32_t findOwner(const ChoiceQuestion& question) {
 static std::int32_t findBuddy(const ChoiceQuestion& question, const char* buddy) {
   for (std::int32_t i = 0; i < question.count; ++i) {
     const ServerState& server = question.servers[i];
-    if (!server.inService) continue;
+    if (!server.inService || server.drained) continue;
     if (*buddy == kAnyBuddy || ownsSession(server, buddy)) return i;
   }
   return kNobody;
@@ -143,15 +143,24 @@ static bool asksForSession(const ChoiceQuestion& question) {
 
 // The states of 128 servers cost more to read than a rotation costs; so it does without.
 bool readsServers(const ChoiceQuestion& question) {
+  if (question.drains) return true;
   if (question.count == 1) return false;
   return asksForSession(question) || question.algorithm == BALANCE_MIN ||
          question.algorithm == BALANCE_MAX;
 }
 
 // A mapping's only server is chosen in any state: there is nobody else, and the attempt
-// shows whether it is back.
+// shows whether it is back. But a drained one has its own sessions alone.
+static Choice chooseOnly(const ChoiceQuestion& question) {
+  const bool keeps =
+      !question.drains || !question.servers[0].drained ||
+      (asksForSession(question) && ownsSession(question.servers[0], question.sessionId));
+  return keeps ? choiceOf(0, ChoiceReason::onlyServer)
+               : nobody(ChoiceReason::noneEligible);
+}
+
 Choice chooseServer(const ChoiceQuestion& question) {
-  if (question.count == 1) return choiceOf(0, ChoiceReason::onlyServer);
+  if (question.count == 1) return chooseOnly(question);
   if (!asksForSession(question)) return runAlgorithm(question);
   const Choice session = resolveServerId(question);
   if (session.position >= 0) return session;

@@ -9,6 +9,9 @@
 // list, and decides for the algorithms. `inService` says that it is believed in service,
 // and decides for sessions. `failed` counts for this request alone.
 //
+// A server that an operator drains keeps the sessions that it owns and gets nothing else:
+// the asker leaves it out of `active`, and it is no buddy and no only server.
+//
 // Ownership: texts and arrays of a question are the asker's. Threads: any.
 // Failure: a position of -1, with the reason.
 #pragma once
@@ -20,7 +23,8 @@ struct ServerState {
   std::int64_t weight;
   const char* replicationId;  // null when the server has none
   bool inService;
-  bool failed;  // it has failed for this request
+  bool failed;   // it has failed for this request
+  bool drained;  // an operator wants nothing new there; false unless `drains`
 };
 
 constexpr std::int64_t kNotDrawn = -1;
@@ -28,8 +32,9 @@ constexpr std::int64_t kNotDrawn = -1;
 struct ChoiceQuestion {
   // The list, by position.
   std::int32_t count;           // 1 at least
-  const std::uint32_t* active;  // non-zero: takes part
+  const std::uint32_t* active;  // non-zero: takes part; no drained one does
   const ServerState* servers;   // may be null where readsServers says so
+  bool drains;                  // some server of the process is drained
   // The mapping's balance.
   std::uint32_t algorithm;  // a BALANCE_ code; any other rotates
   bool sticky;
@@ -43,7 +48,7 @@ struct ChoiceQuestion {
 };
 
 enum class ChoiceReason : std::uint8_t {
-  onlyServer,  // the list has one entry, which is chosen in any state
+  onlyServer,  // the list has one entry, which is chosen in any state of service
   sessionOwner,
   sessionBuddy,  // a backup server of the session, whose owner is out of service
   rotation,
