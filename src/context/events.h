@@ -23,12 +23,13 @@ constexpr std::int32_t kJournalSize = 256;  // lines
 
 // What a line is about; with its subject, the "same thing".
 enum class EventKind : std::int32_t {
-  server,    // state of a server
-  cluster,   // the list of servers
-  mappings,  // what a server serves
-  request,   // requests that failed, by the last server asked
-  busy,      // requests that wait for a server's answer about itself
-  leftOut,   // lines that found no room
+  server,     // state of a server
+  cluster,    // the list of servers
+  mappings,   // what a server serves
+  request,    // requests that failed, by the last server asked
+  operation,  // what an operator has done to a server
+  busy,       // requests that wait for a server's answer about itself
+  leftOut,    // lines that found no room
 };
 
 // One line of the journal.

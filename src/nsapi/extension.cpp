@@ -13,10 +13,9 @@
 #include "nsapi/init_options.h"
 #include "nsapi/nsapi_request.h"
 #include "nsapi/service_stage.h"
-
-constexpr int kVersionMajor = 4;
-constexpr int kVersionMinor = 0;
-constexpr int kBuildNumber = 108785;
+#include "nsapi/status_stage.h"
+#include "nsapi/version.h"
+#include "proxy/counter_board.h"
 
 mappingsTable* pMappingsTable = nullptr;
 
@@ -69,6 +68,7 @@ int veskinit(pblock* pb, Session* /*sn*/, Request* /*rq*/) {
   setLogLevel(LOG_WARN);
   readGuardOptions(pb);
   readEventOption(pb);
+  openBoard(&globalRequest, readSharedMemory(pb));
   makeTable(&options);
   readErrorUrl(pb);
   startThread(getMappingsTable());
@@ -87,7 +87,9 @@ int veskfilter(pblock* pb, Session* sn, Request* rq) {
 }
 
 int veskservice(pblock* pb, Session* sn, Request* rq) {
-  return rq ? runServiceStage(getMappingsTable(), pb, sn, rq) : refuseInit(pb);
+  if (!rq) return refuseInit(pb);
+  return pblock_findval("report", pb) ? runStatusStage(getMappingsTable(), pb, sn, rq)
+                                      : runServiceStage(getMappingsTable(), pb, sn, rq);
 }
 
 void veskend(void* /*data*/) {
@@ -101,4 +103,5 @@ void veskend(void* /*data*/) {
   if (table) stopMaintenance(table, &globalRequest);
   mappingsTableDelete(table, &globalRequest);
   closeEvents(&globalRequest);
+  closeBoard();
 }

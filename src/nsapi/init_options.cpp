@@ -155,6 +155,11 @@ void readEventOption(pblock* pb) {
   openEvents(req);
 }
 
+int readSharedMemory(pblock* pb) {
+  const char* value = pblock_findval("shared-memory", pb);
+  return value ? parseNumber("shared-memory", value, 0, INT_MAX) : -1;
+}
+
 void readErrorUrl(pblock* pb) {
   vesk_request* req = &globalRequest;
   errorUrl = pblock_findval("errorurl", pb);

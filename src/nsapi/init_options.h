@@ -34,5 +34,9 @@ void readGuardOptions(pblock* pb);
 // Switches event lines on or off. The host's log must be ready for lines.
 void readEventOption(pblock* pb);
 
+// The descriptor of memory that all processes of the web server share, which the host
+// itself adds to the line where it has such; -1 without one.
+[[nodiscard]] int readSharedMemory(pblock* pb);
+
 // Sets errorUrl, and traces it.
 void readErrorUrl(pblock* pb);

@@ -1,0 +1,22 @@
+// The frame of a page for people, and the small pieces that pages share.
+//
+// Pure functions but for the text. Failure: that of the text.
+#pragma once
+
+#include "status/status_snapshot.h"
+#include "status/text_buffer.h"
+
+// Up to the heading; the title is the connector's own words. A `refresh` of 0 leaves the
+// page as it is.
+void beginPage(TextBuffer* page, const char* title, std::int32_t refresh);
+void endPage(TextBuffer* page);
+
+// "2026-11-23 18:02:11 UTC".
+void addTime(TextBuffer* page, std::int64_t seconds);
+// "3h12m".
+void addAge(TextBuffer* page, std::int64_t seconds);
+// "812 us", "13.4 ms" or "2.50 s".
+void addMicros(TextBuffer* page, std::int64_t micros);
+
+// The class of a state's colour.
+[[nodiscard]] const char* stateClass(const char* state);
