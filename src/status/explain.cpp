@@ -19,6 +19,7 @@ struct Scene {
   ServerState servers[kMaxProxies];
   std::uint32_t active[kMaxProxies];
   std::uint64_t sums[kMaxProxies];
+  bool drainedActive;  // a drained server is active in the mapping's list
 };
 
 // --- the mappings ---------------------------------------------------------------------
@@ -98,8 +99,9 @@ static void explainServers(const proxyList* list, const Scene& scene,
       std::strncpy(server->replicationId, state.replicationId, kReplicationIdLength);
     server->weight = state.weight;
     server->retryTime = getProxyRetryTime(list->proxies[i]);
-    server->active = scene.active[i] != 0;
+    server->active = list->active[i] != 0;
     server->inService = state.inService;
+    server->drained = state.drained;
   }
 }
 
@@ -107,7 +109,7 @@ static void explainServers(const proxyList* list, const Scene& scene,
 // where a weight has changed since.
 static void readSums(const mappingBalance* balance, const ChoiceQuestion& question,
                      std::uint64_t* sums) {
-  if (balance->slotsStale == 0 && balance->weightSlots)
+  if (balance->slotsStale == 0 && balance->weightSlots && !question.drains)
     std::copy_n(balance->weightSlots, question.count, sums);
   else
     (void)sumWeights(question, sums);
@@ -140,9 +142,10 @@ static bool isAnyActive(const ChoiceQuestion& question) {
   return std::any_of(question.active, end, [](std::uint32_t one) { return one != 0; });
 }
 
-static AttemptsEnd endWithoutActive(const mappingsTable* table,
+// With a drained server the list isn't out of service, so nobody is asked.
+static AttemptsEnd endWithoutActive(const mappingsTable* table, const Scene& scene,
                                     const Explanation* explained) {
-  if (explained->attemptCount > 0) return AttemptsEnd::nobodyLeft;
+  if (explained->attemptCount > 0 || scene.drainedActive) return AttemptsEnd::nobodyLeft;
   return table->queue ? AttemptsEnd::leftToThread : AttemptsEnd::nobodyActive;
 }
 
@@ -154,7 +157,7 @@ static AttemptsEnd walkAttempts(const mappingsTable* table,
                                 Explanation* explained) {
   for (;;) {
     if (explained->inCluster && !isAnyActive(question))
-      return endWithoutActive(table, explained);
+      return endWithoutActive(table, *scene, explained);
     const Choice choice = chooseWithoutDraw(question);
     if (explained->attemptCount == 0) explained->choice = choice;
     if (choice.position < 0)
@@ -174,12 +177,14 @@ static void explainChoice(mappingsTable* table, const char* session,
                           Explanation* explained) {
   const proxyList* list = table->mappingProxies[explained->winner];
   const mappingBalance* balance = table->mappingBalances[explained->winner];
-  Scene scene;
+  Scene scene{};
   readServers(list, nullptr, scene.servers);
-  std::copy_n(list->active, list->count, scene.active);
   ChoiceQuestion question = questionOf(list, balance, session);
   question.servers = scene.servers;
-  question.active = scene.active;
+  leaveOutDrained(&question, scene.active);
+  scene.drainedActive =
+      std::mismatch(scene.active, scene.active + list->count, list->active).first !=
+      scene.active + list->count;
   readSums(balance, question, scene.sums);
   question.weightSums = scene.sums;
 

@@ -37,6 +37,7 @@ struct ExplainedServer {
   std::int64_t retryTime;  // 0: not marked unreachable
   bool active;             // takes part in the mapping's list
   bool inService;          // believed in service
+  bool drained;            // by an operator: it has its own sessions alone
   bool ownsSession;
   std::int32_t buddyRank;  // among the session's buddies, from 1; 0: none of them
 };
