@@ -38,6 +38,7 @@ struct Invocation {
 };
 
 // The commands.
+void addCheck(CLI::App& app, Invocation& invocation);
 void addExplain(CLI::App& app, Invocation& invocation);
 void addGet(CLI::App& app, Invocation& invocation);
 void addPing(CLI::App& app, Invocation& invocation);

@@ -20,6 +20,7 @@ static void addCommands(CLI::App& app, Invocation& invocation) {
   addProps(app, invocation);
   addGet(app, invocation);
   addExplain(app, invocation);
+  addCheck(app, invocation);
 }
 
 int runCommandLine(int argc, const char* const* argv) {
