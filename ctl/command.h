@@ -43,5 +43,6 @@ void addExplain(CLI::App& app, Invocation& invocation);
 void addGet(CLI::App& app, Invocation& invocation);
 void addPing(CLI::App& app, Invocation& invocation);
 void addProps(CLI::App& app, Invocation& invocation);
+void addWatch(CLI::App& app, Invocation& invocation);
 
 }  // namespace ctl

@@ -21,6 +21,7 @@ static void addCommands(CLI::App& app, Invocation& invocation) {
   addGet(app, invocation);
   addExplain(app, invocation);
   addCheck(app, invocation);
+  addWatch(app, invocation);
 }
 
 int runCommandLine(int argc, const char* const* argv) {
