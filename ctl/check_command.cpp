@@ -35,21 +35,6 @@ static void checkLines(const Configuration& configuration, Report* report) {
   }
 }
 
-// The bootstrap server first, whose list counts; or those of the store.
-static std::vector<std::string> addressesOf(const Configuration& configuration,
-                                            const ConfiguredTable& table) {
-  std::vector<std::string> names;
-  const auto add = [&names](const std::string& name) {
-    if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
-  };
-  const std::string bootstrap = configuration.option("bootstrap");
-  if (!bootstrap.empty()) add(bootstrap);
-  const proxyList& known = table.records().masterList;
-  for (std::int32_t i = 0; i < known.count; ++i) add(known.proxies[i]->name);
-  for (const std::string& name : table.absent()) add(name);
-  return names;
-}
-
 static void add(std::vector<Remark> more, Report* report) {
   for (Remark& remark : more) report->remarks.push_back(std::move(remark));
 }

@@ -99,4 +99,18 @@ ConfiguredTable::Answer ConfiguredTable::explain(const std::string& method,
   return {explained, [](Explanation* one) { doFree(nullptr, one); }};
 }
 
+std::vector<std::string> addressesOf(const Configuration& configuration,
+                                     const ConfiguredTable& table) {
+  std::vector<std::string> names;
+  const auto add = [&names](const std::string& name) {
+    if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
+  };
+  const std::string bootstrap = configuration.option("bootstrap");
+  if (!bootstrap.empty()) add(bootstrap);
+  const proxyList& known = table.records().masterList;
+  for (std::int32_t i = 0; i < known.count; ++i) add(known.proxies[i]->name);
+  for (const std::string& name : table.absent()) add(name);
+  return names;
+}
+
 }  // namespace ctl

@@ -61,4 +61,9 @@ class ConfiguredTable {
   std::uint32_t guards;  // as configured
 };
 
+// The servers that a web server would know: the bootstrap server first, whose list
+// counts; or those of the store.
+[[nodiscard]] std::vector<std::string> addressesOf(const Configuration& configuration,
+                                                   const ConfiguredTable& table);
+
 }  // namespace ctl

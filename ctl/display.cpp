@@ -112,6 +112,12 @@ std::string inColour(Colour colour, const std::string& text) {
   return kCodes[static_cast<int>(colour)] + text + "\033[0m";
 }
 
+std::vector<Cell> titles(std::initializer_list<const char*> texts) {
+  std::vector<Cell> row;
+  for (const char* text : texts) row.push_back({text, Colour::faint});
+  return row;
+}
+
 // Characters, as far as each takes one column.
 static std::size_t columnsOf(const std::string& text) {
   return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {

@@ -4,6 +4,7 @@
 // are characters.
 #pragma once
 
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -37,6 +38,9 @@ struct Cell {
   std::string text;  // harmless
   Colour colour = Colour::plain;
 };
+
+// The first row of a table.
+[[nodiscard]] std::vector<Cell> titles(std::initializer_list<const char*> texts);
 
 // Rows of cells below each other. The last cell of a row may be of any length, and counts
 // for no column's width.

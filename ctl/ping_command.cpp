@@ -5,6 +5,7 @@
 #include <memory>
 #include <numeric>
 
+#include "ctl/clock_text.h"
 #include "ctl/command.h"
 #include "ctl/display.h"
 #include "ctl/json_output.h"
@@ -20,16 +21,10 @@ struct PingOptions {
   double timeout = kDefaultTimeout;
 };
 
-static std::string millisText(double millis) {
-  char text[32];
-  (void)std::snprintf(text, sizeof text, "%.2f ms", millis);
-  return text;
-}
-
 // Of one answer its time; of several the shortest, the mean and the longest.
 static std::string answerText(const ServerFacts& facts) {
   const std::vector<double>& times = facts.answerMillis;
-  if (facts.asked == 1) return millisText(times.front());
+  if (facts.asked == 1) return millisText(times.front()) + " ms";
   const auto [least, most] = std::minmax_element(times.begin(), times.end());
   const double mean = std::accumulate(times.begin(), times.end(), 0.0) /
                       static_cast<double>(times.size());
@@ -56,7 +51,7 @@ static std::vector<Cell> rowOf(const ServerFacts& facts) {
     return {{facts.name, Colour::bad}, {facts.failure, Colour::bad}};
   const bool fine = facts.answers() && !facts.mappings.empty();
   std::vector<Cell> row = {{facts.name, fine ? Colour::good : Colour::warning},
-                           {millisText(facts.connectMillis)},
+                           {millisText(facts.connectMillis) + " ms"},
                            {answerText(facts)},
                            valueCell(facts, "rep_id"),
                            valueCell(facts, "weight"),
@@ -71,13 +66,9 @@ static std::vector<Cell> rowOf(const ServerFacts& facts) {
 
 static void printTable(const std::vector<ServerFacts>& all, const PingOptions& options) {
   const char* answer = options.count > 1 ? "ANSWER min/mean/max" : "ANSWER";
-  const char* const titles[] = {"SERVER",  "CONNECT",   answer,   "REP_ID",
-                                "WEIGHT",  "ALGORITHM", "STICKY", "MAPPINGS",
-                                "CLUSTER", "SEQUENCE"};
-  std::vector<Cell> head;
-  for (const char* title : titles) head.push_back({title, Colour::faint});
   Table table;
-  table.add(head);
+  table.add(titles({"SERVER", "CONNECT", answer, "REP_ID", "WEIGHT", "ALGORITHM",
+                    "STICKY", "MAPPINGS", "CLUSTER", "SEQUENCE"}));
   for (const ServerFacts& facts : all) table.add(rowOf(facts));
   print(table.text());
 }

@@ -1,12 +1,11 @@
 // A watch of a web server's status page.
 
-#include <cmath>
 #include <cstdio>
-#include <ctime>
 #include <map>
 #include <stdexcept>
 
 #include "context/event_text.h"
+#include "ctl/clock_text.h"
 #include "ctl/fetch_url.h"
 #include "ctl/watch_source.h"
 
@@ -37,18 +36,9 @@ static std::int64_t numberOf(const Json& from, const char* name) {
   return from.value(name, std::int64_t{0});
 }
 
-static std::string durationText(std::int64_t seconds) {
-  EventText text;
-  clearText(&text);
-  addDuration(&text, seconds);
-  return text.text;
-}
-
-static std::string millisText(const Json& times, const char* name) {
+static Cell timeCell(const Json& times, const char* name) {
   constexpr double kMillis = 1000;
-  char text[32];
-  (void)std::snprintf(text, sizeof text, "%.1f", times.value(name, 0.0) * kMillis);
-  return text;
+  return {millisText(times.value(name, 0.0) * kMillis)};
 }
 
 static Cell stateCell(const Json& server) {
@@ -98,8 +88,8 @@ std::vector<Cell> StatusPageSource::rowOf(const Json& server, std::int64_t now) 
           {std::to_string(errors), errors > 0 ? Colour::warning : Colour::plain},
           {std::to_string(numberOf(server, "active"))},
           {std::to_string(numberOf(server, "idle"))},
-          {millisText(times, "p50")},
-          {millisText(times, "p99")}};
+          timeCell(times, "p50"),
+          timeCell(times, "p99")};
 }
 
 static std::string summaryOf(const Json& page) {
@@ -115,21 +105,8 @@ static std::string summaryOf(const Json& page) {
 }
 
 static std::string eventLine(const Json& event) {
-  const std::time_t time = numberOf(event, "time");
-  std::tm local{};
-  char clock[sizeof "00:00:00"] = "";
-  if (localtime_r(&time, &local)) (void)std::strftime(clock, sizeof clock, "%T", &local);
-  return std::string(clock) + " " + visible(event.value("text", ""), kEventTextSize);
-}
-
-static Table titledTable() {
-  Table table;
-  std::vector<Cell> head;
-  for (const char* title : {"SERVER", "STATE", "SINCE", "WEIGHT", "REQUESTS", "PER S",
-                            "ERRORS", "ACTIVE", "IDLE", "P50 MS", "P99 MS"})
-    head.push_back({title, Colour::faint});
-  table.add(head);
-  return table;
+  return clockText(numberOf(event, "time")) + " " +
+         visible(event.value("text", ""), kEventTextSize);
 }
 
 // What isn't the page of a connector lacks a member, or has one of another kind.
@@ -138,7 +115,8 @@ View StatusPageSource::look() {
   try {
     view.json = Json::parse(fetchUrl(url, timeout));
     view.summary = summaryOf(view.json);
-    view.servers = titledTable();
+    view.servers.add(titles({"SERVER", "STATE", "SINCE", "WEIGHT", "REQUESTS", "PER S",
+                             "ERRORS", "ACTIVE", "IDLE", "P50 MS", "P99 MS"}));
     for (const Json& server : view.json.at("servers"))
       view.servers.add(rowOf(server, numberOf(view.json, "time")));
     for (const Json& event : view.json.value("events", Json::array()))

@@ -11,6 +11,7 @@
 #include <optional>
 #include <thread>
 
+#include "ctl/clock_text.h"
 #include "ctl/command.h"
 #include "ctl/display.h"
 #include "ctl/fetch_url.h"
@@ -61,14 +62,6 @@ class Looker {
   std::future<View> running;
 };
 
-static std::string clockText() {
-  const std::time_t now = std::time(nullptr);
-  std::tm local{};
-  char text[sizeof "00:00:00"] = "";
-  if (localtime_r(&now, &local)) (void)std::strftime(text, sizeof text, "%T", &local);
-  return text;
-}
-
 // What the screen shows: the newest view, or the one before with the reason that there is
 // no newer one.
 class Picture {
@@ -79,7 +72,7 @@ class Picture {
     failure = seen.failure;
     if (!failure.empty()) return;
     view = std::move(seen);
-    time = clockText();
+    time = clockText(std::time(nullptr));
   }
 
   [[nodiscard]] std::string text() const {
@@ -170,9 +163,17 @@ int Watch::run() {
   return exitStatus;
 }
 
+static std::unique_ptr<WatchSource> sourceOf(const WatchOptions& options,
+                                             const Invocation& invocation) {
+  if (isUrl(options.target)) return watchStatusPage(options.target, options.timeout);
+  Visit visit;
+  visit.limits = limitsOf(options.timeout);
+  visit.verbose = invocation.verbose;
+  return watchServers(options.target, visit);
+}
+
 static int runWatch(const WatchOptions& options, const Invocation& invocation) {
-  const std::unique_ptr<WatchSource> source =
-      watchStatusPage(options.target, options.timeout);
+  const std::unique_ptr<WatchSource> source = sourceOf(options, invocation);
   return Watch(*source, options, invocation.json).run();
 }
 

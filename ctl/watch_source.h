@@ -10,6 +10,7 @@
 
 #include "ctl/display.h"
 #include "ctl/json_output.h"
+#include "ctl/server_facts.h"
 
 namespace ctl {
 
@@ -31,5 +32,10 @@ class WatchSource {
 
 [[nodiscard]] std::unique_ptr<WatchSource> watchStatusPage(const std::string& url,
                                                            double timeout);
+
+// Asks the servers of a web server's configuration, and those that their lists name.
+// Throws when the file can't be read.
+[[nodiscard]] std::unique_ptr<WatchSource> watchServers(const std::string& file,
+                                                        const Visit& visit);
 
 }  // namespace ctl
