@@ -97,6 +97,7 @@ static std::string shareText(const Explanation& explained,
 
 static Cell stateCell(const ExplainedServer& server) {
   if (!server.inService) return {"out of service", Colour::bad};
+  if (server.drained) return {"drained", Colour::warning};
   if (!server.active) return {"left this mapping", Colour::warning};
   return {"in service", Colour::good};
 }
@@ -181,11 +182,9 @@ static Json serversJson(const Explanation& explained) {
   Json list = Json::array();
   for (std::int32_t i = 0; i < explained.serverCount; ++i) {
     const ExplainedServer& server = explained.servers[i];
-    Json one = {{"server", server.name},
-                {"rep_id", server.replicationId},
-                {"weight", server.weight},
-                {"active", server.active},
-                {"in_service", server.inService}};
+    Json one = {{"server", server.name},          {"rep_id", server.replicationId},
+                {"weight", server.weight},        {"active", server.active},
+                {"in_service", server.inService}, {"drained", server.drained}};
     if (explained.totalWeight > 0) one["share"] = server.share;
     list.push_back(std::move(one));
   }

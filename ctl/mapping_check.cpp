@@ -11,6 +11,8 @@ namespace ctl {
 
 // A word that stands in nobody's pattern.
 constexpr char kFiller[] = "/vesk-ctl-probe";
+// That are told by name; a line before all others may hide thousands.
+constexpr std::size_t kMostMappings = 20;
 
 // --- one mapping in the table
 // -----------------------------------------------------------
@@ -178,22 +180,34 @@ static void judgeErrorUrl(ConfiguredTable& table, const Configuration& configura
                           ": a 503 leads to itself"});
 }
 
+static Remark judgeMapping(const mappingsTable& table, std::int32_t index,
+                           const std::vector<Claim>& claims) {
+  const uriPattern& pattern = table.patterns[index];
+  Remark remark{Severity::warning, "", whyUnreached(table, index)};
+  const auto claim =
+      std::find_if(claims.begin(), claims.end(),
+                   [&pattern](const Claim& one) { return takesWhole(one, pattern); });
+  if (remark.text.empty() && claim != claims.end())
+    remark = {Severity::warning, claim->where, "is never asked for: " + claim->text};
+  if (!remark.text.empty())
+    remark.text = "mapping " + visible(pattern.text) + " " + remark.text;
+  return remark;
+}
+
 std::vector<Remark> judgeMappings(ConfiguredTable& table,
                                   const Configuration& configuration) {
   std::vector<Remark> remarks;
   const std::vector<Claim> claims = claimsOf(configuration);
-  const mappingsTable& records = table.records();
-  for (std::int32_t i = 0; i < records.mappings->count; ++i) {
-    const uriPattern& pattern = records.patterns[i];
-    const std::string shown = "mapping " + visible(pattern.text) + " ";
-    const std::string why = whyUnreached(records, i);
-    if (!why.empty()) remarks.push_back({Severity::warning, "", shown + why});
-    for (const Claim& claim : claims) {
-      if (!takesWhole(claim, pattern)) continue;
-      remarks.push_back(
-          {Severity::warning, claim.where, shown + "is never asked for: " + claim.text});
-    }
+  std::size_t found = 0;
+  for (std::int32_t i = 0; i < table.records().mappings->count; ++i) {
+    Remark remark = judgeMapping(table.records(), i, claims);
+    if (remark.text.empty() || ++found > kMostMappings) continue;
+    remarks.push_back(std::move(remark));
   }
+  if (found > kMostMappings)
+    remarks.push_back({Severity::warning, "",
+                       "the same holds for " + std::to_string(found - kMostMappings) +
+                           " more mappings"});
   judgeErrorUrl(table, configuration, &remarks);
   return remarks;
 }
