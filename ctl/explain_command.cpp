@@ -1,19 +1,21 @@
 // vesk-ctl explain: which mapping and which server a URL goes to, and why.
 
 #include <memory>
+#include <stdexcept>
 
 #include "ctl/command.h"
 #include "ctl/configured_table.h"
 #include "ctl/display.h"
 #include "ctl/explanation_display.h"
+#include "ctl/fetch_url.h"
 #include "ctl/options.h"
 #include "layer/uri.h"
 
 namespace ctl {
 
 struct ExplainOptions {
-  std::string file;
-  std::string url;
+  std::vector<std::string> words;  // CONFIG and URL, or URL alone
+  std::string page;                // a status page's URL; empty: CONFIG counts
   std::string host;
   std::string cookie;
   std::string method = "GET";
@@ -21,68 +23,116 @@ struct ExplainOptions {
   double timeout = kDefaultTimeout;
 };
 
-static int failWith(const std::string& text, int status) {
-  complain(text);
-  return status;
-}
-
 // What is missing of the table that a web server would have.
 static void tellSource(const ConfiguredTable& table) {
-  if (table.source().empty())
-    complain("no server has answered, so that there are no mappings");
+  if (table.source().empty()) throw std::runtime_error("no server has answered");
   if (table.source() == "store")
     complain("the bootstrap server has brought no server; asked were those of the store");
   for (const std::string& name : table.absent())
     complain(visible(name) + " is listed and could not be asked; it is left out");
 }
 
-static int showExplanation(ConfiguredTable& table, const Target& target,
-                           const ExplainOptions& options, const Invocation& invocation) {
+static Json explainByConfiguration(const ExplainOptions& options, const Target& target,
+                                   bool verbose) {
+  const Configuration configuration = readConfiguration(options.words.front());
+  if (!configuration.veskinit())
+    throw std::runtime_error("no line of " + options.words.front() + " runs veskinit");
+  ConfiguredTable table(configuration, limitsOf(options.timeout), verbose);
+  tellSource(table);
   const auto explained = table.explain(options.method, target, options.cookie);
-  if (invocation.json) {
-    Json all = {{"uri", target.uri}, {"host", target.host}, {"from", table.source()}};
-    all["absent"] = table.absent();
-    all.update(jsonOf(*explained));
-    printJson(all);
-  } else {
-    const std::string host = target.host.empty() ? "no host" : "host " + target.host;
-    print(visible(target.uri) + " (" + visible(host) + ")\n");
-    print(textOf(*explained, options.all));
+  Json all = {{"uri", target.uri}, {"host", target.host}, {"from", table.source()}};
+  all["absent"] = table.absent();
+  all.update(jsonOf(*explained));
+  return all;
+}
+
+// As a value in a query.
+static std::string encoded(const std::string& text) {
+  constexpr char kDigits[] = "0123456789ABCDEF";
+  constexpr unsigned kLowDigit = 15;
+  std::string out;
+  for (const unsigned char c : text) {
+    if (std::isalnum(c) != 0 || c == '/' || c == '.' || c == '-') {
+      out += static_cast<char>(c);
+      continue;
+    }
+    out += '%';
+    out += kDigits[c >> 4U];
+    out += kDigits[c & kLowDigit];
   }
-  return explained->winner < 0 ? kExitWarning : kExitFine;
+  return out;
+}
+
+static Json explainByPage(const ExplainOptions& options, const std::string& url) {
+  std::string asked = options.page.substr(0, options.page.find('?'));
+  if (asked.ends_with('/')) asked.pop_back();
+  asked +=
+      "/explain?format=json&url=" + encoded(url) + "&method=" + encoded(options.method);
+  if (!options.host.empty()) asked += "&host=" + encoded(options.host);
+  if (!options.cookie.empty()) asked += "&cookie=" + encoded(options.cookie);
+  try {
+    return Json::parse(fetchUrl(asked, options.timeout));
+  } catch (const Json::exception&) {
+    throw std::runtime_error(visible(options.page) + " gives no explanations");
+  }
+}
+
+static void show(const Json& explained, const ExplainOptions& options,
+                 const Invocation& invocation) {
+  if (invocation.json) return printJson(explained);
+  const std::string host = explained.value("host", "");
+  print(visible(explained.value("uri", "")) + " (" +
+        (host.empty() ? "no host" : "host " + visible(host)) + ")\n");
+  print(textOf(explained, options.all));
 }
 
 static int runExplain(const ExplainOptions& options, const Invocation& invocation) {
-  const Configuration configuration = readConfiguration(options.file);
-  if (!configuration.veskinit())
-    return failWith("no line of " + options.file + " runs veskinit", kExitFailure);
-  Target target = readTarget(options.url);
-  if (!target.failure.empty()) return failWith(visible(target.failure), kExitUsage);
+  const std::string& url = options.words.back();
+  Target target = readTarget(url);
+  if (!target.failure.empty()) {
+    complain(visible(target.failure));
+    return kExitUsage;
+  }
   if (!options.host.empty()) target.host = options.host;
   if (host::uriIsEvil(target.uri))
     complain("a web server refuses or rewrites a path with //, /. or /.. in it");
-  ConfiguredTable table(configuration, limitsOf(options.timeout), invocation.verbose);
-  tellSource(table);
-  if (table.source().empty()) return kExitFailure;
-  return showExplanation(table, target, options, invocation);
+  const Json explained = options.page.empty()
+                             ? explainByConfiguration(options, target, invocation.verbose)
+                             : explainByPage(options, url);
+  show(explained, options, invocation);
+  return explained.at("winner").is_null() ? kExitWarning : kExitFine;
 }
 
+static bool isComplete(const ExplainOptions& options) {
+  const std::size_t expected = options.page.empty() ? 2 : 1;
+  if (options.words.size() == expected) return true;
+  complain(expected == 2 ? "CONFIG and URL are needed" : "--from takes no CONFIG");
+  return false;
+}
+
+// CONFIG and URL are one option, since the first of the two is the one that may be
+// missing.
 void addExplain(CLI::App& app, Invocation& invocation) {
   auto options = std::make_shared<ExplainOptions>();
   CLI::App* command = app.add_subcommand(
       "explain", "Which mapping and which server a URL goes to, and why");
   command
-      ->add_option("CONFIG", options->file,
-                   "A file of vesk-host, or httpd's configuration")
-      ->required();
-  command->add_option("URL", options->url, "http://HOST/PATH, or a path")->required();
+      ->add_option("CONFIG_URL", options->words,
+                   "A file of vesk-host or httpd's configuration, unless --from is "
+                   "given; then http://HOST/PATH, or a path")
+      ->required()
+      ->expected(1, 2)
+      ->type_name("");
+  command->add_option("--from", options->page,
+                      "Ask a web server, by the URL of its status page");
   command->add_option("--host", options->host, "The host header, in place of the URL's");
   command->add_option("--cookie", options->cookie, "The cookie header");
   command->add_option("--method", options->method, "The method")->capture_default_str();
   command->add_flag("--all", options->all, "Show each mapping that was looked at");
   addTimeout(*command, options->timeout);
   command->callback([options, &invocation] {
-    invocation.exitStatus = runExplain(*options, invocation);
+    invocation.exitStatus =
+        isComplete(*options) ? runExplain(*options, invocation) : kExitUsage;
   });
 }
 

@@ -94,6 +94,10 @@ class Judge {
   void checkMappings(const ServerFacts& server) {
     if (server.mappings.empty())
       warn(server.name, "has no mappings, so that the connector doesn't take it");
+    // A property set holds no more, so that nobody can say how many it sends.
+    if (server.mappings.size() >= std::size_t{kMaxProperties})
+      warn(server.name, "has " + std::to_string(kMaxProperties) +
+                            " mappings at least: what is beyond is left out");
     for (const auto& [pattern, target] : server.mappings) allMappings.insert(pattern);
   }
 
