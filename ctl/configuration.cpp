@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <charconv>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -56,18 +57,32 @@ static bool isOfVeskHost(const std::string& text) {
 
 // --- vesk-host ------------------------------------------------------------------------
 
+// Its relative paths count from the folder that the program is started in. Nobody knows
+// that here: it may be the working folder, and if that can't be, the file's own.
+static host::Config readInItsFolder(const std::string& text, const std::string& file,
+                                    std::string* reason) {
+  host::Config config;
+  *reason = host::readConfig(text, file, &config);
+  const std::filesystem::path folder = std::filesystem::absolute(file).parent_path();
+  if (reason->empty() || folder == std::filesystem::current_path()) return config;
+  std::filesystem::current_path(folder);
+  host::Config second;
+  *reason = host::readConfig(text, file, &second);
+  return second;
+}
+
 static void readVeskHost(const std::string& text, const std::string& file,
                          Configuration* configuration) {
-  host::Config config;
-  const std::string reason = host::readConfig(text, file, &config);
+  std::string reason;
+  const host::Config config = readInItsFolder(text, file, &reason);
   if (!reason.empty()) {
     const std::size_t end = reason.find(": ");
     configuration->findings.push_back(
         {true, reason.substr(0, end), reason.substr(end + 2)});
   }
   configuration->inits.assign(config.inits.begin(), config.inits.end());
-  for (auto& [stage, line] : config.stages)
-    configuration->stages.push_back({stage, std::move(line), {}});
+  for (const auto& [stage, line] : config.stages)
+    configuration->stages.push_back({stage, line, {}});
   configuration->serverName = config.serverName;
   host::lookUpIdentity(config.user, config.group, &configuration->user,
                        &configuration->group);
@@ -227,7 +242,8 @@ std::vector<Finding> checkConfiguration(const Configuration& configuration) {
   for (Finding& one : host::checkLines(linesOf(configuration)))
     findings.push_back(std::move(one));
   if (!configuration.veskinit()) {
-    findings.push_back({true, "", "no line runs veskinit"});
+    if (configuration.findings.empty())
+      findings.push_back({true, "", "no line runs veskinit"});
     return findings;
   }
   if (configuration.isHttpd) {
