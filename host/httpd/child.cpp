@@ -16,6 +16,7 @@
 #include "httpd/config.h"
 #include "httpd/log.h"
 #include "httpd/mod_nsapi.h"
+#include "httpd/shared_memory.h"
 #include "layer/process_settings.h"
 #include "layer/restart_callbacks.h"
 
@@ -65,7 +66,7 @@ static void runInitsOf(server_rec* server) {
   ServerConfig* config = configOf(server);
   if (!config || !config->inits) return;
   actFor(server);
-  std::string reason = config->inits->runInits();
+  std::string reason = config->inits->runInits(sharedMemory());
   if (reason.empty()) return;
   ap_log_error(APLOG_MARK, APLOG_EMERG, 0, server, "%s", reason.c_str());
   std::exit(APEXIT_CHILDFATAL);

@@ -52,6 +52,7 @@ static void registerHooks(apr_pool_t* pool) {
   static const char* const files[] = {"mod_file_cache.c", NULL};
   (void)pool;
   ap_hook_check_config(nsapiCheckConfiguration, NULL, NULL, APR_HOOK_LAST);
+  ap_hook_post_config(nsapiShareMemory, NULL, NULL, APR_HOOK_MIDDLE);
   ap_hook_child_init(nsapiStartChild, NULL, NULL, APR_HOOK_MIDDLE);
   ap_hook_translate_name(nsapiDropParameters, translators, NULL, APR_HOOK_FIRST);
   ap_hook_translate_name(nsapiTranslate, NULL, NULL, APR_HOOK_LAST);

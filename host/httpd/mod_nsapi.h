@@ -51,6 +51,10 @@ const char* nsapiErrorOverride(cmd_parms* cmd, void* place, int count,
 int nsapiCheckConfiguration(apr_pool_t* config, apr_pool_t* log, apr_pool_t* temporary,
                             server_rec* main);
 
+/* Makes the memory that all child processes share, at the first start. */
+int nsapiShareMemory(apr_pool_t* config, apr_pool_t* log, apr_pool_t* temporary,
+                     server_rec* main);
+
 /* Runs the Init functions in a new child process; the restart callbacks run
  * when `pool` goes, after the child's worker threads have ended. */
 void nsapiStartChild(apr_pool_t* pool, server_rec* server);

@@ -158,10 +158,42 @@ static void checkStray(const Directive& line, std::vector<Finding>* findings) {
   }
 }
 
+// What a line with the status page may say.
+struct ReportOption {
+  std::string_view name;
+  std::string_view value;  // the only one that means anything; empty: any
+};
+constexpr ReportOption kReportOptions[] = {
+    {"fn", ""},        {"type", ""}, {"method", ""},   {"report", "status"},
+    {"from", "local"}, {"path", ""}, {"actions", "on"}};
+
+static void checkReport(const Directive& line, std::vector<Finding>* findings) {
+  if (!names(line, "veskservice") || !line.find("report")) return;
+  for (const auto& [name, value] : line.parameters) {
+    const auto* known =
+        std::find_if(std::begin(kReportOptions), std::end(kReportOptions),
+                     [&name](const ReportOption& option) { return option.name == name; });
+    if (known == std::end(kReportOptions)) {
+      findings->push_back({false, line.where,
+                           "unknown option \"" + name +
+                               "\" of the status page; it has report, path, from, "
+                               "actions"});
+    } else if (!known->value.empty() && value != known->value) {
+      findings->push_back({false, line.where,
+                           name + ": \"" + value + "\" means nothing, only \"" +
+                               std::string(known->value) + "\" does"});
+    }
+  }
+  const std::string* path = line.find("path");
+  if (path && !path->starts_with('/')) {
+    findings->push_back({false, line.where, "path: \"" + *path + "\" begins with no /"});
+  }
+}
+
 // What the connector marks its requests with must reach its service function.
 static bool takesMarked(const Directive& line) {
   const std::string* type = line.find("type");
-  return names(line, "veskservice") &&
+  return names(line, "veskservice") && !line.find("report") &&
          (!type || patternMatches(*type, "vesk-internal/target"));
 }
 
@@ -188,7 +220,10 @@ const char* missingFunction(const CheckedLines& lines) {
 
 static void checkStages(const CheckedLines& lines, const Directive& init,
                         std::vector<Finding>* findings) {
-  for (const auto& [stage, line] : lines.stages) checkStray(*line, findings);
+  for (const auto& [stage, line] : lines.stages) {
+    checkStray(*line, findings);
+    checkReport(*line, findings);
+  }
   const Halves found = halvesOf(lines);
   if (!found.filters) {
     findings->push_back({false, init.where,

@@ -138,9 +138,17 @@ std::string Stages::runInit(Line* line) {
   return "\"" + *line->directive.find("fn") + "\" failed";
 }
 
-std::string Stages::runInits() {
+// What the line says by itself doesn't count: it is no setting.
+static bool tellSharedMemory(pblock* block, int descriptor) {
+  constexpr const char* kName = "shared-memory";
+  while (pb_param* own = findParameter(block, kName, true)) freeParameter(own);
+  return descriptor < 0 || addParameter(block, kName, std::to_string(descriptor).c_str());
+}
+
+std::string Stages::runInits(int sharedMemory) {
   for (Line& line : inits_) {
     if (runsWhenRead(line.function)) continue;
+    if (!tellSharedMemory(line.parameters, sharedMemory)) return "out of memory";
     std::string reason = runInit(&line);
     if (!reason.empty()) return line.directive.where + ": " + reason;
   }

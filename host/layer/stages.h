@@ -54,8 +54,10 @@ class Stages {
   // True when a Service line takes the request, by its type and method.
   [[nodiscard]] bool serves(const Request* rq) const;
 
-  // Runs the Init functions in order. REQUIRES: every line is prepared.
-  [[nodiscard]] std::string runInits();
+  // Runs the Init functions in order. Where a web server has memory that all its
+  // processes share, each function finds its descriptor as "shared-memory", -1: none.
+  // REQUIRES: every line is prepared.
+  [[nodiscard]] std::string runInits(int sharedMemory = -1);
 
   // Runs one stage: the result of the first function that gives something
   // other than REQ_NOACTION, else REQ_NOACTION. REQUIRES: `rq` runs on this

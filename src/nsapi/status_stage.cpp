@@ -11,6 +11,8 @@
 #include "nsapi/option_texts.h"
 #include "nsapi/response_path.h"
 #include "nsapi/version.h"
+#include "status/explain_page.h"
+#include "status/explain_query.h"
 #include "status/query_text.h"
 #include "status/status_action.h"
 #include "status/status_format.h"
@@ -20,6 +22,7 @@ constexpr std::int32_t kOk = 200;
 constexpr std::int32_t kSeeOther = 303;
 constexpr std::int32_t kNotFound = 404;
 constexpr std::int32_t kWrongMethod = 405;
+constexpr std::int32_t kLengthRequired = 411;
 constexpr std::int32_t kTooLarge = 413;
 
 // A request for the page, taken apart.
@@ -151,27 +154,73 @@ static int sendStatus(const StatusRequest& status) {
   return sendPage(status, &page, form->type);
 }
 
-// The form is a few hundred bytes long, whoever sends it.
-static int takeForm(vesk_request* req, char* form, std::int32_t size,
-                    std::int32_t* length) {
+static bool wantsJson(const StatusRequest& status) {
+  char name[8] = "";
+  return readQuery(status.query, "format", name, sizeof name) &&
+         std::strcmp(name, "json") == 0;
+}
+
+// `words` tell why there is no explanation.
+static int sendNoExplanation(const StatusRequest& status, const ExplainedUrl& asked,
+                             const char* words) {
+  if (wantsJson(status)) return refuse(status.req, kBadRequest, words);
+  TextBuffer page = newText(status.req);
+  writeExplainForm(&page, asked, words);
+  return sendPage(status, &page, "text/html; charset=utf-8");
+}
+
+static int sendExplanation(const StatusRequest& status, const ExplainedUrl& asked,
+                           const ExplainQuery& query) {
+  vesk_request* req = status.req;
+  const RequestBlock block{req, explainQuery(status.table, req, query)};
+  if (!block.bytes) return refuse(req, kInternalError, "Out of memory.");
+  const auto* explained = reinterpret_cast<const Explanation*>(block.bytes);
+  const bool json = wantsJson(status);
+  TextBuffer page = newText(req);
+  (json ? writeExplanationJson : writeExplanationHtml)(&page, asked, *explained);
+  return sendPage(status, &page, json ? "application/json" : "text/html; charset=utf-8");
+}
+
+static int explain(const StatusRequest& status) {
+  ExplainQuery query;
+  const char* words = readExplainQuery(status.query, &query);
+  const RequestBlock path{status.req, copyText(status.req, status.path)};
+  const ExplainedUrl asked{query.url, query.host, query.cookie, query.method,
+                           orElse(path.bytes, "")};
+  if (!words && (!status.table || !isFilled(status.table)))
+    words = "No server has told its mappings yet.";
+  return words ? sendNoExplanation(status, asked, words)
+               : sendExplanation(status, asked, query);
+}
+
+// A form is a few hundred bytes long; who announces more is sent away before it is read.
+static std::int64_t formLength(const vesk_request* req) {
+  constexpr int kDecimal = 10;
+  const char* text = pblock_findval("content-length", requestOf(req)->headers);
+  return text ? std::strtol(text, nullptr, kDecimal) : -1;
+}
+
+// Reads exactly `length` bytes: the host can't tell the end from a failure.
+static bool readForm(vesk_request* req, char* form, std::int32_t length) {
   req->hasPostData = 1;
-  *length = 0;
-  while (*length < size) {
-    const std::int32_t count = req->getPostData(req, form + *length, size - *length);
-    if (count < 0) return refuse(req, kBadRequest, "The form is not whole.");
-    if (count == 0) return REQ_PROCEED;
-    *length += count;
+  for (std::int32_t got = 0; got < length;) {
+    const std::int32_t count = req->getPostData(req, form + got, length - got);
+    if (count <= 0) return false;
+    got += count;
   }
-  return refuse(req, kTooLarge, "The form is too long.");
+  return true;
 }
 
 static int act(const StatusRequest& status) {
   vesk_request* req = status.req;
   constexpr std::int32_t kMostBytes = 1024;
   char form[kMostBytes];
-  std::int32_t length = 0;
-  const int taken = takeForm(req, form, kMostBytes, &length);
-  if (taken != REQ_PROCEED) return taken;
+  const std::int64_t announced = formLength(req);
+  if (announced < 0) return refuse(req, kLengthRequired, "The form has no length.");
+  if (announced > kMostBytes) return refuse(req, kTooLarge, "The form is too long.");
+  const auto length = static_cast<std::int32_t>(announced);
+  if (!readForm(req, form, length))
+    return refuse(req, kBadRequest, "The form is not whole.");
   const char* client = orElse(pblock_findval("ip", sessionOf(req)->client), "-");
   switch (applyAction(req, {form, static_cast<std::size_t>(length)}, client)) {
     case ActionResult::forbidden:
@@ -198,8 +247,11 @@ static int refuseMethod(const StatusRequest& status, bool actions) {
 static int answer(const StatusRequest& status) {
   const bool actions = lineSays(status, "actions", "on");
   const std::string_view method = viewOf(status.req->method);
-  if (status.below.size() > 1) return refuse(status.req, kNotFound, "No such page.");
-  if (method == "GET" || method == "HEAD") return sendStatus(status);
+  const bool explains = status.below == "/explain";
+  if (status.below.size() > 1 && !explains)
+    return refuse(status.req, kNotFound, "No such page.");
+  if (method == "GET" || method == "HEAD")
+    return explains ? explain(status) : sendStatus(status);
   return method == "POST" && actions ? act(status) : refuseMethod(status, actions);
 }
 

@@ -27,6 +27,31 @@ void endPage(TextBuffer* page) {
   add(page, "</body></html>\n");
 }
 
+void addPart(TextBuffer* page, const char* part) {
+  add(page, part);
+}
+
+void addPart(TextBuffer* page, std::int64_t number) {
+  addNumber(page, number);
+}
+
+void beginTable(TextBuffer* page, std::initializer_list<const char*> heads) {
+  put(page, "<div class=\"card\"><table class=\"stack\"><thead><tr>");
+  for (const char* head : heads) {
+    const bool number = *head == '#';
+    put(page, number ? "<th class=\"n\">" : "<th>", number ? head + 1 : head, "</th>");
+  }
+  put(page, "</tr></thead><tbody>\n");
+}
+
+void endTable(TextBuffer* page) {
+  put(page, "</tbody></table></div>\n");
+}
+
+void cell(TextBuffer* page, const char* label, const char* classes) {
+  put(page, "<td data-l=\"", label, "\" class=\"", classes, "\">");
+}
+
 void addTime(TextBuffer* page, std::int64_t seconds) {
   const std::time_t time = seconds;
   std::tm parts;

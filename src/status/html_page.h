@@ -3,6 +3,8 @@
 // Pure functions but for the text. Failure: that of the text.
 #pragma once
 
+#include <initializer_list>
+
 #include "status/status_snapshot.h"
 #include "status/text_buffer.h"
 
@@ -10,6 +12,20 @@
 // page as it is.
 void beginPage(TextBuffer* page, const char* title, std::int32_t refresh);
 void endPage(TextBuffer* page);
+
+void addPart(TextBuffer* page, const char* part);
+void addPart(TextBuffer* page, std::int64_t number);
+// Words of the connector's own, markup and numbers, one behind the other.
+template <typename... Parts>
+void put(TextBuffer* page, Parts... parts) {
+  (addPart(page, parts), ...);
+}
+
+// A head that begins with '#' stands above numbers.
+void beginTable(TextBuffer* page, std::initializer_list<const char*> heads);
+void endTable(TextBuffer* page);
+// The begin of a cell: its label stands in front of it where the window is narrow.
+void cell(TextBuffer* page, const char* label, const char* classes = "");
 
 // "2026-11-23 18:02:11 UTC".
 void addTime(TextBuffer* page, std::int64_t seconds);

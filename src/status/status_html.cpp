@@ -8,38 +8,9 @@
 // A browser is slow with thousands of rows; programs get them all.
 constexpr std::int32_t kShownMappings = 200;
 
-static void addPart(TextBuffer* page, const char* part) {
-  add(page, part);
-}
-
-static void addPart(TextBuffer* page, std::int64_t number) {
-  addNumber(page, number);
-}
-
-// Words of this file and numbers, one behind the other.
-template <typename... Parts>
-static void put(TextBuffer* page, Parts... parts) {
-  (addPart(page, parts), ...);
-}
-
-// The begin of a cell: its label stands in front of it where the window is narrow.
-static void cell(TextBuffer* page, const char* label, const char* classes = "") {
-  put(page, "<td data-l=\"", label, "\" class=\"", classes, "\">");
-}
-
 static void numberCell(TextBuffer* page, const char* label, std::int64_t number) {
   cell(page, label, "n");
   put(page, number, "</td>");
-}
-
-static void beginTable(TextBuffer* page, std::initializer_list<const char*> heads) {
-  put(page, "<div class=\"card\"><table class=\"stack\"><thead><tr>");
-  for (const char* head : heads) put(page, "<th>", head, "</th>");
-  put(page, "</tr></thead><tbody>\n");
-}
-
-static void endTable(TextBuffer* page) {
-  put(page, "</tbody></table></div>\n");
 }
 
 static std::uint32_t highest(const std::uint32_t* counts) {
@@ -113,8 +84,8 @@ static void addTimes(TextBuffer* page, const serverCounters& counters) {
 
 static void addAction(TextBuffer* page, const statusSnapshot& snapshot,
                       const statusServer& server) {
-  if (!snapshot.token) return;
   cell(page, "");
+  if (!snapshot.token) return put(page, "</td>");
   put(page, "<form method=\"post\" action=\"");
   addHtml(page, snapshot.path);
   put(page, "\"><input type=\"hidden\" name=\"token\" value=\"", snapshot.token,
@@ -160,9 +131,8 @@ static void addServers(TextBuffer* page, const statusSnapshot& snapshot) {
         "</p>\n");
     return;
   }
-  beginTable(page, {"Server", "State", "Weight", "Requests", "Errors", "Taken over",
-                    "Active", "Idle", "p50", "p90", "p99", "Five minutes",
-                    snapshot.token ? "" : "&#8203;"});
+  beginTable(page, {"Server", "State", "#Weight", "#Requests", "#Errors", "#Taken over",
+                    "#Active", "#Idle", "#p50", "#p90", "#p99", "Five minutes", ""});
   for (std::int32_t i = 0; i < snapshot.serverCount; ++i)
     addServer(page, snapshot, snapshot.servers[i]);
   endTable(page);
@@ -170,7 +140,7 @@ static void addServers(TextBuffer* page, const statusSnapshot& snapshot) {
 
 static void addMappings(TextBuffer* page, const statusSnapshot& snapshot) {
   put(page, "<h2>Mappings, in the order in which they are tried</h2>\n");
-  beginTable(page, {"Pattern", "Requests", "Servers in service"});
+  beginTable(page, {"Pattern", "#Requests", "#Servers in service"});
   const std::int32_t shown = std::min(snapshot.mappingCount, kShownMappings);
   for (std::int32_t i = 0; i < shown; ++i) {
     const statusMapping& mapping = snapshot.mappings[i];
