@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 // Length of a text; 0 for null.
 [[nodiscard]] std::int64_t textLength(const char* text);
@@ -22,3 +23,12 @@
 // The number that `text` spells in base 16 (sign and "0x" accepted); 0 when
 // anything follows it, and for null.
 [[nodiscard]] std::int64_t hexstrtol(const char* text);
+
+// The first bytes of a text, and what stands behind them. REQUIRES: it has so many.
+// substr would bring in the C++ library for a check that can't fail.
+[[nodiscard]] inline std::string_view beginOf(std::string_view text, std::size_t length) {
+  return {text.data(), length};
+}
+[[nodiscard]] inline std::string_view restOf(std::string_view text, std::size_t length) {
+  return {text.data() + length, text.size() - length};
+}

@@ -58,9 +58,9 @@ static bool locate(StatusRequest* status) {
     if (!uri.starts_with(status->path)) return false;
   } else {
     status->path =
-        uri.ends_with(kExplain) ? uri.substr(0, uri.size() - kExplain.size()) : uri;
+        uri.ends_with(kExplain) ? beginOf(uri, uri.size() - kExplain.size()) : uri;
   }
-  status->below = uri.substr(status->path.size());
+  status->below = restOf(uri, status->path.size());
   while (status->path.ends_with('/')) status->path.remove_suffix(1);
   return status->below.empty() || status->below.front() == '/' || uri.ends_with('/');
 }

@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include <cstring>
+#include <utility>
 
 #include "status/query_text.h"
 
@@ -45,7 +46,7 @@ static bool decodePath(std::string_view text, char* path) {
     if (length + kSpelled > sizeof query) return false;
     const char* spelled = spelling(byte);
     if (spelled)
-      length += std::string_view(spelled).copy(query + length, kSpelled);
+      std::memcpy(query + std::exchange(length, length + kSpelled), spelled, kSpelled);
     else
       query[length++] = byte;
   }

@@ -1,5 +1,7 @@
 #include "status/query_text.h"
 
+#include "context/text.h"
+
 static int hexDigit(char digit) {
   constexpr int kTen = 10;
   if (digit >= '0' && digit <= '9') return digit - '0';
@@ -36,13 +38,18 @@ static bool decode(std::string_view text, char* value, std::size_t size) {
   return true;
 }
 
+static std::string_view upTo(std::string_view text, char end) {
+  const std::size_t at = text.find(end);
+  return at == std::string_view::npos ? text : beginOf(text, at);
+}
+
 bool readQuery(std::string_view query, std::string_view name, char* value,
                std::size_t size) {
   while (!query.empty()) {
-    const std::string_view pair = query.substr(0, query.find('&'));
-    const std::string_view key = pair.substr(0, pair.find('='));
+    const std::string_view pair = upTo(query, '&');
+    const std::string_view key = upTo(pair, '=');
     if (key == name && key.size() < pair.size())
-      return decode(pair.substr(key.size() + 1), value, size);
+      return decode(restOf(pair, key.size() + 1), value, size);
     query.remove_prefix(pair.size() < query.size() ? pair.size() + 1 : pair.size());
   }
   return false;

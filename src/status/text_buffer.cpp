@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "context/memory.h"
+#include "context/text.h"
 
 TextBuffer newText(vesk_request* req) {
   return {.req = req, .bytes = nullptr, .length = 0, .room = 0, .failed = false};
@@ -82,12 +83,12 @@ static void addForeign(TextBuffer* text, std::string_view foreign, Escape escape
     std::size_t length = 1;
     if ((static_cast<std::uint8_t>(byte) & 0x80) != 0) {
       length = characterLength(foreign);
-      add(text, length > 0 ? foreign.substr(0, length) : "?");
+      add(text, length > 0 ? beginOf(foreign, length) : "?");
     } else if (byte < kFirstPrintable || byte == kDelete) {
       add(text, "?");
     } else {
       const char* escaped = escape(byte);
-      add(text, escaped ? std::string_view(escaped) : foreign.substr(0, 1));
+      add(text, escaped ? std::string_view(escaped) : beginOf(foreign, 1));
     }
     foreign.remove_prefix(std::max<std::size_t>(length, 1));
   }
