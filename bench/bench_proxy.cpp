@@ -11,6 +11,7 @@
 #include "proxy/mapping_order.h"
 #include "proxy/proxy_lifecycle.h"
 #include "proxy/proxy_marshal.h"
+#include "proxy/server_counters.h"
 #include "proxy/wire.h"
 
 static std::string answer;    // what the server says in each conversation
@@ -145,3 +146,17 @@ static void parseAndSortMappings(benchmark::State& state) {
   }
 }
 BENCHMARK(parseAndSortMappings)->Arg(10)->Arg(1000)->Arg(8000);
+
+// What an attempt adds for the status page: in the process's own memory, and by several
+// threads that serve with the same server.
+static void countOneAttempt(benchmark::State& state) {
+  static serverCounters counters;
+  std::int64_t micros = 100;
+  for (auto _ : state) {
+    countAttempt(
+        &counters,
+        {.served = true, .cause = '-', .first = true, .micros = micros, .second = 1000});
+    micros = micros * 5 % 100003;
+  }
+}
+BENCHMARK(countOneAttempt)->Threads(1)->Threads(2);
