@@ -49,7 +49,8 @@ std::string accessLine(const AccessEntry& entry) {
   for (const char* name : {"referer", "user-agent"}) {
     putQuoted(&line, findValue(request->headers, name));
   }
-  for (const char* name : {"vesk-server", "vesk-attempts", "vesk-state", "vesk-time"}) {
+  for (const char* name :
+       {"vesk-server", "vesk-attempts", "vesk-state", "vesk-time", "vesk-session"}) {
     putField(&line, findValue(request->vars, name));
   }
   line.push_back('\n');

@@ -2,7 +2,7 @@
 // plug-in has left about its end behind it:
 //
 //   ADDRESS - USER [TIME] "REQUEST" STATUS BYTES "REFERER" "AGENT" SERVER ATTEMPTS
-//   STATE MICROSECONDS
+//   STATE MICROSECONDS SESSION
 //
 // What isn't known is "-". Quotes and control bytes of a client are shown as \xHH.
 //

@@ -14,7 +14,8 @@ struct Note {
 constexpr Note kNotes[] = {{"VESK_SERVER", "vesk-server"},
                            {"VESK_ATTEMPTS", "vesk-attempts"},
                            {"VESK_STATE", "vesk-state"},
-                           {"VESK_TIME", "vesk-time"}};
+                           {"VESK_TIME", "vesk-time"},
+                           {"VESK_SESSION", "vesk-session"}};
 
 // The blocks last as long as the notes: both go with the request's pool.
 void putNotes(request_rec* r, const HostRequest& request) {

@@ -13,7 +13,8 @@
 
 namespace host {
 
-// VESK_SERVER, VESK_ATTEMPTS, VESK_STATE and VESK_TIME (microseconds of all attempts).
+// VESK_SERVER, VESK_ATTEMPTS, VESK_STATE, VESK_TIME (microseconds of all attempts) and
+// VESK_SESSION.
 void putNotes(request_rec* r, const HostRequest& request);
 
 }  // namespace host

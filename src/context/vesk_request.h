@@ -62,12 +62,24 @@ enum : std::int32_t {
 };
 constexpr std::int32_t kOutcomeKinds = kOutcomeDeclined + 1;
 
+// What became of the session that the browser brought, in a response of a server's.
+enum : std::int32_t {
+  kSessionNone = 0,  // the browser brought none, and got none
+  kSessionKept,      // its owner has answered
+  kSessionMoved,     // another server has
+  kSessionNew,       // the answer has set one that is not the browser's
+};
+
 struct veskOutcome {
   std::int32_t kind;      // a kOutcome value
   std::int32_t attempts;  // servers that were tried, each time counted
   char server[64];        // name of the last one; empty: none was
   char state[3];          // two letters of proxy/request_outcome.h
   std::int64_t micros;    // microseconds in all attempts together
+  std::int32_t session;   // a kSession value, of the last attempt
+  // The session's server: it was tried, or is out of service. Null: not known. The
+  // table's, as every proxy.
+  const veskProxy* sessionOwner;
 };
 
 // A response as it was before the first attempt; kept by markResponse.

@@ -16,6 +16,7 @@
 #include "maptable/membership.h"
 #include "maptable/request_lock.h"
 #include "maptable/selection.h"
+#include "maptable/session_outcome.h"
 #include "maptable/table_events.h"
 #include "maptable/vesk_session.h"
 #include "proxy/counter_board.h"
@@ -157,6 +158,7 @@ static std::int32_t attempt(const Dispatch* dispatch, std::int32_t* sequence) {
   vesk_request* req = dispatch->req;
   veskProxy* proxy = dispatch->proxy;
   beginOutcome(req, proxy);
+  beginSession(req, proxy);
   const std::int64_t begin = monotonicMicros();
   const std::int32_t result = proxy->handleRequest(req, proxy, dispatch->extra, sequence);
   const std::int64_t micros = monotonicMicros() - begin;

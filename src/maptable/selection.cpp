@@ -78,10 +78,12 @@ static Choice chooseByDrawAmong(ChoiceQuestion* question) {
 }
 
 // Counted with the first choice alone: an attempt that fails is counted for its server.
-static void countMovedSession(const vesk_request* req, const proxyList* list,
-                              const Choice& choice) {
-  if (choice.absentOwner < 0 || req->outcome.attempts > 0) return;
-  serverLostRequest(list->proxies[choice.absentOwner], true);
+static void noteMovedSession(vesk_request* req, const proxyList* list,
+                             const Choice& choice) {
+  if (choice.absentOwner < 0) return;
+  req->outcome.sessionOwner = list->proxies[choice.absentOwner];
+  if (req->outcome.attempts == 0)
+    serverLostRequest(list->proxies[choice.absentOwner], true);
 }
 
 static Choice choose(vesk_request* req, const proxyList* list, mappingBalance* balance) {
@@ -95,7 +97,7 @@ static Choice choose(vesk_request* req, const proxyList* list, mappingBalance* b
   if (question.drains) leaveOutDrained(&question, active);
   const Choice choice = chooseServer(question);
   tellAboutSession(req, list, choice);
-  countMovedSession(req, list, choice);
+  noteMovedSession(req, list, choice);
   if (choice.reason != ChoiceReason::drawNeeded) return choice;
   return question.drains ? chooseByDrawAmong(&question)
                          : chooseByDraw(req, list, balance, &question);

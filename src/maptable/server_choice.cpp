@@ -1,7 +1,6 @@
 #include "maptable/server_choice.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "maptable/vesk_session.h"
 #include "proxy/vesk_proxy.h"
@@ -92,16 +91,10 @@ static Choice runAlgorithm(const ChoiceQuestion& question) {
   }
 }
 
-// An empty id would own every session by a comparison of its first characters.
-bool ownsSession(const ServerState& server, const char* id) {
-  const char* own = server.replicationId;
-  return own && *own && std::strncmp(own, id, kReplicationIdLength) == 0;
-}
-
 // The owner is looked for among all: one that is out of service has buddies.
 static std::int32_t findOwner(const ChoiceQuestion& question) {
   for (std::int32_t i = 0; i < question.count; ++i)
-    if (ownsSession(question.servers[i], question.sessionId)) return i;
+    if (ownsSession(question.servers[i].replicationId, question.sessionId)) return i;
   return kNobody;
 }
 
@@ -111,7 +104,7 @@ static std::int32_t findBuddy(const ChoiceQuestion& question, const char* buddy)
   for (std::int32_t i = 0; i < question.count; ++i) {
     const ServerState& server = question.servers[i];
     if (!server.inService || server.drained) continue;
-    if (*buddy == kAnyBuddy || ownsSession(server, buddy)) return i;
+    if (*buddy == kAnyBuddy || ownsSession(server.replicationId, buddy)) return i;
   }
   return kNobody;
 }
@@ -152,9 +145,9 @@ bool readsServers(const ChoiceQuestion& question) {
 // A mapping's only server is chosen in any state: there is nobody else, and the attempt
 // shows whether it is back. But a drained one has its own sessions alone.
 static Choice chooseOnly(const ChoiceQuestion& question) {
-  const bool keeps =
-      !question.drains || !question.servers[0].drained ||
-      (asksForSession(question) && ownsSession(question.servers[0], question.sessionId));
+  const bool keeps = !question.drains || !question.servers[0].drained ||
+                     (asksForSession(question) &&
+                      ownsSession(question.servers[0].replicationId, question.sessionId));
   return keeps ? choiceOf(0, ChoiceReason::onlyServer)
                : nobody(ChoiceReason::noneEligible);
 }

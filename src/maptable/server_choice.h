@@ -72,9 +72,6 @@ struct Choice {
   std::int32_t absentOwner;  // the session's server, where it is out of service; or -1
 };
 
-// Whether a session id, or a buddy in one, begins with the server's replication id.
-[[nodiscard]] bool ownsSession(const ServerState& server, const char* id);
-
 // Whether an answer depends on more of the servers than their number and `active`.
 [[nodiscard]] bool readsServers(const ChoiceQuestion& question);
 

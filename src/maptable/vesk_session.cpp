@@ -4,7 +4,6 @@
 
 #include "context/memory.h"
 
-constexpr char kSessionName[] = "JSESSIONID";
 // From the start of the name to the value: the name and one separator.
 constexpr std::size_t kValueOffset = sizeof(kSessionName);
 constexpr char kBuddyMark[] = "TR";
@@ -42,6 +41,17 @@ char* getSessionId(vesk_request* req) {
     return session;
   }
   return req->uri ? sessionFromUri(req, req->uri) : nullptr;
+}
+
+// An empty id would own every session by a comparison of its first characters.
+bool ownsSession(const char* replicationId, const char* sessionId) {
+  return replicationId && *replicationId &&
+         std::strncmp(replicationId, sessionId, kReplicationIdLength) == 0;
+}
+
+std::string_view ownPart(const char* sessionId) {
+  const std::string_view id(sessionId, std::strcspn(sessionId, "; "));
+  return id.substr(0, id.find(kBuddyMark));
 }
 
 // The mark may stand anywhere, even within the owner's four bytes: that is how servers

@@ -1,7 +1,8 @@
 // What became of a request, left for the host and its logs in the host's variables:
 // `vesk-outcome` (served, broken, failed, declined), `vesk-server`, `vesk-attempts`,
 // `vesk-state` (the two letters of proxy/request_outcome.h), `vesk-time` (microseconds in
-// all attempts).
+// all attempts), and where a server has answered `vesk-session`: `none`, `kept`, `new`,
+// `moved:` with the name of the session's server, or `moved` where that isn't known.
 //
 // Left when the stage ends, and as the head leaves if the end is known by then: that of
 // an error page is.

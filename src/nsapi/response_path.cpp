@@ -14,6 +14,7 @@
 #include "context/privacy.h"
 #include "context/request_block.h"
 #include "context/text.h"
+#include "maptable/session_outcome.h"
 #include "nsapi/host_objects.h"
 #include "nsapi/outcome.h"
 
@@ -50,6 +51,7 @@ using HeaderTreatment = void (*)(vesk_request* req, const char* name, const char
 static void insertCookie(vesk_request* req, const char* name, const char* value) {
   req->trace(req, "   (insert)  %s: %.200s", name, shownValue(req, name, value));
   (void)pblock_nvinsert("set-cookie", value, requestOf(req)->srvhdrs);
+  noteSessionCookie(req, value);
 }
 
 // The browser talks to the web server: its name and its clock stand.

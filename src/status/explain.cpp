@@ -66,7 +66,7 @@ static void rankBuddies(const char* session, const Scene& scene, Explanation* ex
       explained->anyBuddyRank = rank;
     for (std::int32_t i = 0; i < explained->serverCount; ++i) {
       ExplainedServer* server = &explained->servers[i];
-      if (server->buddyRank == 0 && ownsSession(scene.servers[i], buddy))
+      if (server->buddyRank == 0 && ownsSession(scene.servers[i].replicationId, buddy))
         server->buddyRank = rank;
     }
   }

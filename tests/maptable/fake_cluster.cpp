@@ -8,6 +8,7 @@
 
 #include "context/guards.h"
 #include "context/vesk_mutex.h"
+#include "maptable/session_outcome.h"
 #include "maptable/table_lifecycle.h"
 #include "proxy/proxy_error.h"
 #include "proxy/proxy_lifecycle.h"
@@ -95,6 +96,7 @@ static std::int32_t fakeRequest(vesk_request* req, veskProxy* proxy, const char*
   current->forwarded += proxy->name + std::string(" ");
   const Reply reply = nextReply(serverOf(proxy));
   *sequence = reply.sequence;
+  if (reply.cookie) noteSessionCookie(req, reply.cookie);
   req->lastError = reply.error;
   if (reply.error == 0) return 0;
   if (reply.unreachable) takeOutOfService(req, proxy);

@@ -22,8 +22,9 @@
 struct Reply {
   std::int32_t error = 0;  // lastError of a failure; 0: served
   std::int32_t sequence = -1;
-  bool unreachable = false;  // the pool has marked the server
-  bool last = false;         // the server goes down
+  bool unreachable = false;      // the pool has marked the server
+  bool last = false;             // the server goes down
+  const char* cookie = nullptr;  // set before that
 };
 
 struct FakeServer {

@@ -110,6 +110,82 @@ TEST_F(Guarding, outcomeTellsWhoServedAndHowOften) {
   EXPECT_EQ(t.req->outcome.kind, kOutcomeDeclined);
 }
 
+// Two servers, A001 and B002, of which a:1 has the first turn.
+TEST_F(Guarding, outcomeTellsWhatBecameOfTheSession) {
+  constexpr char kA[] = "JSESSIONID=A001xyTRB002; b=2";
+  constexpr char kB[] = "JSESSIONID=B002xyTRA001";
+  constexpr char kFresh[] = "JSESSIONID=A001zzTRB002; Path=/";
+  struct Row {
+    std::uint32_t sticky;
+    const char* brought;
+    Reply first;
+    bool ownerGone;
+    std::int32_t session;
+    const char *server, *owner, *why;
+  };
+  const Row rows[] = {
+      {1, "", {}, false, kSessionNone, "a:1", "", "none was brought"},
+      {1, "", {.cookie = kFresh}, false, kSessionNew, "a:1", "", "the first visit"},
+      {1, "", {.cookie = "JSESSIONIDX=1"}, false, kSessionNone, "a:1", "", "no session"},
+      {1,
+       "",
+       {.error = ECONNRESET, .cookie = kFresh},
+       false,
+       kSessionNone,
+       "b:1",
+       "",
+       "a cookie of an attempt that failed"},
+      {1, kA, {}, false, kSessionKept, "a:1", "a:1", "the owner"},
+      {1,
+       kA,
+       {.cookie = "JSESSIONID=A001xyTRC003; Path=/"},
+       false,
+       kSessionKept,
+       "a:1",
+       "a:1",
+       "other buddies make no other session"},
+      {1,
+       kA,
+       {.cookie = "JSESSIONID=; Max-Age=0"},
+       false,
+       kSessionKept,
+       "a:1",
+       "a:1",
+       "the end of a session"},
+      {1, kA, {.cookie = kFresh}, false, kSessionNew, "a:1", "a:1", "logged in"},
+      {1, kA, {ECONNREFUSED, -1, true}, false, kSessionMoved, "b:1", "a:1", "tried"},
+      {1,
+       kB,
+       {.cookie = "JSESSIONID=A001xyTRB002"},
+       true,
+       kSessionMoved,
+       "a:1",
+       "b:1",
+       "out of service before, taken over"},
+      {1, "JSESSIONID=C003xy", {}, false, kSessionMoved, "a:1", "", "nobody's"},
+      {0, kA, {}, false, kSessionKept, "a:1", "a:1", "by chance"},
+      {0, kB, {}, false, kSessionMoved, "a:1", "", "nothing looks for the owner"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.why);
+    makeTable(nullptr, nullptr);
+    a.sticky = b.sticky = row.sticky;
+    a.replicationId = "A001";
+    b.replicationId = "B002";
+    join("a:1");
+    veskProxy* second = join("b:1");
+    if (row.ownerGone) setProxyActive(second, false);
+    a.replies = {row.first};
+    t.variables["cookie"] = row.brought;
+    t.req->outcome = {};
+    EXPECT_EQ(serve(), kRequestServed);
+    EXPECT_EQ(t.req->outcome.session, row.session);
+    EXPECT_STREQ(t.req->outcome.server, row.server);
+    const veskProxy* owner = t.req->outcome.sessionOwner;
+    EXPECT_STREQ(owner ? owner->name : "", row.owner);
+  }
+}
+
 // The list names a server that is down at the first request.
 TEST_F(Guarding, memberThatWasDownAtTheStartComesBackByItself) {
   for (const bool guarded : {false, true}) {

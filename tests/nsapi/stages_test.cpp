@@ -224,26 +224,44 @@ TEST_F(Stages, serviceResultFollowsOutcomeAndStatus) {
 TEST_F(Stages, outcomeIsLeftForTheHost) {
   const auto left = [this] {
     std::string texts;
-    for (const char* name : {"outcome", "server", "attempts", "state", "time"})
+    for (const char* name : {"outcome", "server", "attempts", "state", "time", "session"})
       texts +=
           FailingHost::get(host.request.vars, ("vesk-" + std::string(name)).c_str()) +
           " ";
     return texts;
   };
   // What the table has filled in; the guards; the result; what the host finds.
+  veskProxy owner{};
+  std::strcpy(owner.name, "c:7");
   const std::tuple<veskOutcome, std::uint32_t, int, const char*> rows[] = {
-      {{kOutcomeUnknown, 0, "", "", 0}, kAllGuards, REQ_PROCEED, "- - - - - "},
-      {{kOutcomeServed, 2, "b:7", "OK", 5000000000},
+      {{kOutcomeUnknown, 0, "", "", 0, kSessionNone, nullptr},
+       kAllGuards,
+       REQ_PROCEED,
+       "- - - - - - "},
+      {{kOutcomeServed, 2, "b:7", "OK", 5000000000, kSessionMoved, &owner},
        0,
        REQ_PROCEED,
-       "served b:7 2 OK 5000000000 "},
-      {{kOutcomeBroken, 1, "a:7", "BR", 7}, 0, REQ_PROCEED, "broken a:7 1 BR 7 "},
-      {{kOutcomeBroken, 1, "a:7", "BR", 7},
+       "served b:7 2 OK 5000000000 moved:c:7 "},
+      {{kOutcomeServed, 1, "b:7", "OK", 7, kSessionMoved, nullptr},
+       0,
+       REQ_PROCEED,
+       "served b:7 1 OK 7 moved "},
+      {{kOutcomeBroken, 1, "a:7", "BR", 7, kSessionNew, nullptr},
+       0,
+       REQ_PROCEED,
+       "broken a:7 1 BR 7 new "},
+      {{kOutcomeBroken, 1, "a:7", "BR", 7, kSessionKept, &owner},
        kAllGuards,
        REQ_ABORTED,
-       "broken a:7 1 BR 7 "},
-      {{kOutcomeFailed, 0, "", "", 0}, 0, REQ_PROCEED, "failed - 0 - 0 "},
-      {{kOutcomeDeclined, 0, "", "", 0}, 0, REQ_PROCEED, "declined - 0 - 0 "},
+       "broken a:7 1 BR 7 kept "},
+      {{kOutcomeFailed, 0, "", "", 0, kSessionMoved, &owner},
+       0,
+       REQ_PROCEED,
+       "failed - 0 - 0 - "},
+      {{kOutcomeDeclined, 0, "", "", 0, kSessionNone, nullptr},
+       0,
+       REQ_PROCEED,
+       "declined - 0 - 0 - "},
   };
   play.serveResult = kRequestFailed;
   play.responds = true;

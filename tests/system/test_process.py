@@ -20,7 +20,8 @@ def test_log_is_quiet_until_something_fails(site):
     host.wait_said("returning error page for 111 ")
 
 
-NOTES = " ".join(f"%{{{{VESK_{name}}}}}n" for name in ("SERVER", "ATTEMPTS", "STATE", "TIME"))
+NOTES = " ".join(f"%{{{{VESK_{name}}}}}n"
+                 for name in ("SERVER", "ATTEMPTS", "STATE", "TIME", "SESSION"))
 ACCESS_LOG = {
     "embedded": {"directives": ["AccessLog access.log"]},
     "httpd": {"extra": 'CustomLog "{folder}/access.log" "%h - %u %t '
@@ -45,9 +46,25 @@ def test_access_log_tells_who_answered_and_how_it_went(site):
     lines = wait_until(asked, "a line for each")
     for line in lines[:2]:
         assert re.fullmatch(r'127\.0\.0\.1 - - \[[^]]+] "GET /demo/bytes\?n=10 HTTP/1\.1" 200 10 "-" '
-                            r'"a\\(x22|")b" ' + servers[1].address + r" [12] \S\S \d+", line), line
-    assert "2" in [line.split()[-3] for line in lines[:2]], "one met the dead server"
-    assert re.search(r'"GET /file.txt HTTP/1.1" 200 6 "-" "\S+" - - - -$', lines[2])
+                            r'"a\\(x22|")b" ' + servers[1].address + r" [12] \S\S \d+ none", line), line
+    assert "2" in [line.split()[-4] for line in lines[:2]], "one met the dead server"
+    assert re.search(r'"GET /file.txt HTTP/1.1" 200 6 "-" "\S+" - - - - -$', lines[2])
+
+
+def test_access_log_tells_what_became_of_the_session(site):
+    servers = site.cluster(2)
+    host = site.host(servers[0], **ACCESS_LOG[os.environ.get("VESK_E2E_HOST", "embedded")])
+    wait_until(lambda: host.fetch("/demo/snoop").json()["server"]["rep_id"] == "s002", "both serve")
+    first = host.fetch("/demo/session")
+    cookie = [("Cookie", first.header("set-cookie").split(";")[0])]
+    [owner] = [one for one in servers if one.rep_id == first.json()["server"]["rep_id"]]
+    host.fetch("/demo/session", headers=cookie)
+    owner.kill()
+    host.fetch("/demo/session", headers=cookie)
+    log = site.folder / "access.log"
+    wait_until(lambda: sorted(line.split()[-1] for line in log.read_text().splitlines()
+                              if "/session" in line) ==
+               ["kept", "moved:" + owner.address, "new"], "a word for each")
 
 
 def test_check_only_checks(site):
