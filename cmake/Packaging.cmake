@@ -10,6 +10,7 @@ install(FILES "${PROJECT_BINARY_DIR}/packaging/vesk-host.conf"
         DESTINATION "${VESK_CONF_DIR}")
 install(FILES "${PROJECT_BINARY_DIR}/packaging/vesk-host.service"
         DESTINATION "${VESK_UNIT_DIR}")
+install(FILES packaging/vesk.lua DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/vesk")
 install(DIRECTORY host/examples/htdocs
         DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/vesk-host")
 
@@ -18,4 +19,5 @@ foreach(page mod_nsapi.8 vesk-backend.1 vesk-host.1)
   install(FILES "docs/man/${page}" DESTINATION "${CMAKE_INSTALL_MANDIR}/man${section}")
 endforeach()
 install(FILES README.md CHANGES.md docs/behaviour.md docs/guards.md docs/httpd.md
+  docs/operations.md
         DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/vesk-connector")
