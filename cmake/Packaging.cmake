@@ -19,5 +19,5 @@ foreach(page mod_nsapi.8 vesk-backend.1 vesk-host.1)
   install(FILES "docs/man/${page}" DESTINATION "${CMAKE_INSTALL_MANDIR}/man${section}")
 endforeach()
 install(FILES README.md CHANGES.md docs/behaviour.md docs/guards.md docs/httpd.md
-  docs/operations.md
+  docs/from-other-connectors.md docs/operations.md
         DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/vesk-connector")
