@@ -10,7 +10,8 @@ install(FILES "${PROJECT_BINARY_DIR}/packaging/vesk-host.conf"
         DESTINATION "${VESK_CONF_DIR}")
 install(FILES "${PROJECT_BINARY_DIR}/packaging/vesk-host.service"
         DESTINATION "${VESK_UNIT_DIR}")
-install(FILES packaging/vesk.lua DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/vesk")
+install(FILES packaging/vesk.lua packaging/vesk-alerts.yml packaging/vesk-grafana.json
+        DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/vesk")
 install(DIRECTORY host/examples/htdocs
         DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/vesk-host")
 
