@@ -1,13 +1,17 @@
-"""Alerts and dashboard of packaging/."""
+"""Alerts and dashboard of packaging/, against what the status page tells."""
 
 import json
 import pathlib
 import re
 import subprocess
 
+from processes import Host
+
 HERE = pathlib.Path(__file__).resolve().parent
 ALERTS = HERE.parents[1] / "packaging/vesk-alerts.yml"
 DASHBOARD = json.loads((HERE.parents[1] / "packaging/vesk-grafana.json").read_text())
+PAGE = 'Service fn="veskservice" report="status" path="/vesk-status"'
+NAME = re.compile(r"\bvesk_\w+")
 
 
 def promtool(*arguments):
@@ -38,3 +42,16 @@ def test_dashboard_asks_what_prometheus_understands(tmp_path):
     cells = [(x, y) for at in places for x in range(at["x"], at["x"] + at["w"])
              for y in range(at["y"], at["y"] + at["h"])]
     assert len(cells) == len(set(cells)) and max(cells)[0] == 23, "panels lie on each other"
+
+
+def test_page_tells_all_that_is_asked_for(site):
+    host = site.host(site.cluster(2)[0], stages=(PAGE, *Host.STAGES))
+    assert host.serves()
+    page = host.fetch("/vesk-status?format=prometheus").body.decode()
+    told = {re.sub(r"_(bucket|sum|count)$", "", name) for name in NAME.findall(page)}
+    asked = NAME.findall(re.sub(r"#.*|https?:\S+|/vesk-\S+", "", ALERTS.read_text()))
+    asked += [name for expr in expressions() for name in NAME.findall(expr)]
+    missing = {name for name in asked if re.sub(r"_bucket$", "", name) not in told}
+    assert not missing and len(set(asked)) > 12
+    kinds = set(re.findall(r'kind="(\w+)"', page))
+    assert {"busy", "client"} <= kinds, "alerts name them"
