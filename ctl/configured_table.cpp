@@ -75,6 +75,7 @@ void ConfiguredTable::fill(const Configuration& configuration) {
 
 std::vector<std::string> ConfiguredTable::absent() const {
   std::vector<std::string> names;
+  names.reserve(static_cast<std::size_t>(table->awaitedCount));
   for (std::int32_t i = 0; i < table->awaitedCount; ++i)
     names.emplace_back(table->awaited[i].name);
   return names;

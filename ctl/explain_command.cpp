@@ -51,14 +51,15 @@ static std::string encoded(const std::string& text) {
   constexpr char kDigits[] = "0123456789ABCDEF";
   constexpr unsigned kLowDigit = 15;
   std::string out;
-  for (const unsigned char c : text) {
-    if (std::isalnum(c) != 0 || c == '/' || c == '.' || c == '-') {
-      out += static_cast<char>(c);
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (std::isalnum(byte) != 0 || c == '/' || c == '.' || c == '-') {
+      out += c;
       continue;
     }
     out += '%';
-    out += kDigits[c >> 4U];
-    out += kDigits[c & kLowDigit];
+    out += kDigits[byte >> 4U];
+    out += kDigits[byte & kLowDigit];
   }
   return out;
 }

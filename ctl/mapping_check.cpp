@@ -90,7 +90,7 @@ static std::string firstPath(const HttpdLine& line) {
   std::string_view rest = line.text;
   while (!rest.empty()) {
     const std::string word(host::takeWord(&rest, host::kBlanks));
-    const std::string path(host::trimmed(word, "\""));
+    std::string path(host::trimmed(word, "\""));
     if (path.starts_with('/')) return path;
   }
   return "";
