@@ -15,10 +15,12 @@ install(FILES packaging/vesk.lua packaging/vesk-alerts.yml packaging/vesk-grafan
 install(DIRECTORY host/examples/htdocs
         DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/vesk-host")
 
-foreach(page mod_nsapi.8 vesk-backend.1 vesk-host.1)
+foreach(page mod_nsapi.8 vesk-backend.1 vesk-ctl.1 vesk-host.1)
   string(REGEX REPLACE ".*\\." "" section "${page}")
   install(FILES "docs/man/${page}" DESTINATION "${CMAKE_INSTALL_MANDIR}/man${section}")
 endforeach()
+install(FILES packaging/vesk-ctl.bash RENAME vesk-ctl
+        DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions")
 install(FILES README.md CHANGES.md docs/behaviour.md docs/guards.md docs/httpd.md
   docs/from-other-connectors.md docs/operations.md
         DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/vesk-connector")
