@@ -74,10 +74,9 @@ bool isPlainMiss(PatternMatch match) {
 
 // Whether lengths and single bytes make a pattern a plain miss. Most patterns of a long
 // table end here, before any text of theirs is fetched; what is ruled out here would fail
-// one of the full tests as well.
+// one of the full tests as well. One that is ignored is no plain miss: it is told of.
 static bool isRuledOut(const uriPattern& pattern, const MatchSubject& subject) {
-  if (isIgnored(pattern, subject)) return false;
-  if (!boundaryFits(pattern, subject)) return true;
+  if (!boundaryFits(pattern, subject)) return !isIgnored(pattern, subject);
   const auto length = static_cast<std::size_t>(pattern.prefixLength);
   if (pattern.contains || length == 0) return false;
   return length > subject.uri.size() || subject.uri[length - 1] != pattern.prefixEnd;
