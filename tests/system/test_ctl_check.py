@@ -7,7 +7,7 @@ import subprocess
 import pytest
 from conftest import Site
 from fake_server import set_answer
-from processes import BUILD
+from processes import BUILD, EmbeddedHost
 
 GOOD = 'fn="veskinit" bootstrap="{bootstrap}" guards="all" events="true"'
 FILTER, SERVE = 'fn="veskfilter"', 'type="vesk-internal/*" fn="veskservice"'
@@ -175,3 +175,22 @@ def test_explain_says_who_serves(cluster, tmp_path, url, more, winner, attempts)
     assert [one["reason"] for one in explained.get("attempts", [])] == attempts
     names = {one.address for one in cluster.servers}
     assert {one["server"] for one in explained.get("attempts", [])} == (names if winner else set())
+
+
+def test_explain_asks_a_running_web_server(site):
+    servers = site.cluster(2, mapcheck=5)
+    page = 'Service fn="veskservice" report="status" path="/vesk-status"'
+    web = site.host(servers[0], EmbeddedHost, stages=(*EmbeddedHost.STAGES[:1], page,
+                                                      *EmbeddedHost.STAGES[1:]), guards="all")
+    cookie = "JSESSIONID=s002abcd; a=&%"
+    assert web.fetch("/demo/snoop", headers=[("Cookie", cookie)]).status == 200
+    servers[1].kill()
+    assert web.fetch("/demo/snoop", headers=[("Cookie", cookie)]).status == 200
+    url = "http://%s:%s/vesk-status" % web.address
+    status, live = ctl("explain", "--from", url, "http://shop:80/demo/%61;x?y=/z", "--cookie", cookie)
+    assert (status, live["winner"], live["session"]["id"]) == (0, "/demo*", "s002abcd")
+    assert live["session"]["owner"] == servers[1].address
+    assert [one["in_service"] for one in live["servers"]] == [True, False]
+    assert [one["server"] for one in live["attempts"]] == [servers[0].address]
+    assert ctl("explain", "--from", url, "/other")[0] == 1
+    assert ctl("explain", "--from", url + "x", "/demo")[0] == 2
