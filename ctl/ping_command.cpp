@@ -46,11 +46,18 @@ static Cell remarkCell(const ServerFacts& facts) {
   return {"serves nothing: a web server wouldn't take it", Colour::warning};
 }
 
+// A name with its address: the connector's settings take that alone.
+static std::string serverText(const ServerFacts& facts) {
+  const bool same = facts.dotted.empty() || facts.dotted == facts.name;
+  const std::string address = facts.dotted.substr(0, facts.dotted.find(':'));
+  return same ? facts.name : facts.name + " (" + address + ")";
+}
+
 static std::vector<Cell> rowOf(const ServerFacts& facts) {
   if (facts.answerMillis.empty())
-    return {{facts.name, Colour::bad}, {facts.failure, Colour::bad}};
+    return {{serverText(facts), Colour::bad}, {facts.failure, Colour::bad}};
   const bool fine = facts.answers() && !facts.mappings.empty();
-  std::vector<Cell> row = {{facts.name, fine ? Colour::good : Colour::warning},
+  std::vector<Cell> row = {{serverText(facts), fine ? Colour::good : Colour::warning},
                            {millisText(facts.connectMillis) + " ms"},
                            {answerText(facts)},
                            valueCell(facts, "rep_id"),
