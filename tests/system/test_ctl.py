@@ -8,12 +8,13 @@ import signal
 import socket
 import ssl
 import subprocess
+import termios
 import threading
 
 import pytest
 from conftest import Site
-from fake_server import FINISH, PUT_PROPS, BUSY, client, status, text, word
-from processes import BUILD
+from fake_server import BUSY, FINISH, PUT_PROPS, client, status, text, word
+from processes import BUILD, Host, wait_until
 
 
 def ctl(*arguments, **options):
@@ -219,6 +220,64 @@ def test_nothing_of_an_answer_acts_on_a_terminal(site):
     os.close(terminal)
     assert shown == ("200 \\x1bc\nx: \\x1b[1m\n\n\\x1b[2J\\x0d\\xc2\\x9b5n\\xff"
                      "\\xe2\\x80\\xae\n\tgrün")
+
+
+def test_watch_shows_what_a_web_server_counts_and_what_servers_answer(site):
+    servers = site.cluster(2)
+    host = site.host(servers[0], events="true", stages=(
+        Host.STAGES[0], 'Service fn="veskservice" report="status" path="/st"', Host.STAGES[1]))
+    for _ in range(10):
+        assert host.fetch("/demo/snoop").status == 200
+    page = "http://%s:%d/st" % host.address
+    code, seen = ctl_json("watch", page, "--count", 1)
+    assert code == 0 and sum(one["requests"] for one in seen["servers"]) == 10
+    servers[1].kill()
+    wait_until(lambda: host.fetch("/demo/snoop") and host.said("DOWN connect"), "down")
+    code, out, _ = ctl("watch", page, "--count", 1)
+    rows = [line.split() for line in out.decode().splitlines() if line[:4] == "127."]
+    assert code == 0
+    assert {row[0]: row[1].strip(",") for row in rows} == {
+        servers[0].address: "up", servers[1].address: "down"}
+    assert f"vesk server {servers[1].address} DOWN connect: refused" in out.decode()
+    code, seen = ctl_json("watch", host.path("conf"), "--count", 1)
+    assert code == 0 and [(one["state"], one["failure"]) for one in seen["servers"]] == [
+        ("up", None), ("down", "refused")]
+
+
+@pytest.mark.parametrize("answer, told", [
+    (http, "status 400 Bad Request"),
+    (says(b"HTTP/1.0 200 OK\r\ncontent-length: 13\r\n\r\n{\"servers\":1}"),
+     "not the status page of a connector"),
+    (says(b"HTTP/1.0 200 OK\r\ncontent-length: 99999999\r\n\r\n"), "body limit exceeded"),
+    (silent, "timeout"),
+])
+def test_watch_tells_what_is_no_status_page(listen, answer, told):
+    code, out, _ = ctl("watch", f"http://{listen(answer)}/", "-c", 1, "--timeout", 0.5)
+    assert code == 2 and told in out.decode()
+
+
+@pytest.mark.parametrize("end", ["q", signal.SIGINT, signal.SIGTERM])
+def test_watch_leaves_the_terminal_as_it_was(listen, end):
+    """While it waits for a web server that doesn't answer."""
+    terminal, other = pty.openpty()
+    before = termios.tcgetattr(other)
+    with subprocess.Popen([BUILD / "bin/vesk-ctl", "watch", f"http://{listen(silent)}/"],
+                          stdin=other, stdout=other) as watch:
+        shown = b""
+        while b"http://" not in shown:
+            shown += os.read(terminal, 65536)
+        assert termios.tcgetattr(other) != before
+        if end == "q":
+            os.write(terminal, b"q")
+        else:
+            watch.send_signal(end)
+        assert watch.wait(3) == 0
+    shown += os.read(terminal, 65536)
+    assert termios.tcgetattr(other) == before
+    for entered, left in ("\033[?1049h", "\033[?1049l"), ("\033[?25l", "\033[?25h"):
+        assert shown.find(entered.encode()) < shown.find(left.encode())
+    os.close(other)
+    os.close(terminal)
 
 
 @pytest.mark.parametrize("arguments", [
