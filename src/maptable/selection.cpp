@@ -69,12 +69,12 @@ static Choice chooseByDraw(vesk_request* req, const proxyList* list,
 }
 
 // While a server is drained the sums of the mapping, which count it, are left alone.
-static Choice chooseByDrawAmong(ChoiceQuestion* question) {
+static Choice chooseByDrawAmong(ChoiceQuestion question) {
   std::uint64_t sums[kMaxProxies];
-  const std::int64_t total = sumWeights(*question, sums);
-  question->weightSums = sums;
-  if (total > 0) question->drawn = drawBelow(total);
-  return chooseServer(*question);
+  const std::int64_t total = sumWeights(question, sums);
+  question.weightSums = sums;
+  if (total > 0) question.drawn = drawBelow(total);
+  return chooseServer(question);
 }
 
 // Counted with the first choice alone: an attempt that fails is counted for its server.
@@ -99,7 +99,7 @@ static Choice choose(vesk_request* req, const proxyList* list, mappingBalance* b
   tellAboutSession(req, list, choice);
   noteMovedSession(req, list, choice);
   if (choice.reason != ChoiceReason::drawNeeded) return choice;
-  return question.drains ? chooseByDrawAmong(&question)
+  return question.drains ? chooseByDrawAmong(question)
                          : chooseByDraw(req, list, balance, &question);
 }
 

@@ -1,3 +1,4 @@
+#include "proxy/proxy_settings.h"
 #include "status/explain_page.h"
 #include "status/explain_words.h"
 #include "status/html_page.h"
@@ -116,7 +117,7 @@ static void addServer(TextBuffer* page, const Explanation& explained,
 }
 
 static void addServers(TextBuffer* page, const Explanation& explained) {
-  put(page, "<h2>Its servers, balanced by ", algorithmWord(explained.algorithm),
+  put(page, "<h2>Its servers, balanced by ", algorithmName(explained.algorithm),
       explained.sticky ? ", sessions stay" : "", "</h2>\n");
   beginTable(page, {"Server", "State", "Replication id", "Weight"});
   for (std::int32_t i = 0; i < explained.serverCount; ++i)

@@ -1,7 +1,7 @@
+#include "proxy/proxy_settings.h"
 #include "status/explain_page.h"
 #include "status/explain_words.h"
 #include "status/json_parts.h"
-#include "status/status_snapshot.h"
 
 static void writeWords(TextBuffer* page, const char* name, const ExplainWords& words) {
   jsonText(page, name, words.word);
@@ -96,7 +96,7 @@ static void writeServers(TextBuffer* page, const Explanation& explained) {
 static void writeChoice(TextBuffer* page, const Explanation& explained) {
   writeSession(page, explained);
   jsonComma(page);
-  jsonText(page, "algorithm", algorithmWord(explained.algorithm));
+  jsonText(page, "algorithm", algorithmName(explained.algorithm));
   jsonComma(page);
   jsonTruth(page, "sticky", explained.sticky);
   add(page, ",\"choice\":{");

@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "proxy/proxy_settings.h"
 #include "status/html_page.h"
 #include "status/status_format.h"
 
@@ -107,7 +108,7 @@ static void addServer(TextBuffer* page, const statusSnapshot& snapshot,
   put(page, "</small></span></td>");
   addState(page, server, snapshot.now);
   cell(page, "Weight", "n");
-  put(page, "<span>", server.weight, "<small>", algorithmWord(server.algorithm),
+  put(page, "<span>", server.weight, "<small>", algorithmName(server.algorithm),
       server.sticky ? ", sticky" : "", "</small></span></td>");
   numberCell(page, "Requests", attemptsOf(counters));
   addErrors(page, counters);

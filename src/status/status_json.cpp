@@ -1,3 +1,4 @@
+#include "proxy/proxy_settings.h"
 #include "status/json_parts.h"
 #include "status/status_format.h"
 
@@ -64,7 +65,7 @@ static void writeServer(TextBuffer* page, const statusServer& server, std::int64
   jsonComma(page);
   jsonNumber(page, "weight", server.weight);
   jsonComma(page);
-  jsonText(page, "algorithm", algorithmWord(server.algorithm));
+  jsonText(page, "algorithm", algorithmName(server.algorithm));
   jsonComma(page);
   jsonTruth(page, "sticky", server.sticky);
   jsonComma(page);

@@ -167,23 +167,6 @@ const char* stateWord(const statusServer& server) {
   }
 }
 
-const char* algorithmWord(std::uint32_t algorithm) {
-  switch (algorithm) {
-    case BALANCE_ROUNDROBIN:
-      return "round robin";
-    case BALANCE_ROUNDROBIN_WEIGHTED:
-      return "weighted round robin";
-    case BALANCE_MIN:
-      return "smallest weight";
-    case BALANCE_MAX:
-      return "largest weight";
-    case BALANCE_RANDOM_WEIGHTED:
-      return "weighted random";
-    default:
-      return "unknown";
-  }
-}
-
 const char* errorKindWord(std::int32_t kind) {
   static constexpr const char* kWords[kErrorKinds] = {
       "refused", "timeout", "reset", "busy", "protocol", "client", "memory", "other"};

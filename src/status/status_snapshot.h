@@ -79,7 +79,6 @@ void freeSnapshot(vesk_request* req, statusSnapshot* snapshot);
 
 // Words for what stands in one.
 [[nodiscard]] const char* stateWord(const statusServer& server);
-[[nodiscard]] const char* algorithmWord(std::uint32_t algorithm);
 // By the position in kErrorLetters.
 [[nodiscard]] const char* errorKindWord(std::int32_t kind);
 // Attempts that have ended, well or not.
