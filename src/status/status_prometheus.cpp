@@ -8,26 +8,28 @@ struct ServerMetric {
   std::int64_t (*value)(const statusServer& server);
 };
 
+constexpr const char* kGauge = "gauge";
+constexpr const char* kCounter = "counter";
+
 constexpr ServerMetric kServerMetrics[] = {
-    {"vesk_server_up", "gauge",
+    {"vesk_server_up", kGauge,
      "1 while the server is in service, as this process sees it.",
      [](const statusServer& server) -> std::int64_t {
        return server.state == kServerUp;
      }},
-    {"vesk_server_draining", "gauge", "1 while the server gets no new sessions.",
+    {"vesk_server_draining", kGauge, "1 while the server gets no new sessions.",
      [](const statusServer& server) -> std::int64_t { return server.drained; }},
-    {"vesk_server_weight", "gauge", "Weight that the server has told last.",
+    {"vesk_server_weight", kGauge, "Weight that the server has told last.",
      [](const statusServer& server) { return server.weight; }},
-    {"vesk_server_active_requests", "gauge", "Requests of this process that it works on.",
+    {"vesk_server_active_requests", kGauge, "Requests of this process that it works on.",
      [](const statusServer& server) -> std::int64_t { return server.running; }},
-    {"vesk_server_idle_connections", "gauge",
-     "Connections of this process that lie idle.",
+    {"vesk_server_idle_connections", kGauge, "Connections of this process that lie idle.",
      [](const statusServer& server) -> std::int64_t { return server.idle; }},
-    {"vesk_server_state_since_seconds", "gauge", "When its state has changed last.",
+    {"vesk_server_state_since_seconds", kGauge, "When its state has changed last.",
      [](const statusServer& server) { return server.since; }},
-    {"vesk_server_requests_total", "counter", "Attempts on the server that have ended.",
+    {"vesk_server_requests_total", kCounter, "Attempts on the server that have ended.",
      [](const statusServer& server) { return attemptsOf(server.counters); }},
-    {"vesk_server_retries_total", "counter", "Attempts behind one that failed elsewhere.",
+    {"vesk_server_retries_total", kCounter, "Attempts behind one that failed elsewhere.",
      [](const statusServer& server) { return server.counters.takenOver; }},
 };
 
@@ -59,12 +61,20 @@ static void end(TextBuffer* page, std::int64_t value) {
   add(page, "\n");
 }
 
+// A server that has left the cluster's list has no state any more: as one that is not up
+// it would be an alarm for good. What it has been asked stays counted.
+static bool isTold(const ServerMetric& metric, const statusServer& server) {
+  return metric.type == kCounter || server.state != kServerGone;
+}
+
 static void writeServerMetric(TextBuffer* page, const statusSnapshot& snapshot,
                               const ServerMetric& metric) {
   head(page, metric.name, metric.type, metric.help);
   for (std::int32_t i = 0; i < snapshot.serverCount; ++i) {
-    begin(page, metric.name, snapshot.servers[i]);
-    end(page, metric.value(snapshot.servers[i]));
+    const statusServer& server = snapshot.servers[i];
+    if (!isTold(metric, server)) continue;
+    begin(page, metric.name, server);
+    end(page, metric.value(server));
   }
 }
 

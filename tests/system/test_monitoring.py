@@ -5,7 +5,7 @@ import pathlib
 import re
 import subprocess
 
-from processes import Host
+from processes import Host, wait_until
 
 HERE = pathlib.Path(__file__).resolve().parent
 ALERTS = HERE.parents[1] / "packaging/vesk-alerts.yml"
@@ -55,3 +55,20 @@ def test_page_tells_all_that_is_asked_for(site):
     assert not missing and len(set(asked)) > 12
     kinds = set(re.findall(r'kind="(\w+)"', page))
     assert {"busy", "client"} <= kinds, "alerts name them"
+
+
+def test_server_that_has_left_is_no_alarm(site):
+    servers = site.cluster(2)
+    host = site.host(servers[0], stages=(PAGE, *Host.STAGES), guards="all")
+    left = servers[1].address
+
+    def lines():
+        assert host.serves()
+        page = host.fetch("/vesk-status?format=prometheus").body.decode()
+        return dict(re.findall(rf'^(\w+){{server="{left}"}} (\d+)', page, re.M))
+
+    wait_until(lambda: int(lines().get("vesk_server_requests_total", 0)) > 0, "both serve")
+    assert lines()["vesk_server_up"] == "1"
+    site.write_cluster(2, servers[:1])
+    wait_until(lambda: "vesk_server_up" not in lines(), "it has left")
+    assert int(lines()["vesk_server_requests_total"]) > 0
