@@ -39,7 +39,8 @@ def test_each_change_has_its_line_where_the_option_asks_for_it(site, guards, eve
         f" -> 3:ANY -{two}", f"vesk mappings of {two}: +/shop/* -*.jsp",
         f"vesk server {two} DOWN connect: refused (up NUMBERs, 1 of 2 left)",
         f"vesk server {two} UP after NUMBERs; NUMBER request",
-        "vesk request GET /demo/snoop failed: 2 attempts, 127.0.0.1:NUMBER refused, "]
+        # As many as the thread that asks servers hasn't met before.
+        "vesk request GET /demo/snoop failed: NUMBER attempt"]
     for line in expected if events == "true" else ():
         words = re.escape(line).replace("NUMBER", "[0-9]+").replace("ANY", ".*")
         wait_until(lambda w=words: host.fetch("/demo/") and any(
