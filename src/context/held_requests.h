@@ -44,10 +44,14 @@ struct QuestionScope {
 
 // A request that is about to wait: from here until it has passed, or its scope ends.
 // Where nobody asks anything that is two relaxed loads; else it is also the request's
-// look at the lines that are held back.
+// look at the lines that are held back. Where it won't be held by a question, since a
+// thread asks without the table's lock, it is not counted, and that thread does the
+// looking.
 struct WaitingRequest {
-  explicit WaitingRequest(vesk_request* owner)
-      : req(owner), looked(eventsWait()), counted(looked && enter(owner)) {}
+  explicit WaitingRequest(vesk_request* owner, bool held = true)
+      : req(owner),
+        looked(!held || eventsWait()),
+        counted(held && looked && enter(owner)) {}
   ~WaitingRequest() {
     pass();
   }

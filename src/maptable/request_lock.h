@@ -11,7 +11,8 @@
 #include "maptable/vesk_maptable_impl.h"
 
 struct RequestLock {
-  RequestLock(mappingsTable* owner, vesk_request* req) : table(owner), waiting(req) {
+  RequestLock(mappingsTable* owner, vesk_request* req)
+      : table(owner), waiting(req, !owner->queue) {
     if (isSyncHeld(&table->tableMutexHeld))
       waitForTable(table, req);
     else

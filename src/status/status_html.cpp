@@ -244,7 +244,8 @@ static void addTiles(TextBuffer* page, const statusSnapshot& snapshot,
   tile(page, "requests failed or broken", lost > 0 ? "bad" : "", lost);
   tile(page, "attempts taken over", totals.takenOver > 0 ? "warn" : "", totals.takenOver);
   tile(page, "active now", "", totals.running);
-  tile(page, "number of the cluster's list", "", snapshot.sequence);
+  if (snapshot.sequence != 0)  // else it is asked for with the next answer
+    tile(page, "number of the cluster's list", "", snapshot.sequence);
   put(page, "<div class=\"tile\"><b>", snapshot.lockWaits,
       "</b><span>waits for the table, ");
   addMicros(page, snapshot.lockMicros);
