@@ -41,6 +41,14 @@ static void addMapping(TextBuffer* page, const ExplainedMapping& mapping) {
   put(page, wordsOf(mapping.match).sentence, "</td></tr>\n");
 }
 
+static void addVerdict(TextBuffer* page, const Explanation& explained) {
+  if (explained.winner < 0)
+    return put(page, "<h2>No mapping takes it: the web server serves it itself</h2>\n");
+  put(page, "<h2><code>");
+  addHtml(page, explained.mappings[explained.winner].pattern);
+  put(page, "</code> takes the request</h2>\n");
+}
+
 static void addMappings(TextBuffer* page, const Explanation& explained) {
   put(page, "<h2>Mappings, in the order in which they are tried</h2>\n");
   const std::int32_t first =
@@ -119,7 +127,7 @@ static void addServer(TextBuffer* page, const Explanation& explained,
 static void addServers(TextBuffer* page, const Explanation& explained) {
   put(page, "<h2>Its servers, balanced by ", algorithmName(explained.algorithm),
       explained.sticky ? ", sessions stay" : "", "</h2>\n");
-  beginTable(page, {"Server", "State", "Replication id", "Weight"});
+  beginTable(page, {"Server", "State", "Replication id", "#Weight"});
   for (std::int32_t i = 0; i < explained.serverCount; ++i)
     addServer(page, explained, explained.servers[i]);
   endTable(page);
@@ -145,13 +153,12 @@ static void addAttempts(TextBuffer* page, const Explanation& explained) {
 void writeExplanationHtml(TextBuffer* page, const ExplainedUrl& asked,
                           const Explanation& explained) {
   beginExplainPage(page, asked);
-  addMappings(page, explained);
-  if (explained.winner < 0) {
-    put(page, "<p>No mapping takes it: the web server serves it itself.</p>\n");
-  } else {
+  addVerdict(page, explained);
+  if (explained.winner >= 0) {
+    addAttempts(page, explained);
     addSession(page, explained);
     addServers(page, explained);
-    addAttempts(page, explained);
   }
+  addMappings(page, explained);
   endPage(page);
 }

@@ -36,7 +36,9 @@ void addPart(TextBuffer* page, std::int64_t number) {
 }
 
 void beginTable(TextBuffer* page, std::initializer_list<const char*> heads) {
-  put(page, "<div class=\"card\"><table class=\"stack\"><thead><tr>");
+  constexpr std::size_t kNarrowColumns = 3;  // that many fit into any window
+  put(page, "<div class=\"card\"><table",
+      heads.size() > kNarrowColumns ? " class=\"stack\"" : "", "><thead><tr>");
   for (const char* head : heads) {
     const bool number = *head == '#';
     put(page, number ? "<th class=\"n\">" : "<th>", number ? head + 1 : head, "</th>");

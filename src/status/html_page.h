@@ -21,7 +21,8 @@ void put(TextBuffer* page, Parts... parts) {
   (addPart(page, parts), ...);
 }
 
-// A head that begins with '#' stands above numbers.
+// A head that begins with '#' stands above numbers. Where the window is narrow, the cells
+// of a row with more than three of them stand below each other.
 void beginTable(TextBuffer* page, std::initializer_list<const char*> heads);
 void endTable(TextBuffer* page);
 // The begin of a cell: its label stands in front of it where the window is narrow.

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <numeric>
 
 #include "proxy/proxy_settings.h"
 #include "status/html_page.h"
@@ -18,15 +19,13 @@ static std::uint32_t highest(const std::uint32_t* counts) {
   return std::max(1U, *std::max_element(counts, counts + kTrendSlots));
 }
 
+constexpr std::int64_t kTrendHeight = 36;
+
 // The slot that still runs would end each line with a fall: it is left out.
-static void addLine(TextBuffer* page, const char* classes, const std::uint32_t* counts,
-                    std::uint32_t top) {
+static void addPoints(TextBuffer* page, const std::uint32_t* counts, std::uint32_t top) {
   constexpr std::int32_t kStep = 10;
-  constexpr std::int64_t kHeight = 36;
-  put(page, "<polyline class=\"", classes, "\" points=\"");
   for (std::int32_t i = 0; i + 1 < kTrendSlots; ++i)
-    put(page, i * kStep, ",", kHeight + 2 - kHeight * counts[i] / top, " ");
-  put(page, "\"/>");
+    put(page, i * kStep, ",", kTrendHeight + 2 - kTrendHeight * counts[i] / top, " ");
 }
 
 static void addTrend(TextBuffer* page, const serverCounters& counters, std::int64_t now) {
@@ -39,10 +38,11 @@ static void addTrend(TextBuffer* page, const serverCounters& counters, std::int6
       "<svg viewBox=\"0 0 280 40\" preserveAspectRatio=\"none\" role=\"img\" "
       "aria-label=\"at most ",
       top, " requests in ", kTrendSeconds, " seconds\">");
-  addLine(page, "line", all, top);
-  if (highest(errors) > 1 || std::count(errors, errors + kTrendSlots, 0U) != kTrendSlots)
-    addLine(page, "err", errors, top);
-  put(page, "</svg>");
+  put(page, "<polygon class=\"err\" points=\"0,", kTrendHeight + 2, " ");
+  addPoints(page, errors, top);
+  put(page, "280,", kTrendHeight + 2, "\"/><polyline class=\"line\" points=\"");
+  addPoints(page, all, top);
+  put(page, "\"/></svg>");
 }
 
 static void addState(TextBuffer* page, const statusServer& server, std::int64_t now) {
@@ -176,7 +176,7 @@ static void addJournal(TextBuffer* page, const statusSnapshot& snapshot) {
   beginTable(page, {"When", "What"});
   for (std::int32_t i = snapshot.eventCount; i-- > 0;) {
     put(page, "<tr>");
-    cell(page, "", "soft log");
+    cell(page, "", "soft log when");
     addTime(page, snapshot.events[i].time);
     put(page, "</td>");
     cell(page, "", eventClass(snapshot.events[i].text));
@@ -213,10 +213,11 @@ struct Totals {
   std::int64_t running;
   std::int64_t errors;
   std::int64_t takenOver;
-  std::int64_t lastSlot;  // attempts of the last slot that is over
+  std::int64_t lastMinute;  // attempts, without the slot that still runs
 };
 
 static Totals totalsOf(const statusSnapshot& snapshot) {
+  constexpr std::int32_t kMinuteSlots = 60 / kTrendSeconds;
   Totals totals{};
   for (std::int32_t i = 0; i < snapshot.serverCount; ++i) {
     const statusServer& server = snapshot.servers[i];
@@ -227,7 +228,9 @@ static Totals totalsOf(const statusSnapshot& snapshot) {
     totals.running += server.running;
     totals.errors += errorsOf(server.counters);
     totals.takenOver += server.counters.takenOver;
-    totals.lastSlot += counts[kTrendSlots - 2];
+    const std::uint32_t* running = counts + kTrendSlots - 1;
+    totals.lastMinute +=
+        std::accumulate(running - kMinuteSlots, running, std::int64_t{0});
   }
   return totals;
 }
@@ -237,7 +240,7 @@ static void addTiles(TextBuffer* page, const statusSnapshot& snapshot,
   put(page, "<div class=\"tiles\"><div class=\"tile\"><b class=\"",
       totals.up == totals.listed && totals.up > 0 ? "good" : "bad", "\">", totals.up,
       " of ", totals.listed, "</b><span>servers up</span></div>");
-  tile(page, "requests per second", "", totals.lastSlot / kTrendSeconds);
+  tile(page, "attempts in the last minute", "", totals.lastMinute);
   tile(page, "requests served", "", snapshot.requests[kOutcomeServed]);
   const std::int64_t lost =
       snapshot.requests[kOutcomeFailed] + snapshot.requests[kOutcomeBroken];
@@ -254,8 +257,9 @@ static void addTiles(TextBuffer* page, const statusSnapshot& snapshot,
 
 static void addHeading(TextBuffer* page, const statusSnapshot& snapshot) {
   put(page, "<h1>Vesk connector</h1><p class=\"soft\">", snapshot.version, ", process ",
-      snapshot.pid, " of ", std::max<std::int64_t>(snapshot.processes, 1),
-      snapshot.shared ? "; counts of all processes since " : "; its own counts since ");
+      snapshot.pid);
+  if (snapshot.processes > 1) put(page, ", one of ", snapshot.processes);
+  put(page, snapshot.shared ? "; counts of all since " : "; its own counts since ");
   addTime(page, snapshot.started);
   put(page, "; now ");
   addTime(page, snapshot.now);

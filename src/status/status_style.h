@@ -27,6 +27,7 @@ border-bottom:1px solid var(--line)}
 tr:last-child td{border-bottom:0}
 th{color:var(--soft);font-weight:600;font-size:.8rem;white-space:nowrap}
 .n{text-align:right;font-variant-numeric:tabular-nums;white-space:nowrap}
+.when{width:1%;white-space:nowrap}
 code,.log{font-family:ui-monospace,SFMono-Regular,Menlo,Consolas,monospace;font-size:.86em;
 overflow-wrap:anywhere}
 td small{display:block;color:var(--soft)}
@@ -35,12 +36,14 @@ td small{display:block;color:var(--soft)}
 margin-right:.4em;background:currentColor}
 svg{display:block;width:9rem;height:2.1rem}
 .line{fill:none;stroke:var(--blue);stroke-width:2}
-.err{fill:none;stroke:var(--bad);stroke-width:2}
+.err{fill:var(--bad);opacity:.7}
 button,input{font:inherit;color:inherit;background:var(--back);border:1px solid var(--line);
 border-radius:.4rem;padding:.2rem .6rem}
-button{cursor:pointer}input[type=text]{width:min(34rem,100%)}
-form{margin:0}
-@media(max-width:46rem){body{padding:.7rem}
+button{cursor:pointer;white-space:nowrap}input[type=text]{width:min(34rem,100%)}
+form{margin:0}label{display:grid;grid-template-columns:12rem minmax(0,34rem);
+gap:0 .8rem;align-items:center}
+@media(max-width:46rem){body{padding:.7rem}label{display:block}.when{white-space:normal;
+overflow-wrap:normal}
 .stack thead{display:none}.stack tr{display:block;padding:.5rem .2rem;
 border-bottom:1px solid var(--line)}
 .stack td{display:flex;justify-content:space-between;gap:1rem;border:0;padding:.15rem .5rem;
