@@ -61,14 +61,14 @@ static void addState(TextBuffer* page, const statusServer& server, std::int64_t 
 static void addErrors(TextBuffer* page, const serverCounters& counters) {
   const std::int64_t all = errorsOf(counters);
   cell(page, "Errors", all > 0 ? "n bad" : "n");
-  put(page, "<span>", all, "<small>");
-  const char* separator = "";
+  put(page, "<span>", all);
+  const char* separator = "<small>";
   for (std::int32_t i = 0; i < kErrorKinds; ++i) {
     if (counters.errors[i] == 0) continue;
     put(page, separator, errorKindWord(i), " ", counters.errors[i]);
     separator = "<br>";
   }
-  put(page, "</small></span></td>");
+  put(page, all > 0 ? "</small></span></td>" : "</span></td>");
 }
 
 static void addTimes(TextBuffer* page, const serverCounters& counters) {
@@ -141,6 +141,7 @@ static void addServers(TextBuffer* page, const statusSnapshot& snapshot) {
 
 static void addMappings(TextBuffer* page, const statusSnapshot& snapshot) {
   put(page, "<h2>Mappings, in the order in which they are tried</h2>\n");
+  if (snapshot.mappingCount == 0) return put(page, "<p class=\"soft\">none</p>\n");
   beginTable(page, {"Pattern", "#Requests", "#Servers in service"});
   const std::int32_t shown = std::min(snapshot.mappingCount, kShownMappings);
   for (std::int32_t i = 0; i < shown; ++i) {
