@@ -128,10 +128,12 @@ static void writeHistograms(TextBuffer* page, const statusSnapshot& snapshot) {
 
 static void writeMappings(TextBuffer* page, const statusSnapshot& snapshot) {
   constexpr const char* kName = "vesk_mapping_hits_total";
-  // Thousands of series that say nothing would be a burden.
+  // Thousands of series that say nothing would be a burden, and two of the same name
+  // would make a scraper refuse all.
   head(page, kName, "counter", "Requests of a mapping, of those that had any.");
   for (std::int32_t i = 0; i < snapshot.mappingCount; ++i) {
-    if (snapshot.mappings[i].hits == 0) continue;
+    if (snapshot.mappings[i].hits == 0 || !isShownWhole(snapshot.mappings[i].pattern))
+      continue;
     add(page, kName);
     add(page, "{mapping=");
     addLabel(page, snapshot.mappings[i].pattern);

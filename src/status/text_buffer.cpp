@@ -72,24 +72,32 @@ static std::size_t characterLength(std::string_view text) {
   return wrong ? 0 : length;
 }
 
+// Bytes of the character that a text begins with, as long as it can be shown; else 0.
+static std::size_t shownLength(std::string_view text) {
+  constexpr char kFirstPrintable = ' ';
+  constexpr char kDelete = 0x7F;
+  const char first = text.front();
+  if ((static_cast<std::uint8_t>(first) & 0x80) != 0) return characterLength(text);
+  return first < kFirstPrintable || first == kDelete ? 0 : 1;
+}
+
+bool isShownWhole(std::string_view foreign) {
+  while (!foreign.empty()) {
+    const std::size_t length = shownLength(foreign);
+    if (length == 0) return false;
+    foreign.remove_prefix(length);
+  }
+  return true;
+}
+
 // How one place takes the bytes that would end it: null as they are.
 using Escape = const char* (*)(char byte);
 
 static void addForeign(TextBuffer* text, std::string_view foreign, Escape escape) {
-  constexpr char kFirstPrintable = ' ';
-  constexpr char kDelete = 0x7F;
   while (!foreign.empty()) {
-    const char byte = foreign.front();
-    std::size_t length = 1;
-    if ((static_cast<std::uint8_t>(byte) & 0x80) != 0) {
-      length = characterLength(foreign);
-      add(text, length > 0 ? beginOf(foreign, length) : "?");
-    } else if (byte < kFirstPrintable || byte == kDelete) {
-      add(text, "?");
-    } else {
-      const char* escaped = escape(byte);
-      add(text, escaped ? std::string_view(escaped) : beginOf(foreign, 1));
-    }
+    const std::size_t length = shownLength(foreign);
+    const char* escaped = length == 0 ? "?" : escape(foreign.front());
+    add(text, escaped ? std::string_view(escaped) : beginOf(foreign, length));
     foreign.remove_prefix(std::max<std::size_t>(length, 1));
   }
 }

@@ -30,6 +30,10 @@ void addNumber(TextBuffer* text, std::int64_t number);
 // Microseconds as seconds with six digits behind the point.
 void addSeconds(TextBuffer* text, std::int64_t micros);
 
+// Whether a text of others would stand there with all its characters: two that differ
+// in the others alone look the same.
+[[nodiscard]] bool isShownWhole(std::string_view foreign);
+
 void addHtml(TextBuffer* text, std::string_view foreign);   // content or attribute
 void addJson(TextBuffer* text, std::string_view foreign);   // with the quotes around it
 void addLabel(TextBuffer* text, std::string_view foreign);  // the same, of a metric
