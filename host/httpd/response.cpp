@@ -108,6 +108,15 @@ std::int64_t putHead(request_rec* r, const HostRequest* request) {
   return length;
 }
 
+// httpd writes Allow by itself, from the methods that it knows to be allowed.
+static void allowMethods(request_rec* r, const char* list) {
+  char* rest = nullptr;
+  for (char* method = apr_strtok(apr_pstrdup(r->pool, list), ", ", &rest); method;
+       method = apr_strtok(nullptr, ", ", &rest)) {
+    ap_method_list_add(r->allowed_methods, method);
+  }
+}
+
 // httpd sends an error page with the headers of the error table alone.
 void putErrorHead(request_rec* r, const HostRequest* request) {
   putStatus(r, request->status_num, request->reason);
@@ -119,6 +128,7 @@ void putErrorHead(request_rec* r, const HostRequest* request) {
     }
     const char* value = sendableValue(r, param);
     if (!value) continue;
+    if (equalsNoCase(param->name, "allow")) allowMethods(r, value);
     apr_table_addn(r->err_headers_out, apr_pstrdup(r->pool, param->name), value);
   }
 }
