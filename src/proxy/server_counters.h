@@ -20,8 +20,8 @@
 constexpr char kErrorLetters[] = "RTXBPCMO";
 constexpr std::int32_t kErrorKinds = sizeof kErrorLetters - 1;
 
-// Response times are sorted into ranges of a quarter of an octave: a quantile is within
-// an eighth of the truth. The last range ends at 2^27 us and takes all that is longer.
+// Response times are sorted into ranges of a quarter of an octave: a quantile is at most
+// a quarter above the truth. The last range ends at 2^27 us and takes all that is longer.
 constexpr std::int32_t kRangesPerOctave = 4;
 constexpr std::int32_t kTimeRanges = 25 * kRangesPerOctave + 1;
 
