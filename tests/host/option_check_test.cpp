@@ -75,6 +75,8 @@ const std::pair<Stage, const char*> kFilter{Stage::objectType, "fn=veskfilter"};
 const std::pair<Stage, const char*> kServe{Stage::service,
                                            "fn=veskservice type=vesk-internal/*"};
 
+#define PAGE "fn=veskservice report=status"
+
 const LinesRow kLinesRows[] = {
     {{kFilter, kServe}, {kInit}, ""},
     {{}, {"fn=other"}, ""},
@@ -84,6 +86,24 @@ const LinesRow kLinesRows[] = {
      {kInit},
      "i0: no Service line"},
     {{kFilter, {Stage::service, "fn=veskservice"}}, {kInit}, ""},
+    {{kFilter,
+      kServe,
+      {Stage::service, PAGE " path=/s from=local actions=on method=GET"}},
+     {kInit},
+     ""},
+    {{kFilter, {Stage::service, PAGE}}, {kInit}, "i0: no Service line"},
+    {{kFilter, kServe, {Stage::service, PAGE " actions=yes"}},
+     {kInit},
+     "s2: actions: \"yes\" means nothing, only \"on\" does"},
+    {{kFilter, kServe, {Stage::service, PAGE " form=local"}},
+     {kInit},
+     "s2: unknown option \"form\" of the status page; it has report, path, from"},
+    {{kFilter, kServe, {Stage::service, PAGE " path=status"}},
+     {kInit},
+     "s2: path: \"status\" begins with no /"},
+    {{kFilter, kServe, {Stage::service, "fn=veskservice report=Status"}},
+     {kInit},
+     "s2: report: \"Status\" means nothing, only \"status\" does"},
     {{kFilter, kServe}, {kInit, kInit}, "i1: veskinit stands in i0 already"},
     {{{Stage::objectType, "fn=veskfilter verbose=true"}, kServe},
      {kInit},

@@ -221,6 +221,34 @@ TEST_F(Stages, serviceResultFollowsOutcomeAndStatus) {
   EXPECT_EQ(service("vesk-internal/x"), REQ_PROCEED) << "a page turned into a redirect";
 }
 
+TEST_F(Stages, statusPageIsForItsPathAndForWhoMaySeeIt) {
+  // Client, URI, whether the line has a path; the result and its status.
+  const std::tuple<const char*, const char*, bool, int, int> rows[] = {
+      {"127.0.0.1", "/s", true, REQ_PROCEED, 200},
+      {"127.9.9.9", "/s/explain", true, REQ_PROCEED, 200},
+      {"::1", "/s/", true, REQ_PROCEED, 200},
+      {"::ffff:127.0.0.1", "/any", false, REQ_PROCEED, 200},
+      {"10.127.0.1", "/s", true, REQ_ABORTED, kForbidden},
+      {"::ffff:10.0.0.1", "/s/explain", false, REQ_ABORTED, kForbidden},
+      {"1270.0.0.1", "/s", true, REQ_ABORTED, kForbidden},
+      {nullptr, "/s", true, REQ_ABORTED, kForbidden},
+      {"127.0.0.1", "/sx", true, REQ_NOACTION, 0},
+      {"10.0.0.1", "/x/s", true, REQ_NOACTION, 0},
+  };
+  for (const auto& [client, uri, hasPath, result, status] : rows) {
+    pblock* line = host.request.headers;
+    for (const auto& [name, value] :
+         {std::pair{"report", "status"}, {"from", "local"}, {"path", "/s"}})
+      set(line, name, hasPath || *name != 'p' ? value : nullptr);
+    set(host.request.session.client, "ip", client);
+    set(host.request.reqpb, "uri", uri);
+    set(host.request.reqpb, "method", "GET");
+    host.request.status_num = 0;
+    EXPECT_EQ(veskservice(line, &host.request.session, &host.request), result) << uri;
+    EXPECT_EQ(host.request.status_num, status) << uri;
+  }
+}
+
 TEST_F(Stages, outcomeIsLeftForTheHost) {
   const auto left = [this] {
     std::string texts;

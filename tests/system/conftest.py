@@ -80,7 +80,8 @@ def shared(tmp_path_factory):
     """One server and one web server for all tests of a file that change nothing."""
     made = Site(tmp_path_factory.mktemp("shared"))
     made.server = made.backend()
-    made.web = made.host(made.server, verbose="true", metrics="true", apialloc="TRUE")
+    made.web = made.host(made.server, verbose="true", metrics="true", apialloc="TRUE",
+                         page='actions="on"')
     (made.web.htdocs / "hello.txt").write_text("a file\n")
     yield made
     made.close()

@@ -124,7 +124,15 @@ class FakeServer:
     def greet(peer, _):
         peer.send(page(b"fake"))
 
+    def refuse(self):
+        """Takes no more connections; those that are there stay."""
+        try:
+            self.listener.shutdown(socket.SHUT_RDWR)  # a close leaves who waits in accept
+        except OSError:
+            pass
+
     def close(self):
+        self.refuse()
         self.listener.close()
         self.drop_connections()
         assert not self.faults, self.faults

@@ -16,7 +16,7 @@ SANITIZED = ["env", f"LD_PRELOAD={RUNTIME}",
              "ASAN_OPTIONS=detect_leaks=0:quarantine_size_mb=1"] if RUNTIME else []
 COMMAND = [*SANITIZED, HTTPD]
 MPM = os.environ.get("VESK_E2E_MPM", "event")
-LOADED = (f"mpm_{MPM}", "authz_core", "dir", "mime", "alias")
+LOADED = (f"mpm_{MPM}", "authz_core", "authz_host", "dir", "mime", "alias")
 
 
 def free_port():
@@ -64,6 +64,13 @@ NSAPIInit {self.init_line()}
 {stages}
 NSAPIClientNames {"on" if self.client_names else "off"}"""
 
+    def page_lines(self):
+        return "" if self.page is None else f"""<Location "/vesk-status">
+Require local
+NSAPIObjectType none
+NSAPIService fn="veskservice" report="status" {self.page}
+</Location>"""
+
     def configuration(self):
         port = self.address[1]
         return f"""# written by the tests
@@ -94,6 +101,7 @@ DirectoryIndex index.html index.jsp
 Require all granted
 </Directory>
 {self.plugin_lines()}
+{self.page_lines()}
 {self.extra.format(port=port, build=BUILD, folder=self.folder)}
 """
 

@@ -96,16 +96,18 @@ class Host(Program):
     """A web server with the connector: what scenarios may know of it.
 
     `init` holds the options of veskinit, `stages` the lines behind the built-in
-    name translation, `directives` further lines of the server. `access` opens a
-    connection as a browser does.
+    name translation, `directives` further lines of the server, `page` what the line
+    of the status page says besides its path. `access` opens a connection as a
+    browser does.
     """
 
     STAGES = ('ObjectType fn="veskfilter"', 'Service type="vesk-internal/*" fn="veskservice"')
 
     def __init__(self, folder, name="host", stages=STAGES, client_names=False, directives=(),
-                 **init):
+                 page=None, **init):
         super().__init__(folder, name)
         self.directives = directives
+        self.page = page
         self.client_names = client_names  # headers may mean the web server's own words
         self.htdocs = folder / "htdocs"
         self.htdocs.mkdir(exist_ok=True)
@@ -156,7 +158,10 @@ class EmbeddedHost(Host):
     command = (BUILD / "bin/vesk-host",)
 
     def start(self):
-        stages, directives = "\n".join(self.stages), "\n".join(self.directives)
+        stages, directives = list(self.stages), "\n".join(self.directives)
+        if self.page is not None:
+            stages.insert(1, f'Service fn="veskservice" report="status" path="/vesk-status" {self.page}')
+        stages = "\n".join(stages)
         self.path("conf").write_text(f"""# written by the tests
 Listen 127.0.0.1:0
 ServerName localhost

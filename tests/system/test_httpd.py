@@ -517,6 +517,41 @@ def test_graceful_restart_loses_no_request(site):
     assert sum("Vesk 4.0" in line for line in host.messages()) == 4
 
 
+def test_status_page_counts_and_drains_for_all_children(site):
+    first, second = site.cluster(2)
+    host = start(site, backend=first, page='actions="on"', guards="all", extra="""ServerLimit 12
+StartServers 3\nThreadsPerChild 4\nMaxRequestWorkers 12\nMinSpareThreads 12\nMaxSpareThreads 12""")
+
+    def asked(count):
+        return [host.fetch("/demo/session").json()["server"]["rep_id"] for _ in range(count)]
+
+    def told_by(children, requests):
+        """What the page says, once each of so many children says it."""
+        seen = {}
+        def all_agree():
+            told = host.fetch("/vesk-status?format=json").json()
+            assert told["processes"] <= children and told["countsOfAllProcesses"]
+            if told["requests"]["served"] == requests:
+                seen[told["pid"]] = told
+            return len(seen) == children
+        wait_until(all_agree, f"{children} children know of {requests} requests")
+        assert set(seen) == set(host.children())
+        return [(s["state"], s["served"]) for s in seen.popitem()[1]["servers"]]
+
+    wait_until(lambda: len(host.children()) == 3, "the children are there")
+    came = asked(40)
+    assert told_by(3, 40) == [("up", came.count("s001")), ("up", came.count("s002"))]
+    token = re.search(r'name="token" value="(\w+)"', host.fetch("/vesk-status").body.decode())[1]
+    form = f"token={token}&server={second.address}&action=drain"
+    assert host.fetch("/vesk-status", "POST", body=form.encode()).status == 303
+    assert set(asked(20)) == {"s001"}
+    old = host.children()
+    host.signal(signal.SIGUSR1)
+    wait_until(lambda: len(host.children()) == 3 and not {*old} & {*host.children()}, "all are new")
+    assert set(asked(20)) == {"s001"}
+    assert told_by(3, 80) == [("up", came.count("s001") + 40), ("draining", came.count("s002"))]
+
+
 def test_site_is_served_while_a_child_ends_its_requests(site):
     released = threading.Event()
 

@@ -48,6 +48,9 @@ def test_page_tells_all_that_is_asked_for(site):
     host = site.host(site.cluster(2)[0], stages=(PAGE, *Host.STAGES))
     assert host.serves()
     page = host.fetch("/vesk-status?format=prometheus").body.decode()
+    done = subprocess.run(["promtool", "check", "metrics"], input=page, capture_output=True,
+                          text=True, timeout=60, check=False)
+    assert (done.returncode, done.stdout + done.stderr) == (0, "")
     told = {re.sub(r"_(bucket|sum|count)$", "", name) for name in NAME.findall(page)}
     asked = NAME.findall(re.sub(r"#.*|https?:\S+|/vesk-\S+", "", ALERTS.read_text()))
     asked += [name for expr in expressions() for name in NAME.findall(expr)]
