@@ -18,7 +18,7 @@ start_host_httpd() {
       chown www-data "$dir"
       printf '%s\n' 'User www-data' 'Group www-data'
     fi
-    for name in mpm_event authz_core dir mime; do
+    for name in mpm_event authz_core authz_host dir mime; do
       echo "LoadModule ${name}_module $modules/mod_$name.so"
     done
     cat <<CONF
@@ -48,6 +48,11 @@ NSAPIObjectType fn="veskfilter"
 NSAPIService type="vesk-internal/*" fn="veskservice"
 NSAPIMapping servlet
 AddType vesk-internal/ext .jsp
+<Location "/vesk-status">
+Require local
+NSAPIObjectType none
+NSAPIService fn="veskservice" report="status" actions="on"
+</Location>
 CONF
   } >"$dir/httpd.conf"
   host_log=$dir/error.log
