@@ -260,7 +260,8 @@ static void addHeading(TextBuffer* page, const statusSnapshot& snapshot) {
   put(page, "<h1>Vesk connector</h1><p class=\"soft\">", snapshot.version, ", process ",
       snapshot.pid);
   if (snapshot.processes > 1) put(page, ", one of ", snapshot.processes);
-  put(page, snapshot.shared ? "; counts of all since " : "; its own counts since ");
+  put(page,
+      snapshot.shared ? "; counts of all processes since " : "; its own counts since ");
   addTime(page, snapshot.started);
   put(page, "; now ");
   addTime(page, snapshot.now);

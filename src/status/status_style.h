@@ -21,11 +21,13 @@ padding:.6rem .8rem}
 .tile span{color:var(--soft);font-size:.85rem}
 .card{background:var(--card);border:1px solid var(--line);border-radius:.6rem;
 overflow-x:auto}
+.card:not(:has(.stack)){max-height:32rem;overflow-y:auto}
 table{border-collapse:collapse;width:100%}
 th,td{padding:.45rem .7rem;text-align:left;vertical-align:top;
 border-bottom:1px solid var(--line)}
 tr:last-child td{border-bottom:0}
-th{color:var(--soft);font-weight:600;font-size:.8rem;white-space:nowrap}
+th{color:var(--soft);font-weight:600;font-size:.8rem;white-space:nowrap;
+position:sticky;top:0;background:var(--card)}
 .n{text-align:right;font-variant-numeric:tabular-nums;white-space:nowrap}
 .when{width:1%;white-space:nowrap}
 code,.log{font-family:ui-monospace,SFMono-Regular,Menlo,Consolas,monospace;font-size:.86em;
@@ -43,7 +45,7 @@ button{cursor:pointer;white-space:nowrap}input[type=text]{width:min(34rem,100%)}
 form{margin:0}label{display:grid;grid-template-columns:12rem minmax(0,34rem);
 gap:0 .8rem;align-items:center}
 @media(max-width:46rem){body{padding:.7rem}label{display:block}.when{white-space:normal;
-overflow-wrap:normal}
+overflow-wrap:normal;min-width:6.6rem}th{white-space:normal}
 .stack thead{display:none}.stack tr{display:block;padding:.5rem .2rem;
 border-bottom:1px solid var(--line)}
 .stack td{display:flex;justify-content:space-between;gap:1rem;border:0;padding:.15rem .5rem;
