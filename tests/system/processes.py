@@ -160,7 +160,8 @@ class EmbeddedHost(Host):
     def start(self):
         stages, directives = list(self.stages), "\n".join(self.directives)
         if self.page is not None:
-            stages.insert(1, f'Service fn="veskservice" report="status" path="/vesk-status" {self.page}')
+            stages.insert(1, 'Service fn="veskservice" report="status" path="/vesk-status" '
+                          + self.page)
         stages = "\n".join(stages)
         self.path("conf").write_text(f"""# written by the tests
 Listen 127.0.0.1:0
