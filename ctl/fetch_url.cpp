@@ -1,17 +1,14 @@
 #include "ctl/fetch_url.h"
 
-#include <boost/asio/awaitable.hpp>
-#include <boost/asio/co_spawn.hpp>
+#include <algorithm>
+#include <boost/asio/connect.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl.hpp>
-#include <boost/asio/use_awaitable.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/ssl.hpp>
 #include <chrono>
-#include <exception>
-#include <optional>
 #include <stdexcept>
 
 #include "ctl/display.h"
@@ -21,8 +18,8 @@ namespace ctl {
 namespace asio = boost::asio;
 namespace beast = boost::beast;
 namespace http = boost::beast::http;
-using asio::use_awaitable;
-using Tls = asio::ssl::stream<beast::tcp_stream>;
+using asio::ip::tcp;
+using Clock = std::chrono::steady_clock;
 
 constexpr std::string_view kPlain = "http://";
 constexpr std::string_view kSecure = "https://";
@@ -74,65 +71,83 @@ static Url splitUrl(const std::string& text) {
   return url;
 }
 
+// A visit with one end for all of its steps.
+class PageVisit {
+ public:
+  PageVisit(const Url& wanted, double seconds)
+      : url(wanted),
+        end(Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                               std::chrono::duration<double>(seconds))) {}
+
+  std::string run();
+
+ private:
+  // Starts a step, which is given what to call when it is done, and waits for that.
+  template <typename Step>
+  void await(const Step& step);
+  template <typename Stream>
+  std::string exchange(Stream& stream);
+  std::string exchangeSecurely(tcp::socket& plain);
+
+  const Url& url;
+  Clock::time_point end;
+  asio::io_context context{1};
+};
+
+template <typename Step>
+void PageVisit::await(const Step& step) {
+  // What is still under way at the end is never called: nobody runs the context again.
+  boost::system::error_code result = asio::error::timed_out;
+  step([&result](const boost::system::error_code& error, const auto&...) {
+    result = error;
+  });
+  context.restart();
+  (void)context.run_until(end);
+  if (result) throw boost::system::system_error(result);
+}
+
 template <typename Stream>
-static asio::awaitable<std::string> exchange(Stream& stream, const Url& url) {
-  http::request<http::empty_body> request(http::verb::get, url.target, 11);
+std::string PageVisit::exchange(Stream& stream) {
+  constexpr unsigned kVersion = 11;
+  http::request<http::empty_body> request(http::verb::get, url.target, kVersion);
   request.set(http::field::host, url.authority);
   request.set(http::field::user_agent, "vesk-ctl/" VESK_VERSION);
   request.set(http::field::connection, "close");
-  co_await http::async_write(stream, request, use_awaitable);
+  await([&](auto done) { http::async_write(stream, request, done); });
   beast::flat_buffer buffer;
   http::response_parser<http::string_body> parser;
   parser.body_limit(kMostPage);
-  co_await http::async_read(stream, buffer, parser, use_awaitable);
-  if (parser.get().result() == http::status::ok) co_return parser.get().body();
-  throw std::runtime_error("status " + std::to_string(parser.get().result_int()) + " " +
-                           visible(std::string(parser.get().reason())));
+  await([&](auto done) { http::async_read(stream, buffer, parser, done); });
+  const http::response<http::string_body>& answer = parser.get();
+  if (answer.result() == http::status::ok) return answer.body();
+  throw std::runtime_error("status " + std::to_string(answer.result_int()) + " " +
+                           visible(std::string(answer.reason())));
 }
 
-static asio::awaitable<std::string> exchangeSecurely(beast::tcp_stream& plain,
-                                                     const Url& url) {
-  asio::ssl::context context(asio::ssl::context::tls_client);
-  context.set_default_verify_paths();
-  context.set_verify_mode(asio::ssl::verify_peer);
-  Tls stream(std::move(plain), context);
+std::string PageVisit::exchangeSecurely(tcp::socket& plain) {
+  asio::ssl::context settings(asio::ssl::context::tls_client);
+  settings.set_default_verify_paths();
+  settings.set_verify_mode(asio::ssl::verify_peer);
+  asio::ssl::stream<tcp::socket&> stream(plain, settings);
   stream.set_verify_callback(asio::ssl::host_name_verification(url.host));
   if (SSL_set_tlsext_host_name(stream.native_handle(), url.host.c_str()) != 1)
     throw std::runtime_error("no host for TLS: " + visible(url.host));
-  co_await stream.async_handshake(asio::ssl::stream_base::client, use_awaitable);
-  co_return co_await exchange(stream, url);
+  await([&](auto done) { stream.async_handshake(asio::ssl::stream_base::client, done); });
+  return exchange(stream);
 }
 
-static asio::awaitable<std::string> visit(const Url& url, double seconds) {
-  const auto executor = co_await asio::this_coro::executor;
-  asio::ip::tcp::resolver resolver(executor);
-  const auto found = co_await resolver.async_resolve(url.host, url.port, use_awaitable);
-  beast::tcp_stream stream(executor);
-  stream.expires_after(std::chrono::duration_cast<std::chrono::milliseconds>(
-      std::chrono::duration<double>(seconds)));
-  co_await stream.async_connect(found, use_awaitable);
-  if (url.secure) co_return co_await exchangeSecurely(stream, url);
-  co_return co_await exchange(stream, url);
-}
-
-static std::string run(const Url& url, double seconds) {
-  asio::io_context context(1);
-  std::string page;
-  std::exception_ptr failure;
-  asio::co_spawn(context, visit(url, seconds),
-                 [&](std::exception_ptr thrown, std::string came) {
-                   failure = thrown;
-                   page = std::move(came);
-                 });
-  context.run();
-  if (failure) std::rethrow_exception(failure);
-  return page;
+std::string PageVisit::run() {
+  tcp::resolver resolver(context);
+  const auto found = resolver.resolve(url.host, url.port);
+  tcp::socket socket(context);
+  await([&](auto done) { asio::async_connect(socket, found, done); });
+  return url.secure ? exchangeSecurely(socket) : exchange(socket);
 }
 
 std::string fetchUrl(const std::string& text, double seconds) {
   const Url url = splitUrl(text);
   try {
-    return run(url, seconds);
+    return PageVisit(url, seconds).run();
   } catch (const boost::system::system_error& error) {
     throw std::runtime_error(visible(text) + ": " + visible(error.code().message()));
   } catch (const std::runtime_error& error) {

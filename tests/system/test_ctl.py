@@ -249,7 +249,7 @@ def test_watch_shows_what_a_web_server_counts_and_what_servers_answer(site):
     (says(b"HTTP/1.0 200 OK\r\ncontent-length: 13\r\n\r\n{\"servers\":1}"),
      "not the status page of a connector"),
     (says(b"HTTP/1.0 200 OK\r\ncontent-length: 99999999\r\n\r\n"), "body limit exceeded"),
-    (silent, "timeout"),
+    (silent, "timed out"),
 ])
 def test_watch_tells_what_is_no_status_page(listen, answer, told):
     code, out, _ = ctl("watch", f"http://{listen(answer)}/", "-c", 1, "--timeout", 0.5)
