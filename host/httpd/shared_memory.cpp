@@ -2,6 +2,7 @@
 
 #include <httpd.h>
 
+#include <fcntl.h>
 #include <http_config.h>
 #include <http_log.h>
 #include <sys/mman.h>
@@ -25,8 +26,12 @@ int sharedMemory() {
 }
 
 static int makeMemory() {
-  int memory = memfd_create("mod_nsapi", MFD_CLOEXEC);
-  if (memory >= 0 && ftruncate(memory, kSharedSize) == 0) return memory;
+  int memory = memfd_create("mod_nsapi", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+  // A child that made it smaller would end all others at their next look.
+  if (memory >= 0 && ftruncate(memory, kSharedSize) == 0 &&
+      fcntl(memory, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) == 0) {
+    return memory;
+  }
   if (memory >= 0) close(memory);
   return -1;
 }

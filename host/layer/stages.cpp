@@ -140,7 +140,7 @@ std::string Stages::runInit(Line* line) {
 
 // What the line says by itself doesn't count: it is no setting.
 static bool tellSharedMemory(pblock* block, int descriptor) {
-  constexpr const char* kName = "shared-memory";
+  constexpr const char* kName = "host-shared-memory";
   while (pb_param* own = findParameter(block, kName, true)) freeParameter(own);
   return descriptor < 0 || addParameter(block, kName, std::to_string(descriptor).c_str());
 }

@@ -55,8 +55,8 @@ class Stages {
   [[nodiscard]] bool serves(const Request* rq) const;
 
   // Runs the Init functions in order. Where a web server has memory that all its
-  // processes share, each function finds its descriptor as "shared-memory", -1: none.
-  // REQUIRES: every line is prepared.
+  // processes share, each function finds its descriptor as "host-shared-memory", -1:
+  // none. REQUIRES: every line is prepared.
   [[nodiscard]] std::string runInits(int sharedMemory = -1);
 
   // Runs one stage: the result of the first function that gives something

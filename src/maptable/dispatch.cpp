@@ -78,23 +78,40 @@ static bool locateMapping(Dispatch* dispatch) {
   return dispatch->index < count;
 }
 
-// By the algorithm, after the last resort of a mapping that has no active server.
-// REQUIRES: tableMutex.
-static Search chooseByBalance(Dispatch* dispatch) {
+// The last resort of the mapping. REQUIRES: tableMutex.
+static Search bringServerBack(Dispatch* dispatch) {
   mappingsTable* table = dispatch->table;
-  vesk_request* req = dispatch->req;
-  const mappingBalance* balance = table->mappingBalances[dispatch->index];
-  if (isClustered(table) && balance->anyActive == 0) {
-    const HoldsTable holds(req, true);
-    if (lastDitchFindReachableServer(table, req, dispatch->index, &dispatch->failed) != 0)
-      return Search::nobody;
-    // What has joined meanwhile may have moved the mapping.
-    if (!locateMapping(dispatch)) return Search::noMapping;
-  }
-  veskProxy* proxy = selectProxy(table, req, dispatch->index);
+  const HoldsTable holds(dispatch->req, true);
+  if (lastDitchFindReachableServer(table, dispatch->req, dispatch->index,
+                                   &dispatch->failed) != 0)
+    return Search::nobody;
+  // What has joined meanwhile may have moved the mapping.
+  return locateMapping(dispatch) ? Search::found : Search::noMapping;
+}
+
+// REQUIRES: tableMutex.
+static Search selectServer(Dispatch* dispatch) {
+  veskProxy* proxy = selectProxy(dispatch->table, dispatch->req, dispatch->index);
   if (!proxy) return Search::nobody;
   dispatch->proxy = proxy;
   return Search::found;
+}
+
+// By the algorithm. The last resort comes first where no server is active, and behind it
+// where those that are have been drained: their sessions need no other.
+// REQUIRES: tableMutex.
+static Search chooseByBalance(Dispatch* dispatch) {
+  mappingsTable* table = dispatch->table;
+  const bool clustered = isClustered(table);
+  const bool out = clustered && table->mappingBalances[dispatch->index]->anyActive == 0;
+  Search search = out ? bringServerBack(dispatch) : Search::found;
+  if (search != Search::found) return search;
+  search = selectServer(dispatch);
+  if (search == Search::found) return search;
+  if (out || !clustered || !anyDrained()) return search;
+  search = bringServerBack(dispatch);
+  if (search != Search::found) return search;
+  return selectServer(dispatch);
 }
 
 // REQUIRES: tableMutex.
@@ -130,6 +147,8 @@ static void reportNoServer(Dispatch* dispatch) {
   req->outcome.kind = kOutcomeFailed;
   req->lastError = ETIMEDOUT;
   proxyerror(req, nullptr);
+  if (anyDrained())
+    req->log(req, "no server takes new requests: those in service may all be drained");
   req->log(req,
            "NO servers reachable in cluster, start your bootstrap server %s or one of "
            "the servers in your store file %s",
@@ -137,20 +156,20 @@ static void reportNoServer(Dispatch* dispatch) {
            orElse(dispatch->table->serverStore, "<null>"));
 }
 
-// The time is that of the request's begin and of what its attempts took: the clock
-// needn't be asked again.
+// The time is that of the request's begin and of what its attempts took together: the
+// clock needn't be asked again.
 static void countOutcome(const vesk_request* req, const veskProxy* proxy,
                          std::int64_t micros) {
   constexpr std::int64_t kMillisPerSecond = 1000;
   if (!proxy->place) return;
   const veskOutcome& outcome = req->outcome;
-  countAttempt(
-      &proxy->place->counters,
-      {.served = outcome.kind == kOutcomeServed,
-       .cause = outcome.state[1],
-       .first = outcome.attempts == 1,
-       .micros = micros,
-       .second = (req->startTime + micros / kMillisPerSecond) / kMillisPerSecond});
+  countAttempt(&proxy->place->counters,
+               {.served = outcome.kind == kOutcomeServed,
+                .cause = outcome.state[1],
+                .first = outcome.attempts == 1,
+                .micros = micros,
+                .second = (req->startTime + outcome.micros / kMillisPerSecond) /
+                          kMillisPerSecond});
 }
 
 // One attempt, with what is to be told of it afterwards.
@@ -314,7 +333,11 @@ std::int32_t handleRequestWithIndex(mappingsTable* table, vesk_request* req,
   dispatch.failed.count = 0;
   dispatch.attempts.count = 0;
   dispatch.attempts.nobodyLeft = false;
-  if (index < 0 && !findMapping(&dispatch)) return declineRequest(req);
+  if (index < 0 && !findMapping(&dispatch)) {
+    const std::int32_t declined = declineRequest(req);
+    countRequest(req);
+    return declined;
+  }
   if (guarded(req, Guard::attempt)) req->markResponse(req);
   req->sessionId = getSessionId(req);
   const std::int32_t result = dispatchRequest(&dispatch);

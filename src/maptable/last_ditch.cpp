@@ -4,6 +4,7 @@
 #include "maptable/maintenance_queue.h"
 #include "maptable/membership.h"
 #include "maptable/table_startup.h"
+#include "proxy/counter_board.h"
 
 // With the guard `comeback` a server is asked once a second at most, however many
 // requests find nobody, and not at all while the list doesn't name it.
@@ -46,13 +47,19 @@ std::int32_t lastDitchFindReachableServer(mappingsTable* table, vesk_request* re
     return 0;
   }
   // One that answers is enough: the others come back by their own timers, and the
-  // request waits.
+  // request waits. But one that is drained may be of no use to this request.
+  bool revived = false;
   for (std::int32_t i = 0; i < list->count; ++i) {
     veskProxy* proxy = list->proxies[i];
+    const bool drained = anyDrained() && isDrained(proxy->place);
+    if (drained && list->active[i] != 0) continue;
     if (tryAnotherProxy(req, table, failed, proxy, 0) == 0) continue;
     if (!mayBeAsked(req, proxy, now)) continue;
-    if (reviveProxy(table, req, proxy, now)) return 0;
+    if (!reviveProxy(table, req, proxy, now)) continue;
+    revived = true;
+    if (!drained) return 0;
   }
+  if (revived) return 0;
   req->traceE(req, kTraceState, "couldn't find reachable server for %s map", key);
   return -1;
 }

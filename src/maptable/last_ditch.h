@@ -8,11 +8,11 @@
 #include "maptable/failed_list.h"
 #include "maptable/vesk_maptable_impl.h"
 
-// Looks for a server of a mapping that has none active: 0 when one was activated
-// after a ping, or brought by the bootstrap server, else -1. Those that have failed for
-// this request are not asked. Blocks on the servers, and on the bootstrap server, which
-// may add mappings in front of this one. Where a thread of the connector's own runs, it
-// is asked to look, and nobody is found now.
+// Looks for a server of a mapping that has none active, or drained ones alone: 0 when one
+// was activated after a ping, or brought by the bootstrap server, else -1. Those that
+// have failed for this request are not asked. Blocks on the servers, and on the bootstrap
+// server, which may add mappings in front of this one. Where a thread of the connector's
+// own runs, it is asked to look, and nobody is found now.
 [[nodiscard]] std::int32_t lastDitchFindReachableServer(mappingsTable* table,
                                                         vesk_request* req,
                                                         std::int32_t index,

@@ -226,7 +226,7 @@ static void activateInMasterList(mappingsTable* table, veskProxy* proxy,
     if (guarded(req, Guard::comeback)) setProxyActive(proxy, true);
     return;
   }
-  proxy->place = findBoardServer(proxy->name);
+  proxy->place = findBoardServer(req, proxy->name);
   (void)appendProxy(servers, proxy);  // there is room, or addProxy had refused it
   if (servers->count > 1) setClustered(table);
 }

@@ -156,8 +156,8 @@ void readEventOption(pblock* pb) {
 }
 
 int readSharedMemory(pblock* pb) {
-  const char* value = pblock_findval("shared-memory", pb);
-  return value ? parseNumber("shared-memory", value, 0, INT_MAX) : -1;
+  const char* value = pblock_findval("host-shared-memory", pb);
+  return value ? parseNumber("host-shared-memory", value, 0, INT_MAX) : -1;
 }
 
 void readErrorUrl(pblock* pb) {

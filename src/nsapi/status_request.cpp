@@ -11,22 +11,25 @@ bool lineSays(const StatusRequest& status, const char* name, const char* word) {
   return viewOf(lineValue(status, name)) == word;
 }
 
+constexpr std::string_view kExplain = "/explain";
+
+static std::string_view withoutEnd(std::string_view text, std::string_view end) {
+  return text.ends_with(end) ? beginOf(text, text.size() - end.size()) : text;
+}
+
 // Without a path on the line the page's own is what stands before "/explain", if that
-// stands at the end of the URI.
+// stands at the end of the URI. One that is empty, or a word, is a mistake, and must not
+// take the whole site.
 bool locatePage(StatusRequest* status) {
-  constexpr std::string_view kExplain = "/explain";
   const std::string_view uri = viewOf(status->req->uri);
   const char* given = lineValue(*status, "path");
-  if (given) {
-    status->path = given;
-    if (!uri.starts_with(status->path)) return false;
-  } else {
-    status->path =
-        uri.ends_with(kExplain) ? beginOf(uri, uri.size() - kExplain.size()) : uri;
-  }
-  status->below = restOf(uri, status->path.size());
-  while (status->path.ends_with('/')) status->path.remove_suffix(1);
-  return status->below.empty() || status->below.front() == '/' || uri.ends_with('/');
+  if (given && *given != '/') return false;
+  const std::string_view path = given ? viewOf(given) : withoutEnd(uri, kExplain);
+  status->path = withoutEnd(path, "/");
+  if (!uri.starts_with(status->path)) return false;
+  const std::string_view below = restOf(uri, status->path.size());
+  status->explains = below == kExplain;
+  return status->explains || below.empty() || below == "/";
 }
 
 bool isLocalClient(const vesk_request* req) {

@@ -15,8 +15,8 @@ struct StatusRequest {
   vesk_request* req;
   mappingsTable* table;
   const pblock* line;
-  std::string_view path;   // of the page
-  std::string_view below;  // what of the URI stands behind it: empty, or from a '/' on
+  std::string_view path;  // of the page, without a '/' at its end
+  bool explains;          // what is asked for is its explanation of a URL
   std::string_view query;
 };
 
@@ -30,7 +30,7 @@ struct StatusRequest {
 [[nodiscard]] bool lineSays(const StatusRequest& status, const char* name,
                             const char* word);
 
-// Finds the page's path and what stands behind it: false when the URI isn't the page's.
+// Finds the page's path and what of it is asked for: false when the URI isn't the page's.
 [[nodiscard]] bool locatePage(StatusRequest* status);
 
 // Whether the client runs on this machine, as far as the host knows clients.

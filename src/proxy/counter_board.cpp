@@ -1,5 +1,6 @@
 #include "proxy/counter_board.h"
 
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -97,17 +98,23 @@ bool isBoardShared() {
   return boardShared;
 }
 
-// One that is being named by another process isn't waited for: it may have died in that.
-// Two that come with one name at one moment may so take two places; each counts, and the
-// page adds up by name.
 static bool takePlace(boardServer* server, const char* name) {
   std::uint32_t seen = 0;
   const std::atomic_ref claim(server->claim);
-  if (!claim.compare_exchange_strong(seen, 1)) return false;
+  if (load(server->claim) != 0 || !claim.compare_exchange_strong(seen, 1)) return false;
   const std::size_t length = strnlen(name, kBoardNameSize - 1);
   std::memcpy(server->name, name, length);
   claim.store(kNamed, std::memory_order_release);
   return true;
+}
+
+// All processes come to the same free place, and who is late has to know whose it is by
+// now: else one server would have two. A process that died while it named one leaves
+// that without a name for good, so nobody waits for long.
+static void awaitName(const boardServer& server) {
+  constexpr std::int32_t kMostTurns = 200;
+  for (std::int32_t i = 0; i < kMostTurns && load(server.claim) == 1; ++i)
+    (void)sched_yield();
 }
 
 static bool hasName(boardServer* server, const char* name) {
@@ -115,10 +122,14 @@ static bool hasName(boardServer* server, const char* name) {
          std::strncmp(server->name, name, kBoardNameSize - 1) == 0;
 }
 
-boardServer* findBoardServer(const char* name) {
+boardServer* findBoardServer(vesk_request* req, const char* name) {
   if (!theBoard) return nullptr;
-  for (boardServer& server : theBoard->servers)
-    if (hasName(&server, name) || takePlace(&server, name)) return &server;
+  for (boardServer& server : theBoard->servers) {
+    if (takePlace(&server, name)) return &server;
+    awaitName(server);
+    if (hasName(&server, name)) return &server;
+  }
+  req->log(req, "%s is one server too many to be counted on the status page", name);
   return nullptr;
 }
 
@@ -137,15 +148,22 @@ static std::uint64_t hashOf(const char* pattern) {
   return hash == 0 ? 1 : hash;
 }
 
-// Patterns with one hash share a count: rare, and only told.
+static bool takeMapping(boardMapping* mapping, std::uint64_t key) {
+  std::uint64_t seen = load(mapping->key);
+  if (seen == 0 && std::atomic_ref(mapping->key).compare_exchange_strong(seen, key))
+    return true;
+  return seen == key;
+}
+
+// Patterns with one hash share a count: rare, and only told. A long search would hold
+// the table up, and finds nothing on a board that is nearly full.
 std::int64_t* findBoardMapping(const char* pattern) {
+  constexpr std::uint64_t kMostLooks = 64;
   if (!theBoard) return nullptr;
   const std::uint64_t key = hashOf(pattern);
-  for (std::uint64_t i = 0; i < kBoardMappings; ++i) {
+  for (std::uint64_t i = 0; i < kMostLooks; ++i) {
     boardMapping& mapping = theBoard->mappings[(key + i) % kBoardMappings];
-    std::uint64_t seen = 0;
-    if (std::atomic_ref(mapping.key).compare_exchange_strong(seen, key) || seen == key)
-      return &mapping.hits;
+    if (takeMapping(&mapping, key)) return &mapping.hits;
   }
   return nullptr;
 }
@@ -177,12 +195,15 @@ bool getBoardToken(counterBoard* board, char* token) {
   return true;
 }
 
+// The count is never below the flags: a flag alone would drain nobody.
 bool setDrained(counterBoard* board, boardServer* server, bool drained) {
+  const std::atomic_ref drains(board->drains);
   std::uint32_t seen = drained ? 0 : 1;
-  if (!std::atomic_ref(server->drained).compare_exchange_strong(seen, drained ? 1 : 0))
-    return false;
-  std::atomic_ref(board->drains).fetch_add(drained ? 1 : -1);
-  return true;
+  if (drained) drains.fetch_add(1);
+  const bool changed =
+      std::atomic_ref(server->drained).compare_exchange_strong(seen, drained ? 1 : 0);
+  if (changed != drained) drains.fetch_sub(1);
+  return changed;
 }
 
 bool isDrained(const boardServer* server) {

@@ -4,7 +4,8 @@
 //
 // A server has one place on the board, by its name, and a mapping one by its pattern.
 // Places are taken and never given back: so counts of all processes add up, go on when
-// one ends, and outlive a reload. A server beyond the board's room has no place.
+// one ends, and outlive a reload. A server beyond the board's room has no place, and a
+// line in the log tells; a mapping beyond it has none.
 //
 // Ownership: the board is the process's own mapping of that memory, from openBoard to
 // closeBoard; places are the board's.
@@ -23,11 +24,13 @@
 #include "context/vesk_request.h"
 #include "proxy/server_counters.h"
 
-constexpr std::int32_t kBoardServers = 128;
+constexpr std::int32_t kBoardServers = 512;
 constexpr std::int32_t kBoardMappings =
     16384;  // twice of what a table has, to be found fast
 constexpr std::int32_t kBoardProcesses = 256;
 constexpr std::int32_t kBoardNameSize = 64;
+
+constexpr std::size_t kCacheLine = 64;
 
 // A server's place.
 struct boardServer {
@@ -51,9 +54,11 @@ struct counterBoard {
   std::uint64_t layout;    // 0 until the first process has come
   std::uint64_t token[2];  // random, made by the first that asks; 0: not yet
   std::int64_t started;    // seconds since the epoch
-  std::int64_t drains;     // servers that are drained
-  std::int64_t requests[kOutcomeKinds];  // by how they ended
-  std::int64_t lockWaits;                // requests that found the table taken
+  // Servers that are drained, or a few more where a process has died in that. Each
+  // request reads it, so it keeps away from what each request writes.
+  alignas(kCacheLine) std::int64_t drains;
+  alignas(kCacheLine) std::int64_t requests[kOutcomeKinds];  // by how they ended
+  std::int64_t lockWaits;  // requests that found the table taken
   std::int64_t lockMicros;
   boardProcess processes[kBoardProcesses];
   boardServer servers[kBoardServers];
@@ -74,7 +79,7 @@ void closeBoard();
 [[nodiscard]] bool isBoardShared();
 
 // The place of a server, taken now if it has none; or null.
-[[nodiscard]] boardServer* findBoardServer(const char* name);
+[[nodiscard]] boardServer* findBoardServer(vesk_request* req, const char* name);
 // The same, but a server that has none gets none.
 [[nodiscard]] boardServer* knownBoardServer(const char* name);
 // The count of a mapping's requests; or null.

@@ -19,7 +19,7 @@ struct Scene {
   ServerState servers[kMaxProxies];
   std::uint32_t active[kMaxProxies];
   std::uint64_t sums[kMaxProxies];
-  bool drainedActive;  // a drained server is active in the mapping's list
+  std::uint32_t listed[kMaxProxies];  // active in the mapping's list, drained or not
 };
 
 // --- the mappings ---------------------------------------------------------------------
@@ -137,16 +137,24 @@ static Choice chooseWithoutDraw(ChoiceQuestion question) {
   return chooseServer(question);
 }
 
-static bool isAnyActive(const ChoiceQuestion& question) {
-  const std::uint32_t* end = question.active + question.count;
-  return std::any_of(question.active, end, [](std::uint32_t one) { return one != 0; });
+static bool isAnyListed(const ChoiceQuestion& question, const Scene& scene) {
+  const std::uint32_t* end = scene.listed + question.count;
+  return std::any_of(scene.listed, end, [](std::uint32_t one) { return one != 0; });
 }
 
-// With a drained server the list isn't out of service, so nobody is asked.
-static AttemptsEnd endWithoutActive(const mappingsTable* table, const Scene& scene,
+static AttemptsEnd endWithoutActive(const mappingsTable* table,
                                     const Explanation* explained) {
-  if (explained->attemptCount > 0 || scene.drainedActive) return AttemptsEnd::nobodyLeft;
+  if (explained->attemptCount > 0) return AttemptsEnd::nobodyLeft;
   return table->queue ? AttemptsEnd::leftToThread : AttemptsEnd::nobodyActive;
+}
+
+// A choice that finds nobody: where servers are drained, the others are looked for.
+static AttemptsEnd endWithoutChoice(const mappingsTable* table,
+                                    const ChoiceQuestion& question, ChoiceReason reason,
+                                    const Explanation* explained) {
+  if (reason == ChoiceReason::drawNeeded) return AttemptsEnd::drawn;
+  return question.drains && explained->inCluster ? endWithoutActive(table, explained)
+                                                 : AttemptsEnd::nobodyLeft;
 }
 
 // Attempt by attempt, each as the table would stand after the one before was refused. The
@@ -156,18 +164,18 @@ static AttemptsEnd walkAttempts(const mappingsTable* table,
                                 const ChoiceQuestion& question, Scene* scene,
                                 Explanation* explained) {
   for (;;) {
-    if (explained->inCluster && !isAnyActive(question))
-      return endWithoutActive(table, *scene, explained);
+    if (explained->inCluster && !isAnyListed(question, *scene))
+      return endWithoutActive(table, explained);
     const Choice choice = chooseWithoutDraw(question);
     if (explained->attemptCount == 0) explained->choice = choice;
     if (choice.position < 0)
-      return choice.reason == ChoiceReason::drawNeeded ? AttemptsEnd::drawn
-                                                       : AttemptsEnd::nobodyLeft;
+      return endWithoutChoice(table, question, choice.reason, explained);
     explained->attempts[explained->attemptCount++] = {.server = choice.position,
                                                       .reason = choice.reason};
     if (!explained->inCluster) return AttemptsEnd::noCluster;
     scene->servers[choice.position].inService = false;
     scene->active[choice.position] = 0;
+    scene->listed[choice.position] = 0;
     (void)sumWeights(question, scene->sums);
   }
 }
@@ -182,9 +190,7 @@ static void explainChoice(mappingsTable* table, const char* session,
   ChoiceQuestion question = questionOf(list, balance, session);
   question.servers = scene.servers;
   leaveOutDrained(&question, scene.active);
-  scene.drainedActive =
-      std::mismatch(scene.active, scene.active + list->count, list->active).first !=
-      scene.active + list->count;
+  std::copy_n(list->active, list->count, scene.listed);
   readSums(balance, question, scene.sums);
   question.weightSums = scene.sums;
 

@@ -16,7 +16,7 @@ static void addField(TextBuffer* page, const char* name, const char* label,
 static void beginExplainPage(TextBuffer* page, const ExplainedUrl& asked) {
   beginPage(page, "Vesk: which mapping takes a URL", 0);
   put(page, "<h1>Which mapping takes a URL?</h1><p><a href=\"");
-  addHtml(page, asked.path);
+  addPath(page, asked.path);
   put(page, "\">back to the status page</a></p>\n<form>\n");
   addField(page, "url", "URL", asked.url);
   addField(page, "host", "Host, if the URL has none", asked.host);

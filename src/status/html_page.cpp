@@ -54,6 +54,10 @@ void cell(TextBuffer* page, const char* label, const char* classes) {
   put(page, "<td data-l=\"", label, "\" class=\"", classes, "\">");
 }
 
+void addPath(TextBuffer* page, const char* path) {
+  addHtml(page, *path != '\0' ? path : "/");
+}
+
 void addTime(TextBuffer* page, std::int64_t seconds) {
   const std::time_t time = seconds;
   std::tm parts;

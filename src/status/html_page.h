@@ -28,6 +28,9 @@ void endTable(TextBuffer* page);
 // The begin of a cell: its label stands in front of it where the window is narrow.
 void cell(TextBuffer* page, const char* label, const char* classes = "");
 
+// The page's own path in an attribute.
+void addPath(TextBuffer* page, const char* path);
+
 // "2026-11-23 18:02:11 UTC".
 void addTime(TextBuffer* page, std::int64_t seconds);
 // "3h12m".

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstring>
 
 #include "status/status_format.h"
@@ -48,7 +49,8 @@ static void writeRow(TextBuffer* page, const statusSnapshot& snapshot,
   cell(page, counters.takenOver);
   cell(page, statusWord(server));
   cell(page, server.weight);
-  cell(page, snapshot.now - server.since);
+  cell(page,
+       server.since > 0 ? std::max<std::int64_t>(0, snapshot.now - server.since) : 0);
   cell(page, snapshot.pid);
   cell(page, server.idle);
   cell(page, server.drained ? 1 : 0);

@@ -88,7 +88,7 @@ static void addAction(TextBuffer* page, const statusSnapshot& snapshot,
   cell(page, "");
   if (!snapshot.token) return put(page, "</td>");
   put(page, "<form method=\"post\" action=\"");
-  addHtml(page, snapshot.path);
+  addPath(page, snapshot.path);
   put(page, "\"><input type=\"hidden\" name=\"token\" value=\"", snapshot.token,
       "\"><input type=\"hidden\" name=\"server\" value=\"");
   addHtml(page, server.name);

@@ -138,6 +138,8 @@ void addLabel(TextBuffer* text, std::string_view foreign) {
 }
 
 void addCell(TextBuffer* text, std::string_view foreign) {
+  // A spreadsheet takes what begins so for a formula.
+  if (!foreign.empty() && std::strchr("=+-@", foreign.front())) add(text, "'");
   const bool plain = foreign.find_first_of(",\"") == std::string_view::npos;
   if (!plain) add(text, "\"");
   addForeign(text, foreign,

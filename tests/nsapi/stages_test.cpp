@@ -222,24 +222,35 @@ TEST_F(Stages, serviceResultFollowsOutcomeAndStatus) {
 }
 
 TEST_F(Stages, statusPageIsForItsPathAndForWhoMaySeeIt) {
-  // Client, URI, whether the line has a path; the result and its status.
-  const std::tuple<const char*, const char*, bool, int, int> rows[] = {
-      {"127.0.0.1", "/s", true, REQ_PROCEED, 200},
-      {"127.9.9.9", "/s/explain", true, REQ_PROCEED, 200},
-      {"::1", "/s/", true, REQ_PROCEED, 200},
-      {"::ffff:127.0.0.1", "/any", false, REQ_PROCEED, 200},
-      {"10.127.0.1", "/s", true, REQ_ABORTED, kForbidden},
-      {"::ffff:10.0.0.1", "/s/explain", false, REQ_ABORTED, kForbidden},
-      {"1270.0.0.1", "/s", true, REQ_ABORTED, kForbidden},
-      {nullptr, "/s", true, REQ_ABORTED, kForbidden},
-      {"127.0.0.1", "/sx", true, REQ_NOACTION, 0},
-      {"10.0.0.1", "/x/s", true, REQ_NOACTION, 0},
-  };
-  for (const auto& [client, uri, hasPath, result, status] : rows) {
+  // Client, URI, path and from on the line; the result and its status.
+  const std::tuple<const char*, const char*, const char*, const char*, int, int> rows[] =
+      {
+          {"127.0.0.1", "/s", "/s", "local", REQ_PROCEED, 200},
+          {"127.9.9.9", "/s/explain", "/s", "local", REQ_PROCEED, 200},
+          {"::1", "/s/", "/s", "local", REQ_PROCEED, 200},
+          {"::1", "/s", "/s/", "local", REQ_PROCEED, 200},
+          {"::1", "/s/explain", "/s/", "local", REQ_PROCEED, 200},
+          {"::1", "/", "/", "local", REQ_PROCEED, 200},
+          {"::1", "/explain", "/", "local", REQ_PROCEED, 200},
+          {"::ffff:127.0.0.1", "/any", nullptr, "local", REQ_PROCEED, 200},
+          {"10.0.0.1", "/s", "/s", nullptr, REQ_PROCEED, 200},
+          {"10.127.0.1", "/s", "/s", "local", REQ_ABORTED, kForbidden},
+          {"::ffff:10.0.0.1", "/s/explain", nullptr, "local", REQ_ABORTED, kForbidden},
+          {"1270.0.0.1", "/s", "/s", "local", REQ_ABORTED, kForbidden},
+          {nullptr, "/s", "/s", "local", REQ_ABORTED, kForbidden},
+          {"127.0.0.1", "/s", "/s", "Local", REQ_ABORTED, kForbidden},
+          {"127.0.0.1", "/sx", "/s", "local", REQ_NOACTION, 0},
+          {"127.0.0.1", "/sx/", "/s", "local", REQ_NOACTION, 0},
+          {"127.0.0.1", "/s/x", "/s", "local", REQ_NOACTION, 0},
+          {"127.0.0.1", "/x/", "/", "local", REQ_NOACTION, 0},
+          {"127.0.0.1", "/x", "", "local", REQ_NOACTION, 0},
+          {"10.0.0.1", "/x/s", "/s", "local", REQ_NOACTION, 0},
+      };
+  for (const auto& [client, uri, path, from, result, status] : rows) {
     pblock* line = host.request.headers;
-    for (const auto& [name, value] :
-         {std::pair{"report", "status"}, {"from", "local"}, {"path", "/s"}})
-      set(line, name, hasPath || *name != 'p' ? value : nullptr);
+    set(line, "report", "status");
+    set(line, "path", path);
+    set(line, "from", from);
     set(host.request.session.client, "ip", client);
     set(host.request.reqpb, "uri", uri);
     set(host.request.reqpb, "method", "GET");

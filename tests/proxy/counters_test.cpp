@@ -95,19 +95,19 @@ TEST_F(CounterBoard, sharedCountsOutliveAProcessAndAddUp) {
   share(sizeof(counterBoard));
   openBoard(&req_, memory_);
   ASSERT_TRUE(isBoardShared());
-  ++findBoardServer("10.0.0.1:7001")->counters.served;
+  ++findBoardServer(&req_, "10.0.0.1:7001")->counters.served;
   ++*findBoardMapping("/shop*");
-  setDrained(getBoard(), findBoardServer("10.0.0.2:7001"), true);
+  setDrained(getBoard(), findBoardServer(&req_, "10.0.0.2:7001"), true);
   char token[kBoardTokenSize] = "";
   ASSERT_TRUE(getBoardToken(getBoard(), token));
   closeBoard();
 
   openBoard(&req_, memory_);
   EXPECT_EQ(countProcesses(getBoard()), 1);
-  EXPECT_EQ(findBoardServer("10.0.0.1:7001")->counters.served, 1);
+  EXPECT_EQ(findBoardServer(&req_, "10.0.0.1:7001")->counters.served, 1);
   EXPECT_EQ(*findBoardMapping("/shop*"), 1);
   EXPECT_EQ(*findBoardMapping("/shop"), 0);
-  EXPECT_TRUE(isDrained(findBoardServer("10.0.0.2:7001")));
+  EXPECT_TRUE(isDrained(findBoardServer(&req_, "10.0.0.2:7001")));
   EXPECT_TRUE(anyDrained());
   char again[kBoardTokenSize] = "";
   ASSERT_TRUE(getBoardToken(getBoard(), again));
@@ -118,7 +118,7 @@ TEST_F(CounterBoard, memoryThatDoesNotFitIsLeftAlone) {
   share(sizeof(counterBoard) - 1);
   openBoard(&req_, memory_);
   EXPECT_FALSE(isBoardShared());
-  ++findBoardServer("10.0.0.1:7001")->counters.served;
+  ++findBoardServer(&req_, "10.0.0.1:7001")->counters.served;
   closeBoard();
 
   ASSERT_EQ(ftruncate(memory_, sizeof(counterBoard)), 0);
@@ -135,9 +135,9 @@ TEST_F(CounterBoard, memoryThatDoesNotFitIsLeftAlone) {
 TEST_F(CounterBoard, fullBoardGivesNoPlace) {
   openBoard(&req_, -1);
   for (std::int32_t i = 0; i < kBoardServers; ++i)
-    ASSERT_NE(findBoardServer(("10.0.0.1:" + std::to_string(i)).c_str()), nullptr);
-  EXPECT_EQ(findBoardServer("10.0.0.2:1"), nullptr);
-  EXPECT_NE(findBoardServer("10.0.0.1:5"), nullptr);
+    ASSERT_NE(findBoardServer(&req_, ("10.0.0.1:" + std::to_string(i)).c_str()), nullptr);
+  EXPECT_EQ(findBoardServer(&req_, "10.0.0.2:1"), nullptr);
+  EXPECT_NE(findBoardServer(&req_, "10.0.0.1:5"), nullptr);
   EXPECT_EQ(knownBoardServer("10.0.0.2:1"), nullptr);
   EXPECT_FALSE(isDrained(nullptr));
 }

@@ -37,6 +37,7 @@ TEST(textBuffer, foreignTextEndsNoPlace) {
       {addJson, "a\"b\\c\nd", "\"a\\\"b\\\\c?d\""},
       {addLabel, "a\"b\\c\n", "\"a\\\"b\\\\c?\""},
       {addCell, "plain", "plain"},
+      {addCell, "=1+1", "'=1+1"},
       {addCell, "a,\"b\"\n", "\"a,\"\"b\"\"?\""},
   };
   for (const auto& row : kRows) EXPECT_EQ(written(row.write, row.foreign), row.expected);
