@@ -19,7 +19,7 @@ static std::unique_ptr<serverCounters> counted(
   return counters;
 }
 
-TEST(serverCounters, quantilesAreWithinAnEighthAndNeverBelow) {
+TEST(serverCounters, quantilesAreWithinAQuarterAndNeverBelow) {
   for (const std::int64_t micros :
        {0L, 1L, 4L, 5L, 7L, 8L, 9L, 100L, 1023L, 1024L, 1025L, 999999L, 60000000L}) {
     const auto counters = counted({micros});
