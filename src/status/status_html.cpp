@@ -162,8 +162,8 @@ static void addMappings(TextBuffer* page, const statusSnapshot& snapshot) {
 }
 
 static const char* eventClass(const char* text) {
-  if (std::strstr(text, " DOWN ") || std::strstr(text, " failed")) return "log bad";
-  return std::strstr(text, " UP ") ? "log good" : "log";
+  if (std::strstr(text, " UP ")) return "log good";  // it counts what has failed, too
+  return std::strstr(text, " DOWN ") || std::strstr(text, " failed") ? "log bad" : "log";
 }
 
 static void addJournal(TextBuffer* page, const statusSnapshot& snapshot) {
