@@ -167,26 +167,26 @@ constexpr ReportOption kReportOptions[] = {
     {"fn", ""},        {"type", ""}, {"method", ""},   {"report", "status"},
     {"from", "local"}, {"path", ""}, {"actions", "on"}};
 
+// What is wrong with an option of such a line; empty: nothing.
+static std::string judgeReport(std::string_view name, const std::string& value) {
+  for (const ReportOption& option : kReportOptions) {
+    if (option.name != name) continue;
+    if (name == "path" && !value.starts_with('/')) {
+      return "path: \"" + value + "\" begins with no /";
+    }
+    if (option.value.empty() || value == option.value) return {};
+    return std::string(name) + ": \"" + value + "\" means nothing, only \"" +
+           std::string(option.value) + "\" does";
+  }
+  return "unknown option \"" + std::string(name) +
+         "\" of the status page; it has report, path, from, actions";
+}
+
 static void checkReport(const Directive& line, std::vector<Finding>* findings) {
   if (!names(line, "veskservice") || !line.find("report")) return;
   for (const auto& [name, value] : line.parameters) {
-    const auto* known =
-        std::find_if(std::begin(kReportOptions), std::end(kReportOptions),
-                     [&name](const ReportOption& option) { return option.name == name; });
-    if (known == std::end(kReportOptions)) {
-      findings->push_back({false, line.where,
-                           "unknown option \"" + name +
-                               "\" of the status page; it has report, path, from, "
-                               "actions"});
-    } else if (!known->value.empty() && value != known->value) {
-      findings->push_back({false, line.where,
-                           name + ": \"" + value + "\" means nothing, only \"" +
-                               std::string(known->value) + "\" does"});
-    }
-  }
-  const std::string* path = line.find("path");
-  if (path && !path->starts_with('/')) {
-    findings->push_back({false, line.where, "path: \"" + *path + "\" begins with no /"});
+    const std::string text = judgeReport(name, value);
+    if (!text.empty()) findings->push_back({false, line.where, text});
   }
 }
 
