@@ -1,6 +1,8 @@
 #include "ctl/command_line.h"
 
 #include "ctl/command.h"
+#include "ctl/display.h"
+#include "ctl/json_output.h"
 
 namespace ctl {
 
@@ -34,6 +36,10 @@ int runCommandLine(int argc, const char* const* argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kExitFine : kExitUsage;
+  } catch (const std::exception& error) {
+    complain(error.what());
+    if (invocation.json) printJson({{"failure", error.what()}});
+    return kExitFailure;
   }
   return invocation.exitStatus;
 }

@@ -71,20 +71,39 @@ static Json explainByPage(const ExplainOptions& options, const std::string& url)
       "/explain?format=json&url=" + encoded(url) + "&method=" + encoded(options.method);
   if (!options.host.empty()) asked += "&host=" + encoded(options.host);
   if (!options.cookie.empty()) asked += "&cookie=" + encoded(options.cookie);
-  try {
-    return Json::parse(fetchUrl(asked, options.timeout));
-  } catch (const Json::exception&) {
-    throw std::runtime_error(visible(options.page) + " gives no explanations");
-  }
+  return parsePeerJson(fetchUrl(asked, options.timeout));
 }
 
-static void show(const Json& explained, const ExplainOptions& options,
-                 const Invocation& invocation) {
-  if (invocation.json) return printJson(explained);
+static std::string textOf(const Json& explained, const ExplainOptions& options) {
   const std::string host = explained.value("host", "");
-  print(visible(explained.value("uri", "")) + " (" +
-        (host.empty() ? "no host" : "host " + visible(host)) + ")\n");
-  print(textOf(explained, options.all));
+  return visible(explained.value("uri", "")) + " (" +
+         (host.empty() ? "no host" : "host " + visible(host)) + ")\n" +
+         textOf(explained, options.all);
+}
+
+// Shown is what can be shown whole: a page may be another's, and lack anything.
+static int showByPage(const ExplainOptions& options, const std::string& url,
+                      const Invocation& invocation) try {
+  const Json explained = explainByPage(options, url);
+  const std::string text = textOf(explained, options);
+  const bool taken = !explained.at("winner").is_null();
+  if (invocation.json)
+    printJson(explained);
+  else
+    print(text);
+  return taken ? kExitFine : kExitWarning;
+} catch (const Json::exception&) {
+  throw std::runtime_error(visible(options.page) + " gives no explanations");
+}
+
+static int showByConfiguration(const ExplainOptions& options, const Target& target,
+                               const Invocation& invocation) {
+  const Json explained = explainByConfiguration(options, target, invocation.verbose);
+  if (invocation.json)
+    printJson(explained);
+  else
+    print(textOf(explained, options));
+  return explained.at("winner").is_null() ? kExitWarning : kExitFine;
 }
 
 static int runExplain(const ExplainOptions& options, const Invocation& invocation) {
@@ -92,19 +111,21 @@ static int runExplain(const ExplainOptions& options, const Invocation& invocatio
   Target target = readTarget(url);
   if (!target.failure.empty()) {
     complain(visible(target.failure));
+    if (invocation.json) printJson({{"failure", target.failure}});
     return kExitUsage;
   }
   if (!options.host.empty()) target.host = options.host;
   if (host::uriIsEvil(target.uri))
     complain("a web server refuses or rewrites a path with //, /. or /.. in it");
-  const Json explained = options.page.empty()
-                             ? explainByConfiguration(options, target, invocation.verbose)
-                             : explainByPage(options, url);
-  show(explained, options, invocation);
-  return explained.at("winner").is_null() ? kExitWarning : kExitFine;
+  return options.page.empty() ? showByConfiguration(options, target, invocation)
+                              : showByPage(options, url, invocation);
 }
 
 static bool isComplete(const ExplainOptions& options) {
+  if (!options.page.empty() && !isUrl(options.page)) {
+    complain("--from takes a URL with http:// or https://, not " + visible(options.page));
+    return false;
+  }
   const std::size_t expected = options.page.empty() ? 2 : 1;
   if (options.words.size() == expected) return true;
   complain(expected == 2 ? "CONFIG and URL are needed" : "--from takes no CONFIG");

@@ -1,6 +1,7 @@
 #include "ctl/json_output.h"
 
 #include <cmath>
+#include <stdexcept>
 
 #include "ctl/display.h"
 
@@ -8,8 +9,16 @@ namespace ctl {
 
 void printJson(const Json& value) {
   constexpr int kIndent = 2;
-  print(value.dump(kIndent, ' ', /*ensure_ascii=*/false, Json::error_handler_t::replace));
+  print(value.dump(kIndent, ' ', /*ensure_ascii=*/true, Json::error_handler_t::replace));
   print("\n");
+}
+
+Json parsePeerJson(const std::string& text) {
+  constexpr int kDeepest = 32;
+  return Json::parse(text, [](int depth, Json::parse_event_t, Json&) {
+    if (depth > kDeepest) throw std::runtime_error("the answer is nested too deep");
+    return true;
+  });
 }
 
 Json textOrNull(const std::string& text) {

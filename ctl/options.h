@@ -10,6 +10,9 @@ namespace ctl {
 
 constexpr double kDefaultTimeout = 5;
 constexpr double kMostSeconds = 86400;
+
+// Takes a number from `least` to kMostSeconds.
+[[nodiscard]] CLI::Validator secondsFrom(double least);
 constexpr int kMostQuestions = 1000000;
 
 // "--timeout S", whose default is what the variable holds.

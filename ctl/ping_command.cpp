@@ -136,7 +136,7 @@ void addPing(CLI::App& app, Invocation& invocation) {
       ->check(CLI::Range(1, kMostQuestions))
       ->type_name("N");
   command->add_option("-i,--interval", options->interval, "Seconds between two of them")
-      ->check(CLI::Range(0.0, kMostSeconds))
+      ->check(secondsFrom(0.0))
       ->type_name("S");
   addTimeout(*command, options->timeout);
   command->callback(

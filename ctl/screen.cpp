@@ -22,7 +22,8 @@ constexpr char kClearBelow[] = "\033[J";
 static sigset_t watchedSignals() {
   sigset_t set;
   (void)sigemptyset(&set);
-  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGTSTP, SIGWINCH})
+  for (const int number :
+       {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGALRM, SIGUSR1, SIGUSR2, SIGTSTP, SIGWINCH})
     (void)sigaddset(&set, number);
   return set;
 }

@@ -75,7 +75,7 @@ class Judge {
 
   void checkBalance(const ServerFacts& server) {
     const std::string algorithm = valueOf(server.props, "algorithm");
-    const bool weighted = algorithm.ends_with("_WEIGHTED");
+    const bool weighted = isAlgorithm(algorithm) && algorithm.ends_with("_WEIGHTED");
     if (weighted && numberOf(server, "weight", 1) <= 0)
       warn(server.name, "its weight is 0 or below: with " + algorithm +
                             (algorithm.starts_with("RANDOM") ? " it gets no requests"

@@ -134,6 +134,7 @@ View ServersSource::look() {
     view.servers.add(rowOf(facts));
     view.json["servers"].push_back(jsonOf(facts));
   }
+  view.allWell = up == std::ssize(all);
   if (all.empty()) view.failure = "neither bootstrap nor store names a server";
   view.summary = std::to_string(up) + " of " + std::to_string(all.size()) +
                  " servers answer this program";

@@ -113,7 +113,7 @@ static std::string eventLine(const Json& event) {
 View StatusPageSource::look() {
   View view;
   try {
-    view.json = Json::parse(fetchUrl(url, timeout));
+    view.json = parsePeerJson(fetchUrl(url, timeout));
     view.summary = summaryOf(view.json);
     view.servers.add(titles({"SERVER", "STATE", "SINCE", "WEIGHT", "REQUESTS", "PER S",
                              "ERRORS", "ACTIVE", "IDLE", "P50 MS", "P99 MS"}));

@@ -97,7 +97,7 @@ class Picture {
 // One object a line: a stream that programs can read as it comes.
 static std::string jsonLine(const View& view) {
   const Json shown = view.failure.empty() ? view.json : Json{{"failure", view.failure}};
-  return shown.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+  return shown.dump(-1, ' ', true, Json::error_handler_t::replace) + "\n";
 }
 
 class Watch {
@@ -128,7 +128,7 @@ class Watch {
 
 void Watch::takeLook() {
   View view = looker.take();
-  exitStatus = view.failure.empty() ? kExitFine : kExitFailure;
+  exitStatus = view.failure.empty() && view.allWell ? kExitFine : kExitFailure;
   ++looks;
   if (json) return screen.show(jsonLine(view));
   picture.update(std::move(view));
@@ -186,7 +186,7 @@ void addWatch(CLI::App& app, Invocation& invocation) {
                    "URL of a status page, or a web server's configuration")
       ->required();
   command->add_option("-i,--interval", options->interval, "Seconds between two looks")
-      ->check(CLI::Range(0.0, kMostSeconds))
+      ->check(secondsFrom(0.0))
       ->type_name("S")
       ->capture_default_str();
   command->add_option("-c,--count", options->count, "End after so many looks")

@@ -17,6 +17,7 @@ namespace ctl {
 // What one look gave.
 struct View {
   std::string failure;  // empty: it was answered; harmless text
+  bool allWell = true;  // all that was asked has answered
   std::string summary;  // one line
   Table servers;
   std::vector<std::string> news;  // lines, the newest last

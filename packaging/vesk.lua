@@ -378,11 +378,17 @@ end
 
 -- Showing -----------------------------------------------------------------------------
 
+-- What peers have sent steers no terminal.
+local function harmless(text)
+  return (text:gsub("%c", function(byte) return ("\\x%02x"):format(byte:byte()) end))
+end
+
 local function show(tree, tvb, node)
   local range = tvb(node.from, node.to - node.from)
   local item
   if node.title then
-    item = tree:add(vesk, range, node.title .. (node.words and ": " .. node.words or ""))
+    item = tree:add(vesk, range,
+                    harmless(node.title .. (node.words and ": " .. node.words or "")))
   elseif node.value ~= nil then
     item = tree:add(node.field, range, node.value)
   else
@@ -448,7 +454,7 @@ function vesk.dissector(tvb, pinfo, root)
   if waits and #nodes == 0 then return end
   pinfo.cols.protocol = "Vesk"
   -- What comes behind this in the same packet is put behind it.
-  pinfo.cols.info = infoOf(nodes, toServer) .. " "
+  pinfo.cols.info = harmless(infoOf(nodes, toServer)) .. " "
   local tree = root:add(vesk, tvb(0, waits and at or tvb:len()))
   for _, node in ipairs(nodes) do show(tree, tvb, node) end
   if not problem or waits then return end

@@ -17,7 +17,7 @@ namespace host {
 constexpr std::int64_t kMaxSeconds = INT_MAX / 1000;
 
 // Waits beyond this, in whole half thousands, were most likely meant as milliseconds.
-constexpr std::int64_t kSuspiciousSeconds = 5000;
+constexpr std::int64_t kSuspiciousSeconds = 1000;
 constexpr std::int64_t kSuspiciousStep = 500;
 
 constexpr OptionRule kRules[] = {

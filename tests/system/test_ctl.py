@@ -240,7 +240,7 @@ def test_watch_shows_what_a_web_server_counts_and_what_servers_answer(site):
         servers[0].address: "up", servers[1].address: "down"}
     assert f"vesk server {servers[1].address} DOWN connect: refused" in out.decode()
     code, seen = ctl_json("watch", host.path("conf"), "--count", 1)
-    assert code == 0 and [(one["state"], one["failure"]) for one in seen["servers"]] == [
+    assert code == 2 and [(one["state"], one["failure"]) for one in seen["servers"]] == [
         ("up", None), ("down", "refused")]
 
 
