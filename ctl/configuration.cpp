@@ -6,13 +6,12 @@
 
 #include <charconv>
 #include <filesystem>
-#include <fstream>
 #include <set>
 #include <sstream>
-#include <stdexcept>
 
 #include "embedded/config.h"
 #include "embedded/privileges.h"
+#include "layer/text.h"
 
 namespace ctl {
 
@@ -39,18 +38,13 @@ std::string Configuration::option(const std::string& name) const {
   return value ? *value : std::string();
 }
 
-static std::string readFile(const std::string& file) {
-  std::ifstream in(file, std::ios::binary);
-  std::ostringstream text;
-  if (!in || !(text << in.rdbuf())) throw std::runtime_error("can't read " + file);
-  return text.str();
-}
-
 // Only a file of vesk-host has these lines; httpd has no such directives.
 static bool isOfVeskHost(const std::string& text) {
   std::istringstream in(text);
   for (std::string line; std::getline(in, line);) {
-    if (line.starts_with("Init ") || line.starts_with("<Object ")) return true;
+    std::string_view rest = host::trimmed(line, host::kBlanks);
+    const std::string_view name = host::takeWord(&rest, host::kBlanks);
+    if (name == "Init" || name == "<Object") return true;
   }
   return false;
 }
@@ -173,7 +167,7 @@ Configuration readConfiguration(const std::string& file) {
   Configuration configuration;
   configuration.user = geteuid();
   configuration.group = getegid();
-  const std::string text = readFile(file);
+  const std::string text = readWholeFile(file);
   configuration.isHttpd = !isOfVeskHost(text);
   if (configuration.isHttpd) {
     readHttpd(file, &configuration);

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <set>
 #include <sstream>
@@ -20,7 +21,10 @@ namespace fs = std::filesystem;
 using host::kBlanks;
 using host::trimmed;
 
-constexpr int kMostIncludes = 40;  // within each other
+constexpr std::size_t kMostIncludes = 40;  // within each other
+constexpr int kMostFiles = 10000;          // and folders, in all
+// A value that is made of itself doubles with each line.
+constexpr std::size_t kLongestLine = std::size_t{1} << 20;
 
 // Modules that are there without a LoadModule line, as Debian builds httpd.
 constexpr const char* kBuiltIn[] = {"core",  "http", "log_config", "logio",
@@ -75,12 +79,15 @@ static std::string moduleOf(std::string name) {
   return name;
 }
 
-static std::string readWhole(const fs::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  std::ostringstream text;
-  if (fs::is_directory(file) || !(text << in.rdbuf()))
-    throw std::runtime_error("can't read " + file.string());
-  return text.str();
+// Anything but a file may have no end, or never begin.
+std::string readWholeFile(const std::string& file) {
+  std::error_code error;
+  std::ifstream in;
+  if (fs::is_regular_file(file, error)) in.open(file, std::ios::binary);
+  std::string text;
+  if (in.is_open()) text.assign(std::istreambuf_iterator<char>(in), {});
+  if (!in.is_open() || in.bad()) throw std::runtime_error("can't read " + file);
+  return text;
 }
 
 namespace {
@@ -92,7 +99,7 @@ class Reader {
   void begin(const fs::path& file) {
     serverRoot = fs::absolute(file).parent_path();
     readEnvironment(serverRoot / "envvars");
-    readText(readWhole(file), file.string());
+    readOpen(file);
   }
 
  private:
@@ -100,6 +107,22 @@ class Reader {
     HttpdSection section;
     bool isCondition;
     bool holds;
+  };
+
+  // Keeps a file or folder among those that are being read.
+  class Reading {
+   public:
+    Reading(Reader* reader, const fs::path& file) : paths(&reader->reading) {
+      paths->push_back(fs::weakly_canonical(file));
+    }
+    ~Reading() {
+      paths->pop_back();
+    }
+    Reading(const Reading&) = delete;
+    Reading& operator=(const Reading&) = delete;
+
+   private:
+    std::vector<fs::path>* paths;
   };
 
   void complain(const std::string& where, const std::string& text) {
@@ -125,17 +148,24 @@ class Reader {
     return found == values.end() ? std::getenv(name.c_str()) : found->second.c_str();
   }
 
-  // A name without a value stays as it is, as httpd leaves it.
+  // The name that a "${" at the beginning opens, or "". It ends at the next '$' too, so
+  // that a line full of them is looked at once.
+  static std::string nameAt(std::string_view text) {
+    if (!text.starts_with("${")) return "";
+    const std::size_t end = text.find_first_of("$}", 2);
+    const bool whole = end != std::string_view::npos && text[end] == '}';
+    return whole ? std::string(text.substr(2, end - 2)) : "";
+  }
+
+  // A name without a value stays as it is, as httpd leaves it. What gets too long is cut
+  // one byte or more behind the limit.
   [[nodiscard]] std::string expanded(std::string_view text) const {
     std::string whole;
-    for (std::size_t at = 0; at < text.size(); ++at) {
-      const std::size_t end =
-          text.substr(at).starts_with("${") ? text.find('}', at) : std::string::npos;
-      const char* value = end == std::string::npos
-                              ? nullptr
-                              : valueOf(std::string(text.substr(at + 2, end - at - 2)));
-      whole.append(value ? std::string_view(value) : text.substr(at, 1));
-      if (value) at = end;
+    while (!text.empty() && whole.size() <= kLongestLine) {
+      const std::string name = nameAt(text);
+      const char* value = name.empty() ? nullptr : valueOf(name);
+      whole.append(value ? std::string_view(value) : text.substr(0, 1));
+      text.remove_prefix(value ? name.size() + std::string_view("${}").size() : 1);
     }
     return whole;
   }
@@ -163,6 +193,8 @@ class Reader {
     if (text.empty() || text.front() == '#') return;
     if (text.starts_with("</")) return closeSection(text, where);
     const std::string whole = expanded(text);
+    if (whole.size() > kLongestLine) return complain(where, "the line is too long");
+    if (whole.empty()) return;
     if (whole.front() == '<') return openSection(whole, where);
     if (std::any_of(open.begin(), open.end(), [](const Open& one) { return !one.holds; }))
       return;
@@ -215,22 +247,34 @@ class Reader {
   }
 
   void include(const std::string& pattern, const std::string& where, bool optional) {
-    if (depth >= kMostIncludes)
-      return complain(where, "too many files within each other");
     const std::string full = (serverRoot / pattern).lexically_normal();
     glob_t found{};
     const int failed = glob(full.c_str(), 0, nullptr, &found);
     std::vector<std::string> files(found.gl_pathv, found.gl_pathv + found.gl_pathc);
     globfree(&found);
     if (failed != 0 && !optional) complain(where, "there is no file " + full);
-    ++depth;
     for (const std::string& file : files) includeOne(file, where);
-    --depth;
+  }
+
+  // Why one more file or folder can't be read within those that are open, or "".
+  std::string whyNot(const fs::path& file) {
+    if (filesRead >= kMostFiles) return "too many files";
+    if (reading.size() >= kMostIncludes) return "too many files within each other";
+    if (std::find(reading.begin(), reading.end(), fs::canonical(file)) != reading.end())
+      return file.string() + " includes itself";
+    return "";
   }
 
   // A folder stands for all files in it, in order of their names.
   void includeOne(const fs::path& file, const std::string& where) try {
-    if (!fs::is_directory(file)) return readText(readWhole(file), file.string());
+    const std::string reason = gaveUp ? "" : whyNot(file);
+    // Told once: what asks for that many would be told as often.
+    gaveUp = gaveUp || filesRead >= kMostFiles;
+    if (!reason.empty()) return complain(where, reason);
+    if (gaveUp) return;
+    if (!fs::is_directory(file)) return readOpen(file);
+    ++filesRead;
+    const Reading current(this, file);
     std::set<fs::path> files;
     for (const auto& entry : fs::directory_iterator(file)) files.insert(entry.path());
     for (const fs::path& one : files) includeOne(one, where);
@@ -238,12 +282,20 @@ class Reader {
     complain(where, error.what());
   }
 
+  void readOpen(const fs::path& file) {
+    ++filesRead;
+    const Reading current(this, file);
+    readText(readWholeFile(file), file.string());
+  }
+
   HttpdLines* result;
   std::set<std::string> modules;
   std::map<std::string, std::string> values{};  // of Define, and of the environment
   fs::path serverRoot{};
   std::vector<Open> open{};
-  int depth = 0;
+  std::vector<fs::path> reading{};  // files and folders within each other
+  int filesRead = 0;
+  bool gaveUp = false;
 };
 
 }  // namespace

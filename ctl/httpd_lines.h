@@ -3,7 +3,8 @@
 // Include with wildcards, continued lines, Define and ${NAME}, ServerRoot, and the
 // sections that hold or don't: <IfModule> by the LoadModule lines above it, <IfDefine>,
 // <IfFile>; <IfVersion> and the like are taken to hold. Macros and what a module makes of
-// lines of its own are not known.
+// lines of its own are not known. A file within itself, more files than any site has and
+// lines that grow without end are faults.
 //
 // Ownership: the caller's. Threads: one. Files are read, none is changed. Failure: what
 // can't be read stands among the faults, and reading goes on.
@@ -40,6 +41,9 @@ struct HttpdLines {
   std::vector<HttpdLine> lines;
   std::vector<HttpdFault> faults;
 };
+
+// What stands in a file. Throws when that can't be read, or isn't a regular file.
+[[nodiscard]] std::string readWholeFile(const std::string& file);
 
 // A relative name counts from the working folder. Throws when the file itself can't be
 // read.

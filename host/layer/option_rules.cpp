@@ -166,6 +166,10 @@ static std::size_t distance(std::string_view a, std::string_view b) {
 
 std::string_view nearestOption(std::string_view word) {
   constexpr std::size_t kNear = 3;
+  // No option has a name half as long, and the distance takes a step for each pair of
+  // letters.
+  constexpr std::size_t kLongestWord = 64;
+  if (word.size() > kLongestWord) return {};
   const auto* nearest = std::min_element(
       std::begin(kRules), std::end(kRules), [word](const auto& a, const auto& b) {
         return distance(word, a.name) < distance(word, b.name);

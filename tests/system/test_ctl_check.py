@@ -69,6 +69,9 @@ HTTPD_ROWS = [
      ":9 the virtual host *:81 has lines of its own, and none of them runs veskfilter"),
     ("Include two.inc", ":8 there is no file"),
     ("IncludeOptional two.inc", None),
+    ("Include empty.inc", None),
+    ("Include self.part", "self.part:1 "),
+    ("Define A xx\n" + "Define A ${A}${A}\n" * 19, ":27 the line is too long"),
     ("ThreadsPerChild 32", "up to 2 child processes"),
     ("NSAPIService type=vesk-internal/*", ":8 the directive has no fn"),
 ]
@@ -77,6 +80,8 @@ HTTPD_ROWS = [
 @pytest.mark.parametrize("extra, expected", HTTPD_ROWS)
 def test_lines_of_httpd_are_found_as_httpd_finds_them(cluster, tmp_path, extra, expected):
     (tmp_path / "one.inc").write_text("# a comment\nProxyPass \\\n  /shop http://a/\n")
+    (tmp_path / "empty.inc").write_text("")
+    (tmp_path / "self.part").write_text("Include self.part\n")
     conf = httpd(tmp_path, extra=extra, bootstrap=cluster.servers[0].address)
     found = [one for one in said(ctl("check", conf)[1])
              if "can never" not in one and "in a host" not in one]
