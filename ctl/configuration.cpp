@@ -105,7 +105,7 @@ static bool readParameters(const HttpdLine& line, Directive* directive,
 }
 
 static void takeFunctionLine(const HttpdLine& line, Configuration* configuration) {
-  const std::string* virtualHost = line.within("virtualhost");
+  const HttpdSection* virtualHost = line.within("virtualhost");
   Directive directive;
   if (line.name == "nsapiinit") {
     if (readParameters(line, &directive, configuration))
@@ -113,10 +113,10 @@ static void takeFunctionLine(const HttpdLine& line, Configuration* configuration
     return;
   }
   for (const StageName& row : kStageNames) {
-    if (line.name != row.name || line.text == "none") continue;
+    if (line.name != row.name || host::equalsNoCase(line.text, "none")) continue;
     if (readParameters(line, &directive, configuration))
       configuration->stages.push_back(
-          {row.stage, std::move(directive), virtualHost ? *virtualHost : ""});
+          {row.stage, std::move(directive), virtualHost ? *virtualHost : HttpdSection{}});
   }
 }
 
@@ -188,44 +188,79 @@ static host::CheckedLines linesOf(const Configuration& configuration) {
   return lines;
 }
 
-// The lines of a virtual host take the place of the main server's, all of them.
+static std::vector<HttpdSection> virtualHostsOf(const Configuration& configuration) {
+  std::set<std::string> places;
+  std::vector<HttpdSection> sections;
+  for (const StageLine& line : configuration.stages) {
+    const HttpdSection& one = line.virtualHost;
+    if (!one.name.empty() && places.insert(one.where).second) sections.push_back(one);
+  }
+  return sections;
+}
+
+// The lines of a virtual host take the place of the main server's, all of them. Several
+// may have the same address, so that it is their place in the file that counts.
 static void checkVirtualHosts(const Configuration& configuration,
                               std::vector<Finding>* findings) {
-  std::set<std::string> names;
-  for (const StageLine& line : configuration.stages) names.insert(line.virtualHost);
-  names.erase("");
-  for (const std::string& name : names) {
+  for (const HttpdSection& section : virtualHostsOf(configuration)) {
     host::CheckedLines lines{{}, {}, 0, 0};
     for (const StageLine& line : configuration.stages) {
-      if (line.virtualHost == name)
+      if (line.virtualHost.where == section.where)
         lines.stages.emplace_back(line.stage, &line.directive);
     }
     const char* missing = host::missingFunction(lines);
     if (!missing) continue;
     findings->push_back({false, lines.stages.front().second->where,
-                         "the virtual host " + name +
+                         "the virtual host " + section.argument +
                              " has lines of its own, and none of them runs " + missing});
   }
 }
 
+namespace {
+
+// How httpd spreads its workers over processes.
+struct Children {
+  std::string where;  // the last line that tells
+  int threads;
+  int workers;
+  int most;  // child processes
+};
+
+}  // namespace
+
 // What httpd runs with where no line says otherwise.
-constexpr int kUsualThreads = 25;
-constexpr int kUsualWorkers = 400;
+static Children usualChildren(const Configuration& configuration) {
+  for (const HttpdLine& line : configuration.httpdLines) {
+    if (line.name == "loadmodule" && line.word() == "mpm_prefork_module")
+      return {line.where, 1, 256, 256};
+  }
+  return {"", 25, 400, 16};
+}
+
+// Prefork ignores what is said of threads.
+static Children childrenOf(const Configuration& configuration) {
+  Children found = usualChildren(configuration);
+  const bool prefork = found.threads == 1;
+  for (const HttpdLine& line : configuration.httpdLines) {
+    int* number = nullptr;
+    if (line.name == "threadsperchild" && !prefork) number = &found.threads;
+    if (line.name == "maxrequestworkers" || line.name == "maxclients")
+      number = &found.workers;
+    if (line.name == "serverlimit") number = &found.most;
+    if (!number) continue;
+    *number = std::atoi(line.word().c_str());
+    found.where = line.where;
+  }
+  return found;
+}
 
 static void checkChildren(const Configuration& configuration,
                           std::vector<Finding>* findings) {
-  int threads = kUsualThreads;
-  int workers = kUsualWorkers;
-  std::string where;
-  for (const HttpdLine& line : configuration.httpdLines) {
-    const bool isThreads = line.name == "threadsperchild";
-    if (!isThreads && line.name != "maxrequestworkers") continue;
-    (isThreads ? threads : workers) = std::atoi(line.word().c_str());
-    where = line.where;
-  }
-  if (threads < 1 || workers <= threads) return;
-  const int children = (workers + threads - 1) / threads;
-  findings->push_back({false, where,
+  const Children found = childrenOf(configuration);
+  if (found.threads < 1 || found.workers <= found.threads || found.most <= 1) return;
+  const int wanted = (found.workers - 1) / found.threads + 1;
+  const int children = std::min(wanted, found.most);
+  findings->push_back({false, found.where,
                        "up to " + std::to_string(children) +
                            " child processes at once: each has servers, connections and "
                            "limits of its own; one with many threads is recommended"});

@@ -20,7 +20,7 @@ namespace ctl {
 struct StageLine {
   host::Stage stage;
   host::Directive directive;
-  std::string virtualHost;  // of httpd; empty: of all
+  HttpdSection virtualHost;  // of httpd; without a name: of all
 };
 
 struct Configuration {

@@ -63,11 +63,11 @@ std::string HttpdLine::word() const {
   return takeWord(&rest);
 }
 
-const std::string* HttpdLine::within(const std::string& section) const {
+const HttpdSection* HttpdLine::within(const std::string& section) const {
   const auto found =
       std::find_if(sections.rbegin(), sections.rend(),
                    [&section](const auto& one) { return one.name == section; });
-  return found == sections.rend() ? nullptr : &found->argument;
+  return found == sections.rend() ? nullptr : &*found;
 }
 
 // "nsapi" for "nsapi_module", "mod_nsapi.c" and "mod_nsapi".
@@ -218,7 +218,7 @@ class Reader {
     // <Location ~ "regex">
     if (argument == "~") argument += " " + takeWord(&text);
     const bool isCondition = name.starts_with("if") && name != "if";
-    open.push_back({{name, argument}, isCondition, holds(name, argument)});
+    open.push_back({{name, argument, where}, isCondition, holds(name, argument)});
   }
 
   [[nodiscard]] bool holds(const std::string& name, std::string argument) const {

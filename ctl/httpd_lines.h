@@ -18,6 +18,7 @@ namespace ctl {
 struct HttpdSection {
   std::string name;      // in lower case, as "location"
   std::string argument;  // without quotes
+  std::string where;     // "file:line" of its begin
 };
 
 struct HttpdLine {
@@ -28,8 +29,8 @@ struct HttpdLine {
 
   // The first word of the text, without quotes.
   [[nodiscard]] std::string word() const;
-  // The argument of the innermost section of that name; null when it stands in none.
-  [[nodiscard]] const std::string* within(const std::string& section) const;
+  // The innermost section of that name; null when it stands in none.
+  [[nodiscard]] const HttpdSection* within(const std::string& section) const;
 };
 
 struct HttpdFault {

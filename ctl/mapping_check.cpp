@@ -99,10 +99,10 @@ static std::string firstPath(const HttpdLine& line) {
 // The place that a line is about, or nothing: of a regular expression nobody can tell.
 static std::optional<std::string> placeOf(const HttpdLine& line) {
   if (line.within("locationmatch") || line.within("if")) return std::nullopt;
-  const std::string* location = line.within("location");
+  const HttpdSection* location = line.within("location");
   if (!location) return firstPath(line);
-  if (location->starts_with('~')) return std::nullopt;
-  return *location;
+  if (location->argument.starts_with('~')) return std::nullopt;
+  return location->argument;
 }
 
 static std::optional<Claim> claimOf(const HttpdLine& line) {
@@ -110,16 +110,17 @@ static std::optional<Claim> claimOf(const HttpdLine& line) {
   std::string text;
   if (line.name == "nsapiengine" && host::equalsNoCase(word, "off"))
     text = "NSAPIEngine Off leaves it to httpd";
-  if (line.name == "nsapiobjecttype" && word == "none")
+  if (line.name == "nsapiobjecttype" && host::equalsNoCase(line.text, "none"))
     text = "no function looks for a type here";
   if (line.name == "proxypass" && line.text.find('!') == std::string::npos)
     text = "ProxyPass takes it";
-  if (line.name == "redirect" || line.name == "redirectpermanent")
+  if (line.name == "redirect" || line.name == "redirectpermanent" ||
+      line.name == "redirecttemp")
     text = "it is redirected";
   const std::optional<std::string> place = placeOf(line);
   if (text.empty() || !place) return std::nullopt;
-  if (const std::string* virtualHost = line.within("virtualhost"))
-    text += " in the virtual host " + visible(*virtualHost);
+  if (const HttpdSection* virtualHost = line.within("virtualhost"))
+    text += " in the virtual host " + visible(virtualHost->argument);
   const bool all = *place == "/" || place->empty();
   return Claim{all ? "" : *place, line.where, text};
 }
