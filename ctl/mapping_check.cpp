@@ -153,10 +153,25 @@ static bool takesWhole(const Claim& claim, const uriPattern& pattern) {
   return below && !pattern.contains;
 }
 
+// Whether a line of the engine switches it on again in a place within a claim's.
+static bool isLifted(const Claim& claim, const HttpdLine& line) {
+  if (line.name != "nsapiengine" || !host::equalsNoCase(line.word(), "on")) return false;
+  const std::optional<std::string> place = placeOf(line);
+  return !place ||
+         (place->size() > claim.prefix.size() && place->starts_with(claim.prefix));
+}
+
 static std::vector<Claim> claimsOf(const Configuration& configuration) {
+  const std::vector<HttpdLine>& lines = configuration.httpdLines;
   std::vector<Claim> claims;
-  for (const HttpdLine& line : configuration.httpdLines) {
-    if (std::optional<Claim> claim = claimOf(line)) claims.push_back(std::move(*claim));
+  for (const HttpdLine& line : lines) {
+    std::optional<Claim> claim = claimOf(line);
+    if (!claim) continue;
+    const bool lifted =
+        line.name == "nsapiengine" &&
+        std::any_of(lines.begin(), lines.end(),
+                    [&claim](const HttpdLine& one) { return isLifted(*claim, one); });
+    if (!lifted) claims.push_back(std::move(*claim));
   }
   addOtherService(configuration, &claims);
   return claims;

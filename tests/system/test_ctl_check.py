@@ -67,12 +67,19 @@ HTTPD_ROWS = [
     ("<IfModule !mod_nsapi.c>\nInclude one.inc\n</IfModule>", None),
     ("<VirtualHost *:81>\nNSAPIService " + SERVE + "\n</VirtualHost>",
      ":9 the virtual host *:81 has lines of its own, and none of them runs veskfilter"),
+    ("<VirtualHost *:82>\nNSAPIObjectType " + FILTER + "\n</VirtualHost>\n" +
+     "<VirtualHost *:82>\nNSAPIService " + SERVE + "\nNSAPIObjectType " + FILTER + "\n</VirtualHost>",
+     ":9 the virtual host *:82 has lines of its own, and none of them runs veskservice"),
     ("Include two.inc", ":8 there is no file"),
     ("IncludeOptional two.inc", None),
     ("Include empty.inc", None),
     ("Include self.part", "self.part:1 "),
     ("Define A xx\n" + "Define A ${A}${A}\n" * 19, ":27 the line is too long"),
     ("ThreadsPerChild 32", "up to 2 child processes"),
+    ("ThreadsPerChild 32\nServerLimit 1", None),
+    ("LoadModule mpm_prefork_module x.so\nMaxRequestWorkers 9", "up to 9 child processes"),
+    ("NSAPIEngine Off\n<Location /shop>\nNSAPIEngine On\n</Location>", None),
+    ("<Location /shop>\nNSAPIObjectType None\n</Location>", "no function looks for a type here"),
     ("NSAPIService type=vesk-internal/*", ":8 the directive has no fn"),
 ]
 
