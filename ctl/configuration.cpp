@@ -4,8 +4,10 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <filesystem>
+#include <iterator>
 #include <set>
 #include <sstream>
 
@@ -151,11 +153,26 @@ static void takeServerName(const HttpdLine& line, Configuration* configuration) 
   configuration->serverName = name.substr(0, name.find(':'));
 }
 
+// All directives of the module; httpd knows no other by such a name.
+constexpr std::string_view kDirectives[] = {
+    "nsapiinit",     "nsapinametrans", "nsapiobjecttype",    "nsapiservice",
+    "nsapiengine",   "nsapifiles",     "nsapierroroverride", "nsapiclientnames",
+    "nsapitlsfront", "nsapienvvar",    "nsapimapping"};
+
+static void checkName(const HttpdLine& line, Configuration* configuration) {
+  const bool known = std::find(std::begin(kDirectives), std::end(kDirectives),
+                               line.name) != std::end(kDirectives);
+  if (line.name.starts_with("nsapi") && !known)
+    configuration->findings.push_back(
+        {true, line.where, "unknown directive \"" + line.name + "\""});
+}
+
 static void readHttpd(const std::string& file, Configuration* configuration) {
   HttpdLines all = readHttpdLines(file);
   for (const HttpdFault& fault : all.faults)
     configuration->findings.push_back({true, fault.where, fault.text});
   for (const HttpdLine& line : all.lines) {
+    checkName(line, configuration);
     takeFunctionLine(line, configuration);
     takeIdentity(line, configuration);
     takeServerName(line, configuration);

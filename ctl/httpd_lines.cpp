@@ -172,6 +172,7 @@ class Reader {
 
   void readText(const std::string& text, const std::string& file) {
     std::istringstream in(text);
+    const std::size_t outer = open.size();
     std::string whole;
     int begin = 0;
     int number = 0;
@@ -186,6 +187,10 @@ class Reader {
       }
       readLine(trimmed(whole, kBlanks), file + ":" + std::to_string(begin));
       whole.clear();
+    }
+    for (; open.size() > outer; open.pop_back()) {
+      const HttpdSection& section = open.back().section;
+      complain(section.where, "<" + section.name + "> has no end in its file");
     }
   }
 

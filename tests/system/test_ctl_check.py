@@ -80,6 +80,8 @@ HTTPD_ROWS = [
     ("LoadModule mpm_prefork_module x.so\nMaxRequestWorkers 9", "up to 9 child processes"),
     ("NSAPIEngine Off\n<Location /shop>\nNSAPIEngine On\n</Location>", None),
     ("<Location /shop>\nNSAPIObjectType None\n</Location>", "no function looks for a type here"),
+    ("<IfDefine X>\nInclude two.inc", ":8 <ifdefine> has no end"),
+    ("NSAPIServices " + SERVE, ':8 unknown directive "nsapiservices"'),
     ("NSAPIService type=vesk-internal/*", ":8 the directive has no fn"),
 ]
 
