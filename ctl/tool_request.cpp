@@ -111,7 +111,8 @@ struct ToolOperations {
     return nullptr;
   }
 
-  static std::string lineOf(const char* format, va_list args) {
+  [[gnu::format(printf, 1, 0)]] static std::string lineOf(const char* format,
+                                                          va_list args) {
     char line[kLineSize];
     (void)std::vsnprintf(line, sizeof line, format, args);
     return line;
